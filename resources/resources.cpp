@@ -1,0 +1,2 @@
+// Holds the compiled-in images and translations; the resource objects are
+// added to this library by the build.

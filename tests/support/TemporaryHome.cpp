@@ -1,0 +1,47 @@
+#include "TemporaryHome.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace {
+const char *const variables[] = {"HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"};
+}
+
+TemporaryHome::TemporaryHome()
+{
+    for (int i = 0; i < 4; ++i)
+        _saved[i] = qgetenv(variables[i]);
+    const QString home = _dir.path();
+    qputenv("HOME", home.toUtf8());
+    qputenv("XDG_CONFIG_HOME", (home + "/.config").toUtf8());
+    qputenv("XDG_STATE_HOME", (home + "/.local/state").toUtf8());
+    qputenv("XDG_DATA_HOME", (home + "/.local/share").toUtf8());
+    QDir(home).mkpath(".config");
+}
+
+TemporaryHome::~TemporaryHome()
+{
+    for (int i = 0; i < 4; ++i) {
+        if (_saved[i].isNull())
+            qunsetenv(variables[i]);
+        else
+            qputenv(variables[i], _saved[i]);
+    }
+}
+
+QString TemporaryHome::path() const { return _dir.path(); }
+QString TemporaryHome::configHome() const { return _dir.path() + "/.config"; }
+QString TemporaryHome::stateHome() const { return _dir.path() + "/.local/state"; }
+QString TemporaryHome::filePath(const QString &relative) const { return _dir.path() + "/" + relative; }
+
+QString TemporaryHome::writeFile(const QString &relative, const QByteArray &contents) const
+{
+    const QString path = filePath(relative);
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return {};
+    file.write(contents);
+    return path;
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "QtPrinters.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+// A home folder of its own for one test: HOME and the XDG folders point into
+// a fresh temporary folder and are restored afterwards.
+class TemporaryHome
+{
+public:
+    TemporaryHome();
+    ~TemporaryHome();
+
+    QString path() const;
+    QString configHome() const;
+    QString stateHome() const;
+    QString filePath(const QString &relative) const;
+    // Writes a file (making its folders) and answers its absolute path.
+    QString writeFile(const QString &relative, const QByteArray &contents) const;
+
+private:
+    QTemporaryDir _dir;
+    QByteArray _saved[4];
+};
