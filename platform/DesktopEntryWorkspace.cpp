@@ -1,0 +1,90 @@
+#include "DesktopEntryWorkspace.h"
+
+#include "SystemLog.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTextStream>
+
+namespace {
+
+// Splits an Exec value by the quoting rules of desktop entries.
+QStringList splitExec(const QString &exec)
+{
+    QStringList words;
+    QString word;
+    bool quoted = false;
+    bool inWord = false;
+    for (qsizetype i = 0; i < exec.size(); ++i) {
+        const QChar c = exec.at(i);
+        if (quoted) {
+            if (c == QLatin1Char('\\') && i + 1 < exec.size()) {
+                word += exec.at(++i);
+            } else if (c == QLatin1Char('"')) {
+                quoted = false;
+            } else {
+                word += c;
+            }
+        } else if (c == QLatin1Char('"')) {
+            quoted = true;
+            inWord = true;
+        } else if (c.isSpace()) {
+            if (inWord)
+                words << word;
+            word.clear();
+            inWord = false;
+        } else {
+            word += c;
+            inWord = true;
+        }
+    }
+    if (inWord)
+        words << word;
+    return words;
+}
+
+} // namespace
+
+QStringList DesktopEntryWorkspace::commandOfDesktopEntry(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return {};
+    QTextStream in(&file);
+    bool inMainGroup = false;
+    QString exec;
+    while (!in.atEnd()) {
+        const QString line = in.readLine().trimmed();
+        if (line.startsWith(QLatin1Char('[')))
+            inMainGroup = line == QLatin1String("[Desktop Entry]");
+        else if (inMainGroup && line.startsWith(QLatin1String("Exec=")))
+            exec = line.mid(5);
+    }
+    QStringList command;
+    for (const QString &word : splitExec(exec)) {
+        // Field codes stand for files or URLs to open; we open none.
+        if (word.size() == 2 && word.startsWith(QLatin1Char('%')))
+            continue;
+        command << QString(word).replace(QLatin1String("%%"), QLatin1String("%"));
+    }
+    return command;
+}
+
+bool DesktopEntryWorkspace::launchAppWithBundleIdentifier(const QString &identifier)
+{
+    const QString entry =
+        QStandardPaths::locate(QStandardPaths::ApplicationsLocation, identifier + QStringLiteral(".desktop"));
+    if (entry.isEmpty()) {
+        SystemLog::log(QStringLiteral("no desktop entry for %1").arg(identifier));
+        return false;
+    }
+    QStringList command = commandOfDesktopEntry(entry);
+    if (command.isEmpty()) {
+        SystemLog::log(QStringLiteral("desktop entry %1 has no command").arg(entry));
+        return false;
+    }
+    const QString program = command.takeFirst();
+    return QProcess::startDetached(program, command);
+}

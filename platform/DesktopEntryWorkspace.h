@@ -1,0 +1,16 @@
+#pragma once
+
+#include "Workspace.h"
+
+#include <QStringList>
+
+// Launches programs through their desktop entries.
+class DesktopEntryWorkspace : public Workspace
+{
+public:
+    bool launchAppWithBundleIdentifier(const QString &identifier) override;
+
+    // The program and arguments of a desktop entry's Exec line, with its
+    // field codes dropped; empty when the entry cannot be used.
+    static QStringList commandOfDesktopEntry(const QString &path);
+};
