@@ -1,0 +1,360 @@
+#include "PropertyList.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QSaveFile>
+
+#include <plist/plist.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+
+namespace {
+
+struct NodeDeleter {
+    void operator()(void *node) const { plist_free(node); }
+};
+using Node = std::unique_ptr<void, NodeDeleter>;
+
+struct MallocDeleter {
+    void operator()(void *memory) const { std::free(memory); }
+};
+using Malloced = std::unique_ptr<void, MallocDeleter>;
+
+struct XmlBuffer {
+    char *text = nullptr;
+    uint32_t length = 0;
+    ~XmlBuffer()
+    {
+        if (text)
+            plist_to_xml_free(text);
+    }
+};
+
+void fail(QString *error, const QString &text)
+{
+    if (error)
+        *error = text;
+}
+
+// Property-list dates count seconds from 2001-01-01T00:00:00Z.
+const QDateTime &referenceDate()
+{
+    static const QDateTime date(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC);
+    return date;
+}
+
+QByteArray xmlOf(plist_t node)
+{
+    XmlBuffer xml;
+    plist_to_xml(node, &xml.text, &xml.length);
+    return xml.text ? QByteArray(xml.text, xml.length) : QByteArray();
+}
+
+// Parses a one-value XML document with libplist's own parser: the only public
+// way to make the nodes its constructors cannot (wide unsigned integers,
+// dates beyond the int32 seconds of plist_new_date).
+plist_t nodeFromXml(const QByteArray &element)
+{
+    const QByteArray xml = "<plist version=\"1.0\">" + element + "</plist>";
+    plist_t node = nullptr;
+    plist_from_xml(xml.constData(), uint32_t(xml.size()), &node);
+    return node;
+}
+
+QVariant dateFromNode(plist_t node, QString *error)
+{
+    int32_t seconds = 0;
+    int32_t micros = 0;
+    plist_get_date_val(node, &seconds, &micros);
+    if (seconds != std::numeric_limits<int32_t>::min() && seconds != std::numeric_limits<int32_t>::max()) {
+        // Before the reference date libplist hands out the fraction without its sign.
+        const qint64 fraction = micros / 1000;
+        return referenceDate().addMSecs(qint64(seconds) * 1000 + (seconds < 0 ? -fraction : fraction));
+    }
+    // libplist stores a double but clamps it to int32 seconds on the way out
+    // (before 1933, after 2068); its XML text still has the true date.
+    Node copy(plist_copy(node));
+    const QByteArray xml = xmlOf(copy.get());
+    const qsizetype start = xml.indexOf("<date>");
+    const qsizetype end = xml.indexOf("</date>");
+    if (start >= 0 && end > start) {
+        const QString text = QString::fromLatin1(xml.mid(start + 6, end - start - 6));
+        const QDateTime date = QDateTime::fromString(text, Qt::ISODate);
+        if (date.isValid())
+            return date.toUTC();
+    }
+    fail(error, QStringLiteral("unreadable date"));
+    return {};
+}
+
+QVariant fromNode(plist_t node, QString *error)
+{
+    switch (plist_get_node_type(node)) {
+    case PLIST_DICT: {
+        QVariantMap map;
+        plist_dict_iter iterator = nullptr;
+        plist_dict_new_iter(node, &iterator);
+        const Malloced iteratorGuard(iterator);
+        for (;;) {
+            char *key = nullptr;
+            plist_t child = nullptr;
+            plist_dict_next_item(node, iterator, &key, &child);
+            const Malloced keyGuard(key);
+            if (!child)
+                return map;
+            const QVariant value = fromNode(child, error);
+            if (!value.isValid())
+                return {};
+            map.insert(QString::fromUtf8(key), value);
+        }
+    }
+    case PLIST_ARRAY: {
+        QVariantList list;
+        const uint32_t size = plist_array_get_size(node);
+        list.reserve(size);
+        for (uint32_t i = 0; i < size; ++i) {
+            const QVariant value = fromNode(plist_array_get_item(node, i), error);
+            if (!value.isValid())
+                return {};
+            list.append(value);
+        }
+        return list;
+    }
+    case PLIST_BOOLEAN: {
+        uint8_t flag = 0;
+        plist_get_bool_val(node, &flag);
+        return bool(flag);
+    }
+    case PLIST_UINT: {
+        uint64_t raw = 0;
+        plist_get_uint_val(node, &raw);
+        if (raw <= uint64_t(std::numeric_limits<qint64>::max()))
+            return qint64(raw);
+        // These bits are a negative number or an unsigned one above INT64_MAX.
+        // libplist marks the unsigned ones with a wider size, and its
+        // comparison looks at that size: a plain node of the same bits
+        // matches only the negative kind.
+        const Node plain(plist_new_uint(raw));
+        if (plist_compare_node_value(node, plain.get()))
+            return qint64(raw);
+        return quint64(raw);
+    }
+    case PLIST_REAL: {
+        double real = 0;
+        plist_get_real_val(node, &real);
+        return real;
+    }
+    case PLIST_STRING: {
+        uint64_t length = 0;
+        const char *text = plist_get_string_ptr(node, &length);
+        return QString::fromUtf8(text, qsizetype(length));
+    }
+    case PLIST_DATA: {
+        uint64_t length = 0;
+        const char *bytes = plist_get_data_ptr(node, &length);
+        return QByteArray(bytes, qsizetype(length));
+    }
+    case PLIST_DATE:
+        return dateFromNode(node, error);
+    case PLIST_UID: {
+        uint64_t uid = 0;
+        plist_get_uid_val(node, &uid);
+        return qint64(uid);
+    }
+    default:
+        fail(error, QStringLiteral("unexpected element of type %1").arg(int(plist_get_node_type(node))));
+        return {};
+    }
+}
+
+QString describe(const QVariant &value)
+{
+    return value.isValid() ? QString::fromLatin1(value.typeName()) : QStringLiteral("an empty value");
+}
+
+plist_t toNode(const QVariant &value, const QString &where, QString *error);
+
+template <typename Map>
+plist_t dictFrom(const Map &map, const QString &where, QString *error)
+{
+    Node dict(plist_new_dict());
+    for (auto it = map.cbegin(); it != map.cend(); ++it) {
+        plist_t child = toNode(it.value(), where + QLatin1Char('/') + it.key(), error);
+        if (!child)
+            return nullptr;
+        plist_dict_set_item(dict.get(), it.key().toUtf8().constData(), child);
+    }
+    return dict.release();
+}
+
+plist_t dateNode(const QDateTime &dateTime, const QString &where, QString *error)
+{
+    const QDateTime utc = dateTime.toUTC();
+    // libplist writes the year unpadded, so only four-digit years read back.
+    if (!utc.isValid() || utc.date().year() < 1000 || utc.date().year() > 9999) {
+        fail(error, QStringLiteral("cannot store the date %1 in a property list (at %2)")
+                        .arg(dateTime.toString(Qt::ISODate), where));
+        return nullptr;
+    }
+    // XML keeps whole seconds; round down so that the text is the second the
+    // instant falls in.
+    const qint64 msecs = referenceDate().msecsTo(utc);
+    const qint64 seconds = msecs / 1000 - (msecs % 1000 < 0 ? 1 : 0);
+    if (seconds >= std::numeric_limits<int32_t>::min() && seconds <= std::numeric_limits<int32_t>::max())
+        return plist_new_date(int32_t(seconds), 0);
+    const QDateTime whole = referenceDate().addSecs(seconds);
+    return nodeFromXml("<date>" + whole.toString(Qt::ISODate).toLatin1() + "</date>");
+}
+
+plist_t toNode(const QVariant &value, const QString &where, QString *error)
+{
+    switch (value.typeId()) {
+    case QMetaType::QVariantMap:
+        return dictFrom(value.toMap(), where, error);
+    case QMetaType::QVariantHash:
+        return dictFrom(value.toHash(), where, error);
+    case QMetaType::QVariantList:
+    case QMetaType::QStringList: {
+        const QVariantList list = value.toList();
+        Node array(plist_new_array());
+        for (qsizetype i = 0; i < list.size(); ++i) {
+            plist_t child = toNode(list.at(i), where + QLatin1Char('/') + QString::number(i), error);
+            if (!child)
+                return nullptr;
+            plist_array_append_item(array.get(), child);
+        }
+        return array.release();
+    }
+    case QMetaType::Bool:
+        return plist_new_bool(value.toBool());
+    case QMetaType::Char:
+    case QMetaType::SChar:
+    case QMetaType::Short:
+    case QMetaType::Int:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+        // libplist keeps integers as uint64 bits and writes them signed.
+        return plist_new_uint(uint64_t(value.toLongLong()));
+    case QMetaType::UChar:
+    case QMetaType::UShort:
+    case QMetaType::UInt:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong: {
+        const quint64 number = value.toULongLong();
+        if (number <= quint64(std::numeric_limits<qint64>::max()))
+            return plist_new_uint(number);
+        return nodeFromXml("<integer>" + QByteArray::number(number) + "</integer>");
+    }
+    case QMetaType::Float:
+    case QMetaType::Double:
+        return plist_new_real(value.toDouble());
+    case QMetaType::QString:
+        return plist_new_string(value.toString().toUtf8().constData());
+    case QMetaType::QByteArray: {
+        const QByteArray bytes = value.toByteArray();
+        return plist_new_data(bytes.constData(), uint64_t(bytes.size()));
+    }
+    case QMetaType::QDateTime:
+        return dateNode(value.toDateTime(), where, error);
+    case QMetaType::QDate:
+        return dateNode(QDateTime(value.toDate(), QTime(0, 0), Qt::UTC), where, error);
+    default:
+        fail(error, QStringLiteral("cannot store %1 in a property list (at %2)").arg(describe(value), where));
+        return nullptr;
+    }
+}
+
+} // namespace
+
+QVariant PropertyList::fromData(const QByteArray &data, QString *error)
+{
+    if (data.isEmpty()) {
+        fail(error, QStringLiteral("empty, not a property list"));
+        return {};
+    }
+    if (quint64(data.size()) > std::numeric_limits<uint32_t>::max()) {
+        fail(error, QStringLiteral("too large for a property list"));
+        return {};
+    }
+    plist_t root = nullptr;
+    plist_from_memory(data.constData(), uint32_t(data.size()), &root);
+    if (!root) {
+        fail(error, QStringLiteral("not a property list"));
+        return {};
+    }
+    const Node guard(root);
+    return fromNode(root, error);
+}
+
+QVariant PropertyList::readFile(const QString &path, Status *status, QString *error)
+{
+    const auto answer = [&](Status result, const QString &reason) {
+        if (status)
+            *status = result;
+        if (!reason.isEmpty())
+            fail(error, path + QStringLiteral(": ") + reason);
+    };
+    QFile file(path);
+    if (!file.exists()) {
+        answer(Status::Missing, QStringLiteral("no such file"));
+        return {};
+    }
+    if (!file.open(QIODevice::ReadOnly)) {
+        answer(Status::Unreadable, file.errorString());
+        return {};
+    }
+    const QByteArray data = file.readAll();
+    if (file.error() != QFileDevice::NoError) {
+        answer(Status::Unreadable, file.errorString());
+        return {};
+    }
+    QString reason;
+    const QVariant value = fromData(data, &reason);
+    if (!value.isValid()) {
+        answer(Status::Malformed, reason);
+        return {};
+    }
+    answer(Status::Ok, QString());
+    return value;
+}
+
+QByteArray PropertyList::toXml(const QVariant &value, QString *error)
+{
+    const Node root(toNode(value, QStringLiteral("/"), error));
+    if (!root)
+        return {};
+    const QByteArray xml = xmlOf(root.get());
+    if (xml.isEmpty())
+        fail(error, QStringLiteral("libplist could not write the property list"));
+    return xml;
+}
+
+bool PropertyList::writeXmlFile(const QString &path, const QVariant &value, QString *error)
+{
+    QString reason;
+    const QByteArray xml = toXml(value, &reason);
+    if (xml.isEmpty()) {
+        fail(error, path + QStringLiteral(": ") + reason);
+        return false;
+    }
+    // No direct-write fallback: if the temporary file cannot be made, fail
+    // rather than truncate the real one.
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        fail(error, path + QStringLiteral(": ") + file.errorString());
+        return false;
+    }
+    if (file.write(xml) != xml.size()) {
+        fail(error, path + QStringLiteral(": ") + file.errorString());
+        file.cancelWriting();
+        return false;
+    }
+    if (!file.commit()) {
+        fail(error, path + QStringLiteral(": ") + file.errorString());
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,263 @@
+#include "platform/PropertyList.h"
+#include "platform/UserDefaults.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryHome.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString own = QStringLiteral(KORVANE_AGENT_ID);
+const QString companion = QStringLiteral(KORVANE_COMPANION_ID);
+
+QByteArray readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Another program editing a domain file behind the store's back.
+void writeDomain(const QString &domain, const QVariantMap &values)
+{
+    ASSERT_TRUE(PropertyList::writeXmlFile(UserDefaults::pathForDomain(domain), values));
+}
+
+QVariantMap readDomain(const QString &domain)
+{
+    return PropertyList::readFile(UserDefaults::pathForDomain(domain)).toMap();
+}
+
+} // namespace
+
+TEST(UserDefaultsTest, DomainFilesLiveInXdgConfigHomeOrDotConfig)
+{
+    TemporaryHome home;
+    EXPECT_EQ(UserDefaults::pathForDomain(own), home.configHome() + "/" + own + ".plist");
+    qputenv("XDG_CONFIG_HOME", home.filePath("elsewhere").toUtf8());
+    EXPECT_EQ(UserDefaults::pathForDomain(own), home.filePath("elsewhere/") + own + ".plist");
+    qputenv("XDG_CONFIG_HOME", "");
+    EXPECT_EQ(UserDefaults::pathForDomain(own), home.path() + "/.config/" + own + ".plist");
+    qunsetenv("XDG_CONFIG_HOME");
+    EXPECT_EQ(UserDefaults::pathForDomain(own), home.path() + "/.config/" + own + ".plist");
+}
+
+TEST(UserDefaultsTest, OwnDomainWinsOverSuitesWhichWinOverRegistration)
+{
+    TemporaryHome home;
+    writeDomain(own, {{"a", "own"}});
+    writeDomain(companion, {{"a", "companion"}, {"b", "companion"}, {"e", "companion"}});
+    writeDomain("org.example.later", {{"b", "later"}, {"e", "later"}, {"f", "later"}});
+
+    UserDefaults defaults(own);
+    defaults.registerDefaults({{"a", "registered"}, {"b", "registered"}, {"c", "registered"}});
+    defaults.addSuiteNamed(companion);
+    defaults.addSuiteNamed("org.example.later");
+    defaults.addSuiteNamed(companion);
+    defaults.addSuiteNamed(own);
+    EXPECT_EQ(defaults.suites(), QStringList({companion, "org.example.later"}));
+
+    EXPECT_EQ(defaults.objectForKey("a"), QVariant("own"));
+    EXPECT_EQ(defaults.objectForKey("b"), QVariant("companion"));
+    EXPECT_EQ(defaults.objectForKey("c"), QVariant("registered"));
+    EXPECT_EQ(defaults.objectForKey("e"), QVariant("companion"));
+    EXPECT_EQ(defaults.objectForKey("f"), QVariant("later"));
+    EXPECT_FALSE(defaults.objectForKey("absent").isValid());
+
+    // A removal from the own domain uncovers the next domain, not nothing.
+    defaults.removeObjectForKey("a");
+    EXPECT_EQ(defaults.objectForKey("a"), QVariant("companion"));
+}
+
+TEST(UserDefaultsTest, BoolForKeyReadsBooleansNumbersAndWords)
+{
+    TemporaryHome home;
+    UserDefaults defaults(own);
+    defaults.registerDefaults({{"true", true}, {"false", false}, {"two", qint64(2)}, {"zero", qint64(0)},
+                               {"half", 0.5}, {"negative", qint64(-1)}, {"all ones", quint64(~0ULL)},
+                               {"YES", "YES"}, {"yes", "yes"}, {"word true", "true"}, {"one", "1"},
+                               {"NO", "NO"}, {"other", "maybe"}, {"data", QByteArray("1")}});
+    for (const char *key : {"true", "two", "half", "negative", "all ones", "YES", "yes", "word true", "one"})
+        EXPECT_TRUE(defaults.boolForKey(key)) << key;
+    for (const char *key : {"false", "zero", "NO", "other", "data", "absent"})
+        EXPECT_FALSE(defaults.boolForKey(key)) << key;
+}
+
+TEST(UserDefaultsTest, SynchronizeWritesTheOwnDomainForAnotherStoreToRead)
+{
+    TemporaryHome home;
+    QDir(home.configHome()).removeRecursively();
+
+    UserDefaults writer(own);
+    writer.setObjectForKey(qint64(42), "count");
+    writer.setObjectForKey(QVariantMap {{"when", QDateTime(QDate(2001, 3, 24), QTime(15, 45), Qt::UTC)}}, "nested");
+    EXPECT_FALSE(QFile::exists(UserDefaults::pathForDomain(own))) << "written before synchronize";
+    ASSERT_TRUE(writer.synchronize());
+
+    UserDefaults reader(own);
+    EXPECT_EQ(reader.objectForKey("count"), QVariant(qint64(42)));
+    EXPECT_EQ(reader.objectForKey("nested").toMap().value("when").toDateTime(),
+              QDateTime(QDate(2001, 3, 24), QTime(15, 45), Qt::UTC));
+
+    writer.removeObjectForKey("count");
+    ASSERT_TRUE(writer.synchronize());
+    EXPECT_FALSE(reader.objectForKey("count").isValid());
+    EXPECT_EQ(reader.persistentDomainForName(own).keys(), QStringList {"nested"});
+}
+
+TEST(UserDefaultsTest, SynchronizeWithoutChangesLeavesTheFileAlone)
+{
+    TemporaryHome home;
+    const QByteArray handWritten = "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>a</key>"
+                                   "<string>hand</string></dict></plist>\n";
+    const QString path = home.writeFile(".config/" + own + ".plist", handWritten);
+
+    UserDefaults defaults(own);
+    EXPECT_TRUE(defaults.synchronize());
+    defaults.setObjectForKey("hand", "a");
+    EXPECT_TRUE(defaults.synchronize());
+    EXPECT_EQ(readAll(path), handWritten);
+}
+
+TEST(UserDefaultsTest, FileChangedOnDiskIsSeenAtTheNextRead)
+{
+    TemporaryHome home;
+    UserDefaults defaults(own);
+    defaults.addSuiteNamed(companion);
+    EXPECT_FALSE(defaults.objectForKey("interval").isValid());
+
+    writeDomain(companion, {{"interval", qint64(5)}});
+    EXPECT_EQ(defaults.objectForKey("interval"), QVariant(qint64(5)));
+    writeDomain(companion, {{"interval", qint64(3600)}});
+    EXPECT_EQ(defaults.objectForKey("interval"), QVariant(qint64(3600)));
+
+    // Edited in place rather than replaced.
+    home.writeFile(".config/" + companion + ".plist",
+                   "<plist version=\"1.0\"><dict><key>interval</key><integer>7</integer></dict></plist>");
+    EXPECT_EQ(defaults.objectForKey("interval"), QVariant(qint64(7)));
+
+    QFile::remove(UserDefaults::pathForDomain(companion));
+    EXPECT_FALSE(defaults.objectForKey("interval").isValid());
+}
+
+TEST(UserDefaultsTest, SynchronizeMergesOurChangesOverAnotherProgramsEdits)
+{
+    TemporaryHome home;
+    writeDomain(own, {{"untouched", qint64(1)}, {"doomed", true}});
+    UserDefaults defaults(own);
+    EXPECT_EQ(defaults.objectForKey("untouched"), QVariant(qint64(1)));
+
+    defaults.setObjectForKey("ours", "mine");
+    defaults.removeObjectForKey("doomed");
+    writeDomain(own, {{"untouched", qint64(2)}, {"doomed", true}, {"mine", "theirs"}, {"added", "theirs"}});
+    ASSERT_TRUE(defaults.synchronize());
+
+    EXPECT_EQ(readDomain(own),
+              QVariantMap({{"untouched", qint64(2)}, {"mine", "ours"}, {"added", "theirs"}}));
+}
+
+TEST(UserDefaultsTest, MalformedDomainFileIsLoggedOnceAndNeverOverwritten)
+{
+    TemporaryHome home;
+    LogCapture log;
+    const QByteArray garbage = "<plist version=\"1.0\"><dict><key>cut off";
+    const QString path = home.writeFile(".config/" + own + ".plist", garbage);
+
+    UserDefaults defaults(own);
+    defaults.registerDefaults({{"key", "registered"}});
+    EXPECT_EQ(defaults.objectForKey("key"), QVariant("registered"));
+    EXPECT_EQ(defaults.objectForKey("key"), QVariant("registered"));
+    EXPECT_TRUE(defaults.persistentDomainForName(own).isEmpty());
+    ASSERT_EQ(log.lines().size(), 1) << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(log.lines().first().startsWith("could not read preferences " + path)) << log.lines().first().toStdString();
+
+    defaults.setObjectForKey("mine", "key");
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_EQ(readAll(path), garbage);
+    EXPECT_EQ(defaults.objectForKey("key"), QVariant("mine"));
+    EXPECT_EQ(log.lines().size(), 2) << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(log.lines().last().contains(path)) << log.lines().last().toStdString();
+
+    // A different broken version is news again.
+    home.writeFile(".config/" + own + ".plist", garbage + "!");
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_EQ(log.lines().size(), 4) << log.lines().join('\n').toStdString();
+
+    // Once repaired, the kept change is written on top of the repaired file.
+    writeDomain(own, {{"repaired", true}});
+    ASSERT_TRUE(defaults.synchronize());
+    EXPECT_EQ(readDomain(own), QVariantMap({{"repaired", true}, {"key", "mine"}}));
+}
+
+TEST(UserDefaultsTest, UnreadableDomainFileIsLoggedAndNeverOverwritten)
+{
+    TemporaryHome home;
+    LogCapture log;
+    writeDomain(own, {{"key", "on disk"}});
+    const QString path = UserDefaults::pathForDomain(own);
+    const QByteArray before = readAll(path);
+    QFile::setPermissions(path, QFileDevice::Permissions());
+    if (QFile file(path); file.open(QIODevice::ReadOnly))
+        GTEST_SKIP() << "running as root: file permissions do not stop reads here";
+
+    UserDefaults defaults(own);
+    EXPECT_FALSE(defaults.objectForKey("key").isValid());
+    defaults.setObjectForKey("mine", "key");
+    EXPECT_FALSE(defaults.synchronize());
+    ASSERT_EQ(log.lines().size(), 2) << log.lines().join('\n').toStdString();
+    EXPECT_TRUE(log.lines().first().startsWith("could not read preferences " + path));
+    EXPECT_TRUE(log.lines().last().contains(path));
+
+    QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    EXPECT_EQ(readAll(path), before);
+}
+
+TEST(UserDefaultsTest, FailedSynchronizeKeepsTheChangesForTheNextTry)
+{
+    TemporaryHome home;
+    LogCapture log;
+    UserDefaults defaults(own);
+    defaults.setObjectForKey("kept", "key");
+
+    // A regular file where the config folder should be stops root as well.
+    const QString blocker = home.writeFile("blocker", "file");
+    qputenv("XDG_CONFIG_HOME", blocker.toUtf8());
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_TRUE(log.anyContains("could not write preferences " + blocker)) << log.lines().join('\n').toStdString();
+    EXPECT_EQ(defaults.objectForKey("key"), QVariant("kept"));
+
+    qputenv("XDG_CONFIG_HOME", home.filePath("fresh/config").toUtf8());
+    ASSERT_TRUE(defaults.synchronize());
+    EXPECT_EQ(readDomain(own), QVariantMap({{"key", "kept"}}));
+}
+
+TEST(UserDefaultsTest, ValuesAPlistCannotHoldAreRefusedAtOnce)
+{
+    TemporaryHome home;
+    LogCapture log;
+    UserDefaults defaults(own);
+    defaults.setObjectForKey(QUrl("https://example.org"), "site");
+    defaults.setObjectForKey(true, "fine");
+    EXPECT_FALSE(defaults.objectForKey("site").isValid());
+    EXPECT_TRUE(log.anyContains("site"));
+    ASSERT_TRUE(defaults.synchronize());
+    EXPECT_EQ(readDomain(own), QVariantMap({{"fine", true}}));
+}
+
+TEST(UserDefaultsTest, StandardUserDefaultsIsTheRunningProgramsUnlessReplaced)
+{
+    EXPECT_EQ(UserDefaults::standardUserDefaults()->domain(), own);
+    EXPECT_EQ(UserDefaults::standardUserDefaults(), UserDefaults::standardUserDefaults());
+
+    UserDefaults mine(companion);
+    UserDefaults::setStandardUserDefaults(&mine);
+    EXPECT_EQ(UserDefaults::standardUserDefaults(), &mine);
+    UserDefaults::setStandardUserDefaults(nullptr);
+    EXPECT_EQ(UserDefaults::standardUserDefaults()->domain(), own);
+}
