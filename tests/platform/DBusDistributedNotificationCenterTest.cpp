@@ -1,0 +1,203 @@
+#include "platform/DBusDistributedNotificationCenter.h"
+#include "tests/support/LogCapture.h"
+
+#include <QDBusMessage>
+#include <QProcess>
+#include <QTest>
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+const QString quitName = QStringLiteral("KorvaneVardenShouldQuit");
+
+#define REQUIRE_SESSION_BUS()                                                                        \
+    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS"))                                     \
+        GTEST_SKIP() << "needs a session bus; ctest runs these under dbus-run-session";
+
+// Collects the objects of the notifications one observer hears.
+struct Heard
+{
+    QObject observer;
+    QStringList objects;
+
+    void observe(DistributedNotificationCenter &center, const QString &name)
+    {
+        center.addObserver(&observer, name, [this](const QString &object) { objects.append(object); });
+    }
+};
+
+// Sends the way another program would, without our code on the sending side.
+void dbusSend(const QString &name, const QStringList &arguments = {})
+{
+    QProcess send;
+    send.start(QStringLiteral("dbus-send"),
+               QStringList{QStringLiteral("--session"), QStringLiteral("--type=signal"),
+                           QStringLiteral("/org/korvane/DistributedNotifications1"),
+                           QStringLiteral("org.korvane.DistributedNotifications1.") + name}
+                   + arguments);
+    ASSERT_TRUE(send.waitForFinished(10000)) << send.errorString().toStdString();
+    ASSERT_EQ(send.exitCode(), 0) << send.readAllStandardError().toStdString();
+}
+
+bool waitForObjects(const Heard &heard, const QStringList &expected)
+{
+    return QTest::qWaitFor([&] { return heard.objects.size() >= expected.size(); }, 10000)
+        && heard.objects == expected;
+}
+
+} // namespace
+
+// Records the raw signals on the notification interface, to check what goes over the wire.
+class WireRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    QList<QDBusMessage> messages;
+
+public slots:
+    void record(const QDBusMessage &message) { messages.append(message); }
+};
+
+TEST(DBusDistributedNotificationCenterTest, HearsANameFromAnySenderWithItsObject)
+{
+    REQUIRE_SESSION_BUS();
+    DBusDistributedNotificationCenter center;
+    ASSERT_TRUE(center.isConnected());
+    Heard quit;
+    quit.observe(center, quitName);
+    Heard other;
+    other.observe(center, QStringLiteral("KorvaneShouldOpenPrefs"));
+
+    dbusSend(quitName, {QStringLiteral("string:KorvaneVarden")});
+    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden")})) << quit.objects.join(',').toStdString();
+
+    const QString peerName = QStringLiteral("second-session-connection");
+    {
+        DBusDistributedNotificationCenter peer(
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, peerName));
+        peer.postNotificationName(quitName, QStringLiteral("Korvane"));
+    }
+    QDBusConnection::disconnectFromBus(peerName);
+    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden"), QStringLiteral("Korvane")}));
+
+    // A signal without its argument still counts, with an empty object.
+    dbusSend(quitName);
+    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden"), QStringLiteral("Korvane"), QString()}));
+    EXPECT_TRUE(other.objects.isEmpty());
+}
+
+TEST(DBusDistributedNotificationCenterTest, ObservationEndsWithRemovalOrDestruction)
+{
+    REQUIRE_SESSION_BUS();
+    DBusDistributedNotificationCenter center;
+    Heard staying;
+    staying.observe(center, quitName);
+    Heard removed;
+    removed.observe(center, quitName);
+    removed.observe(center, QStringLiteral("KorvaneVardenShouldRestart"));
+    int heardByDestroyed = 0;
+    auto destroyed = std::make_unique<QObject>();
+    center.addObserver(destroyed.get(), quitName, [&](const QString &) { ++heardByDestroyed; });
+
+    center.removeObserver(&removed.observer);
+    destroyed.reset();
+    dbusSend(quitName, {QStringLiteral("string:first")});
+    dbusSend(QStringLiteral("KorvaneVardenShouldRestart"), {QStringLiteral("string:first")});
+    // The restart signal was sent last; once the staying observer hears a
+    // later one, both earlier deliveries would have happened.
+    staying.observe(center, QStringLiteral("KorvaneVardenShouldRestart"));
+    dbusSend(QStringLiteral("KorvaneVardenShouldRestart"), {QStringLiteral("string:second")});
+    EXPECT_TRUE(waitForObjects(staying, {QStringLiteral("first"), QStringLiteral("second")}));
+    EXPECT_TRUE(removed.objects.isEmpty());
+    EXPECT_EQ(heardByDestroyed, 0);
+
+    // Observing again after the last observer of a name left works as before.
+    center.removeObserver(&staying.observer);
+    removed.observe(center, quitName);
+    dbusSend(quitName, {QStringLiteral("string:again")});
+    EXPECT_TRUE(waitForObjects(removed, {QStringLiteral("again")}));
+}
+
+TEST(DBusDistributedNotificationCenterTest, HandlerMayRemoveObserversWhileBeingNotified)
+{
+    REQUIRE_SESSION_BUS();
+    DBusDistributedNotificationCenter center;
+    QObject first;
+    QObject second;
+    QStringList calls;
+    center.addObserver(&first, quitName, [&](const QString &) {
+        calls.append(QStringLiteral("first"));
+        center.removeObserver(&first);
+        center.removeObserver(&second);
+    });
+    center.addObserver(&second, quitName, [&](const QString &) { calls.append(QStringLiteral("second")); });
+    Heard later;
+    later.observe(center, quitName);
+
+    dbusSend(quitName, {QStringLiteral("string:once")});
+    dbusSend(quitName, {QStringLiteral("string:twice")});
+    EXPECT_TRUE(waitForObjects(later, {QStringLiteral("once"), QStringLiteral("twice")}));
+    EXPECT_EQ(calls, QStringList{QStringLiteral("first")});
+}
+
+TEST(DBusDistributedNotificationCenterTest, PostFromAProcessExitingRightAfterArrives)
+{
+    REQUIRE_SESSION_BUS();
+    WireRecorder recorder;
+    ASSERT_TRUE(QDBusConnection::sessionBus().connect(
+        QString(), QStringLiteral("/org/korvane/DistributedNotifications1"),
+        QStringLiteral("org.korvane.DistributedNotifications1"), QStringLiteral("KorvaneVardenHasQuit"), &recorder,
+        SLOT(record(QDBusMessage))));
+    // A blocking round trip on the same connection puts the match rule in place before the helper posts.
+    ASSERT_TRUE(QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
+                                                       QStringLiteral("org.freedesktop.DBus"),
+                                                       QStringLiteral("/org/freedesktop/DBus"),
+                                                       QStringLiteral("org.freedesktop.DBus.Peer"),
+                                                       QStringLiteral("Ping")))
+                    .type()
+                == QDBusMessage::ReplyMessage);
+
+    // The helper leaves with _Exit right after posting, so nothing queued survives it.
+    QProcess helper;
+    helper.start(QStringLiteral(KORVANE_BINARY_DIR "/bin/post_notification"),
+                 {QStringLiteral("KorvaneVardenHasQuit"), QStringLiteral("KorvaneVarden")});
+    ASSERT_TRUE(helper.waitForFinished(10000)) << helper.errorString().toStdString();
+    ASSERT_EQ(helper.exitCode(), 0) << helper.readAllStandardError().toStdString();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !recorder.messages.isEmpty(); }, 10000));
+
+    const QDBusMessage message = recorder.messages.first();
+    EXPECT_EQ(message.type(), QDBusMessage::SignalMessage);
+    EXPECT_EQ(message.signature(), QStringLiteral("s"));
+    EXPECT_EQ(message.arguments().value(0).toString(), QStringLiteral("KorvaneVarden"));
+    QDBusConnection::sessionBus().disconnect(
+        QString(), QStringLiteral("/org/korvane/DistributedNotifications1"),
+        QStringLiteral("org.korvane.DistributedNotifications1"), QStringLiteral("KorvaneVardenHasQuit"), &recorder,
+        SLOT(record(QDBusMessage)));
+}
+
+TEST(DBusDistributedNotificationCenterTest, WithoutABusLogsOnceAndDoesNothing)
+{
+    const QString name = QStringLiteral("no-session-bus");
+    LogCapture log;
+    {
+        DBusDistributedNotificationCenter center(
+            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), name));
+        QObject observer;
+        int heard = 0;
+        center.addObserver(&observer, quitName, [&](const QString &) { ++heard; });
+        center.postNotificationName(quitName, QStringLiteral("KorvaneVarden"));
+        center.removeObserver(&observer);
+        QCoreApplication::processEvents();
+
+        EXPECT_FALSE(center.isConnected());
+        ASSERT_EQ(log.lines().size(), 1);
+        EXPECT_TRUE(log.lines().first().startsWith(QStringLiteral("no session bus: distributed notifications are off (")))
+            << log.lines().first().toStdString();
+        EXPECT_EQ(heard, 0);
+    }
+    QDBusConnection::disconnectFromBus(name);
+}
+
+#include "DBusDistributedNotificationCenterTest.moc"
