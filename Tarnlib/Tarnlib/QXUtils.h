@@ -1,0 +1,147 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QPair>
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+#include <QVariant>
+#include <QVariantMap>
+
+class QThreadPool;
+class QXEngineChecker;
+class QXFileCounter;
+class QXScanner;
+class QXUpdater;
+class QXUtilsDelegate;
+class UserDefaultsController;
+
+// The one settings-and-policy object: preference access over the built-in
+// defaults, engine and log locations, scan policy, and the coordinator of
+// the engine workers, whose reports it relays to its delegate.
+class QXUtils : public QObject
+{
+    Q_OBJECT
+public:
+    // An engine installation prefix and the update log that belongs to it.
+    using EngineCandidate = QPair<QString, QString>;
+
+    explicit QXUtils(QXUtilsDelegate *delegate, QObject *parent = nullptr);
+    // Tests hand their own candidate table so they never depend on what is
+    // installed on the machine.
+    QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engineCandidates, QObject *parent = nullptr);
+    ~QXUtils() override;
+
+    static QList<EngineCandidate> defaultEngineCandidates();
+    static QVariantMap builtInDefaults();
+
+    // Preferences.
+    QVariant readPreferenceForKey(const QString &key) const;
+    void setPreference(const QVariant &value, const QString &key);
+    void deletePreferenceForKey(const QString &key);
+    void syncPrefs();
+    void revertPrefs();
+    // True when the running program is the companion application itself.
+    static bool runningAsCompanion();
+
+    // Coordinator operations called by the controller.
+    void setup();
+    void checkEngine();
+    void updateDefs();
+    void scanFiles(const QStringList &paths);
+    void determineQuarantineSettings();
+    void determineWhatToExcludeFromThisScan();
+    void postToNotificationCenterWithTitle(const QString &title, const QString &message);
+
+    // Questions the delegate answers.
+    bool wantScanStatusUpdates() const;
+    bool wantUpdatePercentages() const;
+
+    QXUtilsDelegate *delegate() const { return _delegate; }
+    void setDelegate(QXUtilsDelegate *delegate) { _delegate = delegate; }
+    quint32 countOfFilesScannedSoFar() const { return _countOfFilesScannedSoFar; }
+    QStringList pathsToScan() const { return _pathsToScan; }
+    QString enginePath() const { return _enginePath; }
+    void setEnginePath(const QString &path) { _enginePath = path; }
+    QString updateLogPath() const { return _updateLogPath; }
+    void setUpdateLogPath(const QString &path) { _updateLogPath = path; }
+    QString pathToScanLog() const { return _pathToScanLog; }
+    QString quarantineLocation() const { return _quarantineLocation; }
+    QString additionalCmdArgs() const { return _additionalCmdArgs; }
+    bool hasAdditionalCmdArgs() const { return _hasAdditionalCmdArgs; }
+    bool updaterNeedsExit1FreshclamFlag() const { return _updaterNeedsExit1FreshclamFlag; }
+    bool engineSupportsFileListFlag() const { return _engineSupportsFileListFlag; }
+    void setEngineSupportsFileListFlag(bool flag) { _engineSupportsFileListFlag = flag; }
+    bool scanEmailFiles() const { return _scanEmailFiles; }
+    bool logScans() const { return _logScans; }
+    bool logUpdates() const { return _logUpdates; }
+    bool suppressSummary() const { return _suppressSummary; }
+    bool useClamd() const { return _useClamd; }
+    bool quarantineFiles() const { return _quarantineFiles; }
+    QStringList exclusionStrings() const { return _exclusionStrings; }
+    QList<QRegularExpression> counterExcludes() const { return _counterExcludes; }
+    QStringList exclusionStringsForRootVolScan() const { return _exclusionStringsForRootVolScan; }
+    bool scanning() const { return _scanning; }
+    void setScanning(bool flag) { _scanning = flag; }
+    bool updating() const { return _updating; }
+    void setUpdating(bool flag) { _updating = flag; }
+    bool paused() const { return _paused; }
+    QString launchAgentsDir() const { return _launchAgentsDir; }
+    QString engineShortVersionString() const { return _engineShortVersionString; }
+    void setEngineShortVersionString(const QString &version) { _engineShortVersionString = version; }
+    QThreadPool *theOperationQueue() const { return _theOperationQueue; }
+    QXScanner *theScanner() const { return _theScanner; }
+    QXEngineChecker *theChecker() const { return _theChecker; }
+    QXUpdater *theUpdater() const { return _theUpdater; }
+    QStringList enginePathsArray() const { return _enginePathsArray; }
+    QStringList updateLogPathsArray() const { return _updateLogPathsArray; }
+    UserDefaultsController *preferences() const { return _preferences; }
+    QStringList emailDirPaths() const { return _emailDirPaths; }
+
+private:
+    void registerDefaultsAndDomains();
+    void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
+
+    QXUtilsDelegate *_delegate;
+    quint32 _countOfFilesScannedSoFar = 0;
+    QStringList _pathsToScan;
+    QString _enginePath;
+    QString _updateLogPath;
+    QString _pathToScanLog;
+    QUrl _theQuarantinePathURL;
+    QString _quarantineLocation;
+    QString _additionalCmdArgs;
+    // An empty "AdditionalCmdLineArgs" still adds one argument; absent adds none.
+    bool _hasAdditionalCmdArgs = false;
+    QString _clamDatabasePath;
+    QString _freshclamConfPath;
+    bool _updaterNeedsExit1FreshclamFlag = false;
+    bool _engineSupportsFileListFlag = false;
+    bool _scanEmailFiles = false;
+    bool _logScans = false;
+    bool _logUpdates = false;
+    bool _suppressSummary = false;
+    bool _useClamd = false;
+    bool _quarantineFiles = false;
+    QStringList _exclusionStrings;
+    QList<QRegularExpression> _counterExcludes;
+    QStringList _exclusionStringsForRootVolScan;
+    bool _scanning = false;
+    bool _updating = false;
+    bool _paused = false;
+    QString _launchAgentsDir;
+    QString _engineShortVersionString;
+    QThreadPool *_theOperationQueue = nullptr;
+    QXFileCounter *_theFileCounter = nullptr;
+    QXUpdater *_theUpdater = nullptr;
+    QXEngineChecker *_theChecker = nullptr;
+    QXScanner *_theScanner = nullptr;
+    QStringList _enginePathsArray;
+    QStringList _updateLogPathsArray;
+    qsizetype _enginePathsEnumerator = 0;
+    qsizetype _updateLogPathsEnumerator = 0;
+    UserDefaultsController *_preferences = nullptr;
+    QStringList _emailDirPaths;
+};

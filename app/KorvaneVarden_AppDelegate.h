@@ -1,0 +1,157 @@
+#pragma once
+
+#include "DispatcherDelegate.h"
+#include "Tarnlib/Tarnlib/QXUtils.h"
+#include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
+#include "ui/EngineStatusReactionsDelegate.h"
+
+#include <QIcon>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QTimer>
+
+class Dispatcher;
+class EngineStatusReactions;
+class InfectedItemsWindow;
+class QMenu;
+class QThreadPool;
+class QToolBar;
+class QXTInfectedViewArrayController;
+class QXTTableView;
+class StatusItem;
+
+// The application's delegate: owns every long-lived object, runs the
+// startup, sleep, restart and quit, and is the hub through which batches go
+// to the engine and results come back.
+class KorvaneVarden_AppDelegate : public QObject,
+                                  public DispatcherDelegate,
+                                  public QXUtilsDelegate,
+                                  public EngineStatusReactionsDelegate
+{
+    Q_OBJECT
+public:
+    // init. Tests hand their own engine candidates.
+    explicit KorvaneVarden_AppDelegate(const QList<QXUtils::EngineCandidate> &engineCandidates
+                                       = QXUtils::defaultEngineCandidates(),
+                                       QObject *parent = nullptr);
+    ~KorvaneVarden_AppDelegate() override;
+
+    void applicationDidFinishLaunching();
+    void continueStartup() override;
+    void applicationWillTerminate();
+    void goingToSleep();
+    void wakingUp();
+    void restartVarden(QObject *sender);
+    void quit(QObject *sender) override;
+
+    // Menu commands.
+    void launchKorvane(QObject *sender) override;
+    void updateDefs(QObject *sender) override;
+
+    void startWatching(QObject *sender);
+    void stopWatching(QObject *sender);
+    void restartWatching(QObject *sender);
+    void addToWaitingList(const QString &path);
+
+    // The relaunch tool ships beside the agent; tests point elsewhere.
+    static QString relaunchToolPath();
+    static void setRelaunchToolPath(const QString &path);
+
+    void forwardAnimation();
+    void reverseAnimation();
+    void startUpdateAnimation() override;
+    void stopAnimation() override;
+
+    // DispatcherDelegate
+    bool readyToScan() override { return _readyToScan; }
+    void startScan() override;
+    QXUtils *utils() override { return _utils; }
+
+    // QXUtilsDelegate
+    bool respondsTo(Optional operation) const override;
+    bool useClamd() override { return true; }
+    bool wantScanStatusUpdates() override { return _wantScanStatusUpdates; }
+    bool wantUpdatePercentages() override { return _wantUpdatePercentages; }
+    void scanStarted() override;
+    void scanFinishedWithStatus(int status) override;
+    void scanCrashed(const QString &reason) override;
+    void infectionFound(const QString &infectionName, const QString &inFile) override;
+    void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override;
+    void engineNotFound() override;
+    void engineFoundWithVersionString(const QString &version) override;
+    void updateStarted() override;
+    void updateFinishedWithStatus(int status) override;
+    void updateProgressWithMessage(const QString &message) override;
+    void updateProgressWithPercentDone(double percent) override;
+    void fileCounterReturned(qint64 count) override;
+    void appendToConsole(const QString &text) override;
+    void needToUpdateDB() override;
+    void clamdStarted() override;
+    void clamdFailedToStart() override;
+    void clamdAlreadyRunning() override;
+
+    // Accessors of the fields.
+    QThreadPool *theOperationQueue() const { return _theOperationQueue; }
+    quint64 theLastEventSeen() const { return _theLastEventSeen; }
+    void setTheLastEventSeen(quint64 id) { _theLastEventSeen = id; }
+    StatusItem *throbberStatusItem() const { return _throbberStatusItem; }
+    QTimer *throbberAnimationTimer() { return &_throbberAnimationTimer; }
+    QList<QIcon> throbberAnimationFrames() const { return _throbberAnimationFrames; }
+    qint32 throbberAnimationCurrentFrame() const { return _throbberAnimationCurrentFrame; }
+    void setThrobberAnimationCurrentFrame(qint32 frame) { _throbberAnimationCurrentFrame = frame; }
+    QIcon throbberAltImage() const { return _throbberAltImage; }
+    QIcon throbberAltImage2() const { return _throbberAltImage2; }
+    QIcon throbberDefaultImage() const { return _throbberDefaultImage; }
+    QIcon throbberWatchingImage() const { return _throbberWatchingImage; }
+    void setThrobberWatchingImage(const QIcon &image) { _throbberWatchingImage = image; }
+    QMenu *mainMenu() const { return _mainMenu; }
+    QMenu *foldersBeingWatchedSubmenu() const { return _foldersBeingWatchedSubmenu; }
+    bool startingUp() const { return _startingUp; }
+    void setStartingUp(bool flag) { _startingUp = flag; }
+    bool watching() const { return _watching; }
+    void setWatching(bool flag) { _watching = flag; }
+    void setWantScanStatusUpdates(bool flag) { _wantScanStatusUpdates = flag; }
+    void setWantUpdatePercentages(bool flag) { _wantUpdatePercentages = flag; }
+    Dispatcher *dispatcher() const { return _dispatcher; }
+    void setReadyToScan(bool flag) override { _readyToScan = flag; }
+    bool startWatchingAfterSleep() const { return _startWatchingAfterSleep; }
+    void setStartWatchingAfterSleep(bool flag) { _startWatchingAfterSleep = flag; }
+    InfectedItemsWindow *infectionListWindow() const { return _infectionListWindow; }
+    QXTTableView *infectionListTableView() const { return _infectionListTableView; }
+    QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
+    QToolBar *toolbar() const { return _toolbar; }
+    bool needGfslogger() const { return _needGfslogger; }
+
+private:
+    void observeCompanionAndWorkspace();
+    void stopObserving();
+
+    QThreadPool *_theOperationQueue;
+    quint64 _theLastEventSeen = ~quint64(0);
+    StatusItem *_throbberStatusItem;
+    QTimer _throbberAnimationTimer;
+    QList<QIcon> _throbberAnimationFrames;
+    qint32 _throbberAnimationCurrentFrame = 0;
+    QIcon _throbberAltImage;
+    QIcon _throbberAltImage2;
+    QIcon _throbberDefaultImage;
+    QIcon _throbberWatchingImage;
+    QMenu *_mainMenu = nullptr;
+    QMenu *_foldersBeingWatchedSubmenu = nullptr;
+    bool _startingUp = true;
+    QXUtils *_utils;
+    bool _watching = false;
+    bool _wantScanStatusUpdates = false;
+    bool _wantUpdatePercentages = false;
+    Dispatcher *_dispatcher;
+    bool _readyToScan = false;
+    bool _startWatchingAfterSleep = false;
+    // The main interface: the window and the outlets into it.
+    InfectedItemsWindow *_infectionListWindow;
+    QXTTableView *_infectionListTableView;
+    QXTInfectedViewArrayController *_infectedList = nullptr;
+    QToolBar *_toolbar = nullptr;
+    bool _needGfslogger = false;
+    EngineStatusReactions *_engineStatusReactions;
+};

@@ -1,0 +1,25 @@
+#include "KorvaneVarden_AppDelegate.h"
+#include "platform/BundleInfo.h"
+#include "platform/Localization.h"
+#include "platform/SystemLog.h"
+
+#include <QApplication>
+#include <QTimer>
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("KorvaneVarden"));
+    QApplication::setApplicationDisplayName(QStringLiteral("KorvaneVarden"));
+    QApplication::setApplicationVersion(BundleInfo::shortVersionString());
+    QApplication::setDesktopFileName(BundleInfo::bundleIdentifier());
+    // The agent lives in the tray: closing its window must not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+    Localization::install(&app);
+
+    KorvaneVarden_AppDelegate delegate;
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
+                     [&delegate] { delegate.applicationWillTerminate(); });
+    QTimer::singleShot(0, &delegate, [&delegate] { delegate.applicationDidFinishLaunching(); });
+    return app.exec();
+}

@@ -1,0 +1,84 @@
+#include "QXTInfectedViewArrayController.h"
+
+#include <algorithm>
+
+QXTInfectedViewArrayController::QXTInfectedViewArrayController(QObject *parent)
+    : QAbstractTableModel(parent)
+    , _columnTitles(columnKeys())
+{
+}
+
+const QStringList &QXTInfectedViewArrayController::columnKeys()
+{
+    static const QStringList keys{QStringLiteral("fileName"), QStringLiteral("infectionName"), QStringLiteral("status")};
+    return keys;
+}
+
+void QXTInfectedViewArrayController::addObject(const InfectedItem &item)
+{
+    const int row = int(_items.size());
+    beginInsertRows({}, row, row);
+    _items.append(item);
+    endInsertRows();
+}
+
+void QXTInfectedViewArrayController::removeObjectsAtRows(QList<int> rows)
+{
+    // From the bottom up, so the rows still to remove keep their numbers.
+    std::sort(rows.begin(), rows.end(), std::greater<int>());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    for (int row : rows) {
+        if (row < 0 || row >= _items.size())
+            continue;
+        beginRemoveRows({}, row, row);
+        _items.removeAt(row);
+        endRemoveRows();
+    }
+}
+
+void QXTInfectedViewArrayController::removeAllObjects()
+{
+    beginResetModel();
+    _items.clear();
+    endResetModel();
+}
+
+void QXTInfectedViewArrayController::replaceObjectAtRow(int row, const InfectedItem &item)
+{
+    if (row < 0 || row >= _items.size())
+        return;
+    _items[row] = item;
+    emit dataChanged(index(row, 0), index(row, columnCount() - 1));
+}
+
+void QXTInfectedViewArrayController::setColumnTitles(const QStringList &titles)
+{
+    _columnTitles = titles;
+    emit headerDataChanged(Qt::Horizontal, 0, columnCount() - 1);
+}
+
+int QXTInfectedViewArrayController::rowCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : int(_items.size());
+}
+
+int QXTInfectedViewArrayController::columnCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : int(columnKeys().size());
+}
+
+QVariant QXTInfectedViewArrayController::data(const QModelIndex &index, int role) const
+{
+    if (!index.isValid() || index.row() >= _items.size() || index.column() >= columnCount())
+        return {};
+    if (role == Qt::DisplayRole)
+        return _items.at(index.row()).value(columnKeys().at(index.column())).toString();
+    return {};
+}
+
+QVariant QXTInfectedViewArrayController::headerData(int section, Qt::Orientation orientation, int role) const
+{
+    if (orientation == Qt::Horizontal && role == Qt::DisplayRole && section >= 0 && section < _columnTitles.size())
+        return _columnTitles.at(section);
+    return QAbstractTableModel::headerData(section, orientation, role);
+}
