@@ -1,0 +1,599 @@
+#include "InotifyWatcher.h"
+
+#include "platform/SystemLog.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QHash>
+#include <QMutexLocker>
+#include <QSet>
+#include <QSocketNotifier>
+#include <QTimer>
+#include <QVarLengthArray>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t watchedChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE
+    | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
+
+// A walk step longer than this hands the thread back to its event loop, so the
+// queue is read and a stop is heard while a large tree is being set up.
+constexpr qint64 walkSliceMs = 10;
+
+QByteArray joined(const QByteArray &folder, const QByteArray &name)
+{
+    if (folder.endsWith('/'))
+        return folder + name;
+    return folder + '/' + name;
+}
+
+quint32 flagsForMask(uint32_t mask)
+{
+    quint32 flags = 0;
+    if (mask & IN_CREATE)
+        flags |= FileSystemWatcher::ItemCreated;
+    if (mask & IN_DELETE)
+        flags |= FileSystemWatcher::ItemRemoved;
+    if (mask & (IN_MOVED_FROM | IN_MOVED_TO))
+        flags |= FileSystemWatcher::ItemRenamed;
+    if (mask & (IN_MODIFY | IN_CLOSE_WRITE))
+        flags |= FileSystemWatcher::ItemModified;
+    if (mask & IN_ATTRIB)
+        flags |= FileSystemWatcher::ItemInodeMetaMod;
+    return flags;
+}
+
+qint64 watchLimit()
+{
+    QFile file(QStringLiteral("/proc/sys/fs/inotify/max_user_watches"));
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    bool ok = false;
+    const qint64 value = file.readAll().trimmed().toLongLong(&ok);
+    return ok ? value : -1;
+}
+
+} // namespace
+
+class InotifyWatcher::Worker : public QObject
+{
+public:
+    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes);
+    ~Worker() override;
+
+    void begin();
+    // With wait, finishes the walk and reads the queue dry before closing the batch.
+    void flush(bool wait);
+    QString description() const;
+
+private:
+    enum class Walk { Initial, New, Rescan };
+
+    // Kept per watched folder: its parent's watch and its own name, so that 100,000
+    // folders cost little and a moved folder is one update. A root has no parent
+    // and keeps its whole path as name.
+    struct Folder
+    {
+        int parent;
+        QByteArray name;
+    };
+
+    struct PendingFolder
+    {
+        int wd;
+        int parent;
+        QByteArray name;
+        QByteArray path;
+        Walk walk;
+    };
+
+    void readQueue();
+    void readQueueAndWalk();
+    void handle(const inotify_event &event);
+    void handleSelfEvent(int wd, uint32_t mask);
+    void adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path);
+    void overflowed();
+    void walk(bool toTheEnd);
+    void visit(PendingFolder folder);
+    void reportWatchFailure(int error, const PendingFolder &folder);
+    void forgetTree(int wd);
+    QByteArray pathOf(int wd) const;
+    QByteArray rootOf(int wd) const;
+    bool isUnwatched(const QByteArray &path) const;
+    void note(const QByteArray &path, quint32 flags);
+    void closeBatch();
+
+    InotifyWatcher *const _owner;
+    const int _fd;
+    const int _latencyMs;
+    QList<QByteArray> _roots;
+    QList<QByteArray> _unwatchedPrefixes;
+    QSocketNotifier *_notifier = nullptr;
+    QTimer *_latencyTimer = nullptr;
+    QHash<int, Folder> _folders;
+    std::vector<PendingFolder> _pending;
+    QSet<int> _rescanned;
+    // Folders re-homed by a rename inside the trees, until their IN_MOVE_SELF.
+    QSet<int> _movedWithinTrees;
+    QList<FileSystemEvent> _batch;
+    QHash<QString, qsizetype> _batchIndex;
+    bool _settingUp = true;
+    bool _walkPosted = false;
+    bool _limitReported = false;
+};
+
+InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs,
+                               const QStringList &unwatchedPrefixes)
+    : _owner(owner)
+    , _fd(fd)
+    , _latencyMs(latencyMs)
+{
+    for (const QString &root : roots)
+        _roots.append(QFile::encodeName(root));
+    for (const QString &prefix : unwatchedPrefixes)
+        _unwatchedPrefixes.append(QFile::encodeName(prefix));
+}
+
+InotifyWatcher::Worker::~Worker()
+{
+    // Closing the descriptor drops every watch at once.
+    ::close(_fd);
+}
+
+void InotifyWatcher::Worker::begin()
+{
+    _latencyTimer = new QTimer(this);
+    _latencyTimer->setSingleShot(true);
+    connect(_latencyTimer, &QTimer::timeout, this, &Worker::closeBatch);
+    _notifier = new QSocketNotifier(_fd, QSocketNotifier::Read, this);
+    connect(_notifier, &QSocketNotifier::activated, this, &Worker::readQueueAndWalk);
+    for (auto root = _roots.crbegin(); root != _roots.crend(); ++root) {
+        if (!isUnwatched(*root))
+            _pending.push_back({-1, -1, *root, *root, Walk::Initial});
+    }
+    walk(false);
+}
+
+void InotifyWatcher::Worker::flush(bool wait)
+{
+    if (!wait) {
+        readQueueAndWalk();
+    } else {
+        readQueue();
+        while (!_pending.empty()) {
+            walk(true);
+            readQueue();
+        }
+    }
+    closeBatch();
+}
+
+QString InotifyWatcher::Worker::description() const
+{
+    QStringList roots;
+    for (const QByteArray &root : _roots)
+        roots.append(QFile::decodeName(root));
+    return QStringLiteral("inotify descriptor %1: %2 folders watched under (%3), latency %4 s, %5, %6 paths pending")
+        .arg(QString::number(_fd), QString::number(_folders.size()), roots.join(QStringLiteral(", ")),
+             QString::number(_latencyMs / 1000.0), _settingUp ? QStringLiteral("setting up") : QStringLiteral("set up"),
+             QString::number(_batch.size()));
+}
+
+void InotifyWatcher::Worker::readQueue()
+{
+    alignas(inotify_event) char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t length = ::read(_fd, buffer, sizeof buffer);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length <= 0)
+            return;
+        for (ssize_t offset = 0; offset < length;) {
+            const auto *event = reinterpret_cast<const inotify_event *>(buffer + offset);
+            handle(*event);
+            offset += ssize_t(sizeof(inotify_event) + event->len);
+        }
+    }
+}
+
+void InotifyWatcher::Worker::readQueueAndWalk()
+{
+    readQueue();
+    // New folders get their watches before anything else is walked.
+    if (!_pending.empty())
+        walk(false);
+}
+
+void InotifyWatcher::Worker::handle(const inotify_event &event)
+{
+    if (event.mask & IN_Q_OVERFLOW) {
+        overflowed();
+        return;
+    }
+    if (!_folders.contains(event.wd))
+        return;
+    if (event.mask & IN_IGNORED) {
+        _folders.remove(event.wd);
+        _movedWithinTrees.remove(event.wd);
+        return;
+    }
+    if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT)) {
+        handleSelfEvent(event.wd, event.mask);
+        return;
+    }
+    const QByteArray folderPath = pathOf(event.wd);
+    if (folderPath.isEmpty())
+        return;
+    const quint32 flags = flagsForMask(event.mask);
+    if (event.len == 0 || event.name[0] == '\0') {
+        // The watched folder itself, for example its permissions.
+        note(folderPath, flags | ItemIsDir);
+        return;
+    }
+    const QByteArray name(event.name);
+    const QByteArray path = joined(folderPath, name);
+    const bool isFolder = event.mask & IN_ISDIR;
+    note(path, flags | (isFolder ? ItemIsDir : ItemIsFile));
+    if (!isFolder)
+        return;
+    if ((event.mask & IN_CREATE) && !isUnwatched(path))
+        _pending.push_back({-1, event.wd, name, path, Walk::New});
+    else if (event.mask & IN_MOVED_TO)
+        adoptMovedFolder(event.wd, name, path);
+}
+
+void InotifyWatcher::Worker::handleSelfEvent(int wd, uint32_t mask)
+{
+    if ((mask & IN_MOVE_SELF) && _movedWithinTrees.remove(wd))
+        return;
+    const auto folder = _folders.constFind(wd);
+    if (folder->parent < 0) {
+        const QByteArray root = folder->name;
+        note(root, RootChanged);
+        const QString reason = (mask & IN_MOVE_SELF)  ? QStringLiteral("it was moved away")
+                               : (mask & IN_UNMOUNT) ? QStringLiteral("its file system was unmounted")
+                                                     : QStringLiteral("it was removed");
+        NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(root), reason));
+    }
+    // A folder moved out of the trees: what happens at its new place is none of ours.
+    // Removed folders lose their watches one by one through IN_IGNORED.
+    if (mask & IN_MOVE_SELF)
+        forgetTree(wd);
+}
+
+void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path)
+{
+    // Moved under an unwatched prefix: its IN_MOVE_SELF finds it not re-homed and lets it go.
+    if (isUnwatched(path))
+        return;
+    // For a folder that is watched already the kernel answers its existing watch.
+    const int wd = inotify_add_watch(_fd, path.constData(), watchedChanges | IN_DONT_FOLLOW);
+    if (wd < 0) {
+        reportWatchFailure(errno, {-1, parent, name, path, Walk::New});
+        return;
+    }
+    const auto known = _folders.find(wd);
+    if (known != _folders.end()) {
+        known->parent = parent;
+        known->name = name;
+        _movedWithinTrees.insert(wd);
+        return;
+    }
+    _folders.insert(wd, {parent, name});
+    _pending.push_back({wd, parent, name, path, Walk::New});
+}
+
+void InotifyWatcher::Worker::overflowed()
+{
+    // Changes were lost: every root gets a must-scan event, and the trees are walked
+    // again so that folders created meanwhile get their watches.
+    for (const QByteArray &root : std::as_const(_roots)) {
+        for (auto folder = _folders.cbegin(); folder != _folders.cend(); ++folder) {
+            if (folder->parent < 0 && folder->name == root) {
+                note(root, MustScanSubDirs | ItemIsDir);
+                _pending.insert(_pending.begin(), {-1, -1, root, root, Walk::Rescan});
+                break;
+            }
+        }
+    }
+}
+
+void InotifyWatcher::Worker::walk(bool toTheEnd)
+{
+    QElapsedTimer clock;
+    clock.start();
+    QThread *thread = QThread::currentThread();
+    while (!_pending.empty() && !thread->isInterruptionRequested()) {
+        PendingFolder folder = std::move(_pending.back());
+        _pending.pop_back();
+        visit(std::move(folder));
+        if (!toTheEnd && clock.elapsed() >= walkSliceMs)
+            break;
+    }
+    if (thread->isInterruptionRequested())
+        return;
+    if (!_pending.empty()) {
+        if (!_walkPosted) {
+            _walkPosted = true;
+            QMetaObject::invokeMethod(this, [this] {
+                _walkPosted = false;
+                walk(false);
+            }, Qt::QueuedConnection);
+        }
+        return;
+    }
+    _pending.shrink_to_fit();
+    _rescanned.clear();
+    if (_settingUp) {
+        _settingUp = false;
+        _owner->reportSetupFinished(_folders.size());
+    }
+}
+
+void InotifyWatcher::Worker::visit(PendingFolder folder)
+{
+    const bool isRoot = folder.parent < 0;
+    if (folder.wd < 0) {
+        // Roots may be symbolic links to folders; nothing below them is followed.
+        const int wd = inotify_add_watch(_fd, folder.path.constData(), watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
+        if (wd < 0) {
+            reportWatchFailure(errno, folder);
+            return;
+        }
+        if (!_folders.contains(wd))
+            _folders.insert(wd, {folder.parent, isRoot ? folder.path : folder.name});
+        else if (folder.walk != Walk::Rescan)
+            return; // reached twice: a bind mount, or a root inside another root
+        folder.wd = wd;
+    }
+    if (folder.walk == Walk::Rescan) {
+        if (_rescanned.contains(folder.wd))
+            return;
+        _rescanned.insert(folder.wd);
+    }
+
+    const int fd = ::open(folder.path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
+    if (fd < 0)
+        return;
+    DIR *dir = ::fdopendir(fd);
+    if (!dir) {
+        ::close(fd);
+        return;
+    }
+    while (const dirent *entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        bool isFolder = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            struct stat status;
+            isFolder = ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+        }
+        const QByteArray name(entry->d_name);
+        const QByteArray path = joined(folder.path, name);
+        // A folder that was new when its watch came: what is in it already was created since the start.
+        if (folder.walk == Walk::New)
+            note(path, ItemCreated | (isFolder ? ItemIsDir : ItemIsFile));
+        if (isFolder && !isUnwatched(path))
+            _pending.push_back({-1, folder.wd, name, path, folder.walk});
+    }
+    ::closedir(dir);
+}
+
+void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &folder)
+{
+    if (error == ENOSPC) {
+        if (_limitReported)
+            return;
+        _limitReported = true;
+        const qint64 limit = watchLimit();
+        const QByteArray root = folder.parent < 0 ? folder.path : rootOf(folder.parent);
+        NSLog(QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders under %2 "
+                             "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
+                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), QFile::decodeName(root),
+                       QString::number(qMax<qint64>(2 * limit, 524288))));
+        return;
+    }
+    // Below a root, a folder that vanished before its watch came, or a symbolic
+    // link, is nothing to report.
+    if (folder.parent >= 0 && (error == ENOENT || error == ENOTDIR || error == ELOOP))
+        return;
+    NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(folder.path), qt_error_string(error)));
+}
+
+void InotifyWatcher::Worker::forgetTree(int wd)
+{
+    QMultiHash<int, int> children;
+    for (auto folder = _folders.cbegin(); folder != _folders.cend(); ++folder)
+        children.insert(folder->parent, folder.key());
+    QList<int> doomed{wd};
+    for (qsizetype i = 0; i < doomed.size(); ++i)
+        doomed.append(children.values(doomed.at(i)));
+    for (int each : std::as_const(doomed)) {
+        inotify_rm_watch(_fd, each);
+        _folders.remove(each);
+        _movedWithinTrees.remove(each);
+    }
+}
+
+QByteArray InotifyWatcher::Worker::pathOf(int wd) const
+{
+    QVarLengthArray<const Folder *, 32> chain;
+    for (int at = wd; at >= 0;) {
+        const auto folder = _folders.constFind(at);
+        if (folder == _folders.cend() || chain.size() > 4096)
+            return {};
+        chain.append(&*folder);
+        at = folder->parent;
+    }
+    QByteArray path = chain.last()->name;
+    for (qsizetype i = chain.size() - 2; i >= 0; --i)
+        path = joined(path, chain.at(i)->name);
+    return path;
+}
+
+QByteArray InotifyWatcher::Worker::rootOf(int wd) const
+{
+    QByteArray root;
+    for (int at = wd, steps = 0; at >= 0 && steps <= 4096; ++steps) {
+        const auto folder = _folders.constFind(at);
+        if (folder == _folders.cend())
+            break;
+        root = folder->name;
+        at = folder->parent;
+    }
+    return root;
+}
+
+bool InotifyWatcher::Worker::isUnwatched(const QByteArray &path) const
+{
+    for (const QByteArray &prefix : _unwatchedPrefixes)
+        if (path.startsWith(prefix))
+            return true;
+    return false;
+}
+
+void InotifyWatcher::Worker::note(const QByteArray &path, quint32 flags)
+{
+    const QString name = QFile::decodeName(path);
+    const auto known = _batchIndex.constFind(name);
+    if (known != _batchIndex.cend()) {
+        _batch[*known].flags |= flags;
+        return;
+    }
+    _batchIndex.insert(name, _batch.size());
+    _batch.append({0, name, flags});
+    if (!_latencyTimer->isActive())
+        _latencyTimer->start(_latencyMs);
+}
+
+void InotifyWatcher::Worker::closeBatch()
+{
+    _latencyTimer->stop();
+    if (_batch.isEmpty())
+        return;
+    for (FileSystemEvent &event : _batch)
+        event.eventId = nextEventId();
+    _batchIndex.clear();
+    _owner->takeBatch(std::exchange(_batch, {}));
+}
+
+InotifyWatcher::InotifyWatcher(QObject *parent)
+    : FileSystemWatcher(parent)
+{
+    _thread.setObjectName(QStringLiteral("inotify"));
+}
+
+InotifyWatcher::~InotifyWatcher()
+{
+    stop();
+}
+
+bool InotifyWatcher::start(const QStringList &roots, double latency, const QStringList &unwatchedPrefixes)
+{
+    if (_worker)
+        return false;
+    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0) {
+        NSLog(QStringLiteral("cannot watch %1: %2").arg(roots.join(QStringLiteral(", ")), qt_error_string(errno)));
+        return false;
+    }
+    QStringList cleanRoots;
+    for (const QString &root : roots)
+        cleanRoots.append(root.isEmpty() ? root : QDir::cleanPath(root));
+    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes);
+    _worker->moveToThread(&_thread);
+    _thread.start();
+    QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);
+    return true;
+}
+
+void InotifyWatcher::stop()
+{
+    if (!_worker)
+        return;
+    // Its timer and socket notifier belong to the worker thread, so it is deleted there.
+    connect(&_thread, &QThread::finished, _worker, &QObject::deleteLater);
+    // Ends a walk of a large tree at the next folder rather than at the end of its slice.
+    _thread.requestInterruption();
+    _thread.quit();
+    _thread.wait();
+    _worker = nullptr;
+    QMutexLocker locker(&_inboxLock);
+    _inbox.clear();
+}
+
+bool InotifyWatcher::isWatching() const
+{
+    return _worker != nullptr;
+}
+
+void InotifyWatcher::flushSync()
+{
+    if (!_worker)
+        return;
+    QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(true); }, Qt::BlockingQueuedConnection);
+    deliverBatches();
+}
+
+void InotifyWatcher::flushAsync()
+{
+    if (_worker)
+        QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(false); }, Qt::QueuedConnection);
+}
+
+QString InotifyWatcher::description() const
+{
+    if (!_worker)
+        return {};
+    QString text;
+    QMetaObject::invokeMethod(_worker, [worker = _worker] { return worker->description(); },
+                              Qt::BlockingQueuedConnection, &text);
+    return text;
+}
+
+void InotifyWatcher::takeBatch(QList<FileSystemEvent> batch)
+{
+    bool first;
+    {
+        QMutexLocker locker(&_inboxLock);
+        first = _inbox.isEmpty();
+        _inbox.append(std::move(batch));
+    }
+    if (first)
+        QMetaObject::invokeMethod(this, [this] { deliverBatches(); }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::reportSetupFinished(qint64 watchedFolders)
+{
+    QMetaObject::invokeMethod(this, [this, watchedFolders] {
+        if (_worker)
+            emit setupFinished(watchedFolders);
+    }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::deliverBatches()
+{
+    QList<QList<FileSystemEvent>> batches;
+    {
+        QMutexLocker locker(&_inboxLock);
+        batches.swap(_inbox);
+    }
+    for (const QList<FileSystemEvent> &batch : std::as_const(batches)) {
+        // A receiver may stop the watcher while it is being called.
+        if (!_worker)
+            return;
+        emit eventsOccurred(batch);
+    }
+}

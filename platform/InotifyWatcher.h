@@ -1,0 +1,39 @@
+#pragma once
+
+#include "platform/FileSystemWatcher.h"
+
+#include <QMutex>
+#include <QThread>
+
+// inotify over every folder of the watched trees. Walking the trees, every
+// inotify call and the reading of the inotify descriptor happen on a thread of
+// the watcher's own, so that setting up a large tree never holds the caller's
+// thread; finished batches come back to this object's thread by a queued call.
+class InotifyWatcher : public FileSystemWatcher
+{
+    Q_OBJECT
+public:
+    explicit InotifyWatcher(QObject *parent = nullptr);
+    ~InotifyWatcher() override;
+
+    bool start(const QStringList &roots, double latency, const QStringList &unwatchedPrefixes) override;
+    void stop() override;
+    bool isWatching() const override;
+    void flushSync() override;
+    void flushAsync() override;
+    QString description() const override;
+
+private:
+    class Worker;
+
+    // Called on the worker thread.
+    void takeBatch(QList<FileSystemEvent> batch);
+    void reportSetupFinished(qint64 watchedFolders);
+
+    void deliverBatches();
+
+    QThread _thread;
+    Worker *_worker = nullptr;
+    QMutex _inboxLock;
+    QList<QList<FileSystemEvent>> _inbox;
+};
