@@ -1,0 +1,246 @@
+#include "QXScanner.h"
+
+#include "QXScannerDelegate.h"
+#include "platform/Localization.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QMutexLocker>
+#include <QUuid>
+
+namespace {
+
+// "2014-03-05 14:07:09 +0000": local time and its offset from UTC.
+QString dateText()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    const int offset = now.offsetFromUtc();
+    const int minutes = qAbs(offset) / 60;
+    return now.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss "))
+        + QLatin1Char(offset < 0 ? '-' : '+')
+        + QStringLiteral("%1%2").arg(minutes / 60, 2, 10, QLatin1Char('0')).arg(minutes % 60, 2, 10, QLatin1Char('0'));
+}
+
+} // namespace
+
+QXScanner::QXScanner(QXScannerDelegate *delegate, QObject *parent)
+    : QXWorkerThread(parent)
+    , _delegate(delegate)
+    , _outputDecoder(QStringDecoder::Utf8)
+    , _returnCharData("\n")
+{
+    _delegateWantsUpdates = _delegate->wantScanStatusUpdates();
+    _usingClamd = _delegate->useClamd();
+}
+
+QXScanner::~QXScanner()
+{
+    stopThread();
+}
+
+QString QXScanner::pathForTemporaryFileWithPrefix(const QString &prefix)
+{
+    const QString uuid = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    return QDir::tempPath() + QLatin1Char('/') + prefix + QLatin1Char('-') + uuid;
+}
+
+void QXScanner::runScanOnFiles(const QStringList &paths)
+{
+    QXScannerDelegate *delegate = _delegate;
+    reportToMainAndWait([delegate] { delegate->scanStarted(); });
+
+    _logScans = delegate->logScans();
+    _partialOutput.clear();
+    _outputDecoder.resetState();
+    {
+        QMutexLocker locker(&_pauseLock);
+        _paused = false;
+    }
+    _thePathsToScan = paths;
+    setScanListTempFilePath(pathForTemporaryFileWithPrefix(QStringLiteral("Korvane")));
+
+    openScanLog();
+    if (_usingClamd)
+        writeToLog(dateText());
+    else
+        writeToLog(QStringLiteral("%1\n%2\nItems to be scanned:\n").arg(QString(79, QLatin1Char('-')), dateText()));
+
+    const QStringList arguments = argumentsForBatch(_thePathsToScan);
+    const QString program = QDir::cleanPath(delegate->enginePath()
+        + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+    const RunResult result = runChild(program, arguments);
+
+    if (!result.started) {
+        const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
+        reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
+    } else {
+        // Output that ends without a newline still holds a whole line.
+        if (!_partialOutput.isEmpty()) {
+            const QString last = _partialOutput;
+            _partialOutput.clear();
+            handleLine(last);
+        }
+        notifiedForComplete(result);
+    }
+
+    if (_loggerFileHandle) {
+        _loggerFileHandle->write(_returnCharData);
+        _loggerFileHandle->close();
+        _loggerFileHandle.reset();
+    }
+    _thePathsToScan.clear();
+}
+
+void QXScanner::openScanLog()
+{
+    _loggerFileHandle.reset();
+    // The log is made elsewhere; a missing one means no logging.
+    const QString path = _delegate->pathToScanLog();
+    if (path.isEmpty())
+        return;
+    auto file = std::make_unique<QFile>(path);
+    if (file->open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::ExistingOnly))
+        _loggerFileHandle = std::move(file);
+}
+
+QStringList QXScanner::argumentsForBatch(const QStringList &paths)
+{
+    QXScannerDelegate *delegate = _delegate;
+    QStringList arguments;
+    if (!_usingClamd) {
+        arguments << QStringLiteral("-rv");
+        arguments << delegate->exclusionStrings();
+        for (const QString &path : paths) {
+            if (path != QLatin1String("/"))
+                continue;
+            for (const QString &entry : delegate->exclusionStringsForRootVolScan())
+                arguments << QStringLiteral("--exclude=^") + entry << QStringLiteral("--exclude-dir=^") + entry;
+        }
+        if (delegate->quarantineFiles()) {
+            const QString location = delegate->quarantineLocation();
+            arguments << QStringLiteral("--exclude=^") + location << QStringLiteral("--exclude-dir=^") + location;
+        }
+        arguments << (delegate->scanEmailFiles() ? QStringLiteral("--scan-mail=yes") : QStringLiteral("--scan-mail=no"));
+    }
+    if (_usingClamd || delegate->suppressSummary())
+        arguments << QStringLiteral("--no-summary");
+    if (delegate->hasAdditionalCmdArgs())
+        arguments << delegate->additionalCmdArgs().split(QLatin1Char(' '), Qt::KeepEmptyParts);
+
+    if (!delegate->engineSupportsFileListFlag())
+        return arguments << paths;
+
+    QString listText = paths.join(QLatin1Char('\n'));
+    for (const QString &path : paths) {
+        if (!path.endsWith(QLatin1String("savedSearch")))
+            continue;
+        const QString found = delegate->obtainFilesForSavedSearchAtPath(path).join(QLatin1Char('\n'));
+        if (found.size() >= 3)
+            listText += QLatin1Char('\n') + found;
+    }
+    // A list that cannot be written shows up as the engine's own error.
+    QFile listFile(_scanListTempFilePath);
+    if (listFile.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        listFile.write(listText.toUtf8());
+    listFile.close();
+    if (!_usingClamd)
+        writeToLog(listText + QStringLiteral("\n\n"));
+    return arguments << QStringLiteral("--file-list=") + _scanListTempFilePath;
+}
+
+void QXScanner::writeToLog(const QString &text)
+{
+    if (!_logScans || !_loggerFileHandle)
+        return;
+    _loggerFileHandle->write(text.toUtf8());
+    _loggerFileHandle->write(_returnCharData);
+    _loggerFileHandle->flush();
+}
+
+void QXScanner::notifiedForStdOutput(const QByteArray &chunk)
+{
+    const QString text = _partialOutput + QString(_outputDecoder.decode(chunk));
+    QStringList lines = text.split(QLatin1Char('\n'));
+    _partialOutput = lines.takeLast();
+    for (const QString &line : std::as_const(lines))
+        handleLine(line);
+}
+
+void QXScanner::handleLine(const QString &line)
+{
+    if (line.size() < 2)
+        return;
+    QXScannerDelegate *delegate = _delegate;
+    if (line.startsWith(QLatin1String("Scanning"))) {
+        if (_delegateWantsUpdates) {
+            reportToMain([delegate, line] { delegate->updateProgressWithMessage(line); });
+            reportToMain([delegate] { delegate->updateProgressBar(); });
+        }
+        return;
+    }
+    writeToLog(line);
+    if (line.endsWith(QLatin1String(" FOUND"))) {
+        QString reported = line;
+        reported.replace(QLatin1String(".UNOFFICIAL FOUND"), QLatin1String(" FOUND"));
+        reportToMain([delegate, reported] { delegate->infectionFound(reported); });
+    } else if (line.contains(QLatin1String("virus database is older than"))) {
+        const QString warning = Localization::text("DB_OUT_OF_DATE");
+        reportToMain([delegate] { delegate->appendToConsole(QStringLiteral("\n")); });
+        reportToMain([delegate, warning] { delegate->appendToConsole(warning); });
+    }
+}
+
+void QXScanner::notifiedForComplete(const RunResult &result)
+{
+    QXScannerDelegate *delegate = _delegate;
+    QFile::remove(_scanListTempFilePath);
+    if (_delegateWantsUpdates)
+        reportToMainAndWait([delegate] { delegate->updateProgressWithPercentDone(100.0); });
+    const int status = result.status;
+    reportToMainAndWait([delegate, status] { delegate->scanFinishedWithStatus(status); });
+}
+
+bool QXScanner::suspendScan()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (_paused)
+        return false;
+    return suspendChild();
+}
+
+bool QXScanner::resumeScan()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (!_paused)
+        return false;
+    return resumeChild();
+}
+
+bool QXScanner::pause()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (_paused) {
+        if (resumeChild())
+            _paused = false;
+    } else if (suspendChild()) {
+        _paused = true;
+    }
+    return _paused;
+}
+
+void QXScanner::stop()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (!terminateChild())
+        return;
+    // A stopped child would hold the termination until continued, and the run
+    // with it; continuing a running child does nothing.
+    resumeChild();
+    _paused = false;
+}
+
+bool QXScanner::paused() const
+{
+    QMutexLocker locker(&_pauseLock);
+    return _paused;
+}

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMutex>
+#include <QObject>
+#include <QProcess>
+#include <QStringList>
+#include <QThread>
+#include <atomic>
+#include <functional>
+#include <memory>
+
+// The pattern shared by the workers that run the engine's programs: a thread
+// of its own that waits for requests, one child process per request, both
+// pipes read chunk by chunk on that thread while the child runs, and reports
+// to the main thread, with or without waiting for it.
+class QXWorkerThread : public QObject
+{
+    Q_OBJECT
+public:
+    // The worker moves itself to its own thread in start(), which Qt allows
+    // only for an object without a parent: pass none.
+    explicit QXWorkerThread(QObject *parent = nullptr);
+    // Stops the thread; a child still running is killed first.
+    ~QXWorkerThread() override;
+
+    // Starts the thread; the worker then lives on it until the process ends.
+    void start();
+    QThread *thread() const { return const_cast<QThread *>(&_thread); }
+
+    // Calls fn on the worker's thread without waiting (a run request).
+    void perform(std::function<void()> fn);
+
+    // Signals to the child of the run in progress; safe from any thread.
+    // Each answers whether the signal was delivered; with no child, false.
+    bool suspendChild();
+    bool resumeChild();
+    bool terminateChild();
+    bool hasChild() const;
+
+    // Drops every report from now on, also those already on their way; the
+    // owner calls it on all its workers before it deletes any of them.
+    void stopReporting();
+
+protected:
+    struct RunResult
+    {
+        bool started = false;      // false: the program could not be started
+        QString error;             // why it could not be started
+        int status = 0;            // exit code, or the signal that killed it
+        bool crashed = false;      // ended by a signal
+    };
+
+    // Runs program with arguments as a child whose output and error are on
+    // pipes, hands every chunk of either to the handlers below on this thread,
+    // and returns once the child has ended and both pipes are drained.
+    // The child inherits environment, working folder and standard input.
+    RunResult runChild(const QString &program, const QStringList &arguments);
+
+    // A chunk of output or error; an empty chunk is never passed.
+    virtual void notifiedForStdOutput(const QByteArray &chunk);
+    virtual void notifiedForStdError(const QByteArray &chunk);
+
+    // Reports to the main thread. Once stopThread() has begun, reports are
+    // dropped: their receivers may already be gone.
+    void reportToMain(std::function<void()> fn);
+    void reportToMainAndWait(std::function<void()> fn);
+
+    // Ends the thread, killing a running child so that its run returns.
+    // Subclasses whose runs use their own members call this first in their
+    // destructor, so that no run outlives them.
+    void stopThread();
+
+private:
+    void setChildPid(qint64 pid);
+    bool signalChild(int signal);
+
+    QThread _thread;
+    // Shared with every report in flight; cleared on the main thread when
+    // the worker stops.
+    std::shared_ptr<std::atomic_bool> _reporting = std::make_shared<std::atomic_bool>(true);
+    mutable QMutex _childLock;
+    qint64 _childPid = 0;
+};
