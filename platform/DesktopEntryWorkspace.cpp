@@ -2,7 +2,11 @@
 
 #include "SystemLog.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDesktopServices>
 #include <QFile>
+#include <QUrl>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
@@ -87,4 +91,15 @@ bool DesktopEntryWorkspace::launchAppWithBundleIdentifier(const QString &identif
     }
     const QString program = command.takeFirst();
     return QProcess::startDetached(program, command);
+}
+
+bool DesktopEntryWorkspace::isApplicationActive(const QString &identifier)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    return bus.isConnected() && bus.interface()->isServiceRegistered(identifier).value();
+}
+
+bool DesktopEntryWorkspace::openFile(const QString &path)
+{
+    return QDesktopServices::openUrl(QUrl::fromLocalFile(path));
 }

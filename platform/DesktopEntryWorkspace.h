@@ -9,6 +9,8 @@ class DesktopEntryWorkspace : public Workspace
 {
 public:
     bool launchAppWithBundleIdentifier(const QString &identifier) override;
+    bool isApplicationActive(const QString &identifier) override;
+    bool openFile(const QString &path) override;
 
     // The program and arguments of a desktop entry's Exec line, with its
     // field codes dropped; empty when the entry cannot be used.

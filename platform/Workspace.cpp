@@ -2,6 +2,8 @@
 
 #include "DesktopEntryWorkspace.h"
 
+#include <QFileInfo>
+
 namespace {
 Workspace *installed = nullptr;
 }
@@ -15,4 +17,13 @@ Workspace *Workspace::sharedWorkspace()
 void Workspace::setSharedWorkspace(Workspace *workspace)
 {
     installed = workspace;
+}
+
+bool Workspace::isFilePackageAtPath(const QString &path)
+{
+    static const QStringList extensions{QStringLiteral("app"),    QStringLiteral("bundle"), QStringLiteral("framework"),
+                                        QStringLiteral("plugin"), QStringLiteral("pkg"),    QStringLiteral("mpkg"),
+                                        QStringLiteral("rtfd"),   QStringLiteral("AppDir")};
+    const QFileInfo info(path);
+    return info.isDir() && extensions.contains(info.suffix());
 }

@@ -16,4 +16,12 @@ public:
     // the XDG data folders, without waiting for it. Answers whether it could
     // be started.
     virtual bool launchAppWithBundleIdentifier(const QString &identifier) = 0;
+    // "Active" on this desktop: the program owns its D-Bus name.
+    virtual bool isApplicationActive(const QString &identifier) = 0;
+    // Hands a file or folder to the desktop's default program for it.
+    virtual bool openFile(const QString &path) = 0;
+
+    // A folder that the desktop shows as one file: an application or
+    // document bundle, named with one of the package extensions.
+    static bool isFilePackageAtPath(const QString &path);
 };

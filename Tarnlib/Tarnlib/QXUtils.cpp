@@ -1,16 +1,24 @@
 #include "QXUtils.h"
 
+#include "QXEngineChecker.h"
+#include "QXScanner.h"
+#include "QXUpdater.h"
 #include "QXUtilsDelegate.h"
 #include "platform/BundleInfo.h"
 #include "platform/Localization.h"
 #include "platform/UserDefaults.h"
 #include "platform/UserDefaultsController.h"
+#include "platform/SystemLog.h"
+#include "platform/UserNotificationCenter.h"
 #include "platform/UserFolders.h"
+#include "platform/Workspace.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QMutexLocker>
 #include <QThreadPool>
+#include <QTimer>
 
 namespace {
 
@@ -93,7 +101,18 @@ QXUtils::QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engine
     makeEngineCandidateLists(engineCandidates);
 }
 
-QXUtils::~QXUtils() = default;
+QXUtils::~QXUtils()
+{
+    // A worker that ends its thread delivers what is on its way to the main
+    // thread, and no report may reach a delegate that is going away.
+    for (QXWorkerThread *worker : std::initializer_list<QXWorkerThread *>{_theScanner, _theUpdater, _theChecker}) {
+        if (worker)
+            worker->stopReporting();
+    }
+    delete _theScanner;
+    delete _theUpdater;
+    delete _theChecker;
+}
 
 void QXUtils::registerDefaultsAndDomains()
 {
@@ -174,28 +193,70 @@ void QXUtils::setup()
     _preferences->setValue(_enginePath, QStringLiteral("PathToClamav"));
     _preferences->setValue(_updateLogPath, QStringLiteral("PathToUpdateLog"));
     syncPrefs();
-    // The engine workers are made here once they exist.
+
+    // Workers ask these on their own threads, so they are copied here and
+    // before each run rather than asked of the delegate there.
+    _wantScanStatusUpdates = _delegate && _delegate->wantScanStatusUpdates();
+    _wantUpdatePercentages = _delegate && _delegate->wantUpdatePercentages();
+
+    _theChecker = new QXEngineChecker(this);
+    _theChecker->start();
+    _theUpdater = new QXUpdater(this);
+    _theUpdater->start();
+    // The scanner asks for progress and the daemon setting once, now.
+    _theScanner = new QXScanner(this);
+    _theScanner->start();
 }
 
 void QXUtils::checkEngine()
 {
-    // The engine check arrives with the engine workers.
+    if (!_theChecker)
+        return;
+    QXEngineChecker *checker = _theChecker;
+    checker->perform([checker] { checker->runCheck(); });
 }
 
 void QXUtils::updateDefs()
 {
-    // The definitions updater arrives with the engine workers.
+    if (!_theUpdater)
+        return;
+    _logUpdates = readPreferenceForKey(QStringLiteral("LogUpdates")).toBool();
+    _wantUpdatePercentages = _delegate && _delegate->wantUpdatePercentages();
+    QXUpdater *updater = _theUpdater;
+    updater->perform([updater] { updater->runUpdate(); });
 }
 
 void QXUtils::scanFiles(const QStringList &paths)
 {
-    Q_UNUSED(paths);
-    _suppressSummary = _preferences->value(QStringLiteral("SuppressSummary")).toBool();
+    _suppressSummary = readPreferenceForKey(QStringLiteral("SuppressSummary")).toBool();
     const QVariant args = readPreferenceForKey(QStringLiteral("AdditionalCmdLineArgs"));
     _hasAdditionalCmdArgs = args.isValid();
     _additionalCmdArgs = args.toString();
     _logScans = readPreferenceForKey(QStringLiteral("LogScans")).toBool();
-    // The scanner arrives with the engine workers.
+    if (!_theScanner)
+        return;
+    QXScanner *scanner = _theScanner;
+    const QStringList batch = paths;
+    scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+}
+
+void QXUtils::pauseResume()
+{
+    if (_theScanner)
+        _paused = _theScanner->pause();
+}
+
+void QXUtils::stop()
+{
+    if (_scanning) {
+        if (_theScanner)
+            _theScanner->stop();
+        _theOperationQueue->clear();
+        _paused = false;
+    } else if (_updating) {
+        if (_theUpdater)
+            _theUpdater->stop();
+    }
 }
 
 void QXUtils::determineQuarantineSettings()
@@ -210,17 +271,220 @@ void QXUtils::determineWhatToExcludeFromThisScan()
 
 void QXUtils::postToNotificationCenterWithTitle(const QString &title, const QString &message)
 {
-    Q_UNUSED(title);
-    Q_UNUSED(message);
-    // User notifications arrive with the infected-items list.
+    if (message.isNull())
+        return;
+    UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
+    if (center->canDeliver())
+        center->deliverNotification(title, message);
+}
+
+bool QXUtils::updaterNeedsExit1FreshclamFlag() const
+{
+    QMutexLocker locker(&_checkerLock);
+    return _updaterNeedsExit1FreshclamFlag;
+}
+
+void QXUtils::setUpdaterNeedsExit1FreshclamFlag(bool flag)
+{
+    {
+        QMutexLocker locker(&_checkerLock);
+        _updaterNeedsExit1FreshclamFlag = flag;
+    }
+    // The preference controller belongs to the main thread.
+    QMetaObject::invokeMethod(this, [this, flag] { recordNeedsExit1FreshclamFlag(flag); }, Qt::QueuedConnection);
+}
+
+void QXUtils::recordNeedsExit1FreshclamFlag(bool flag)
+{
+    setPreference(flag, QStringLiteral("NeedsExit1FreshclamFlag"));
+    syncPrefs();
+}
+
+bool QXUtils::engineSupportsFileListFlag() const
+{
+    QMutexLocker locker(&_checkerLock);
+    return _engineSupportsFileListFlag;
+}
+
+void QXUtils::setEngineSupportsFileListFlag(bool flag)
+{
+    QMutexLocker locker(&_checkerLock);
+    _engineSupportsFileListFlag = flag;
+}
+
+QString QXUtils::engineShortVersionString() const
+{
+    QMutexLocker locker(&_checkerLock);
+    return _engineShortVersionString;
+}
+
+void QXUtils::setEngineShortVersionString(const QString &version)
+{
+    QMutexLocker locker(&_checkerLock);
+    _engineShortVersionString = version;
 }
 
 bool QXUtils::wantScanStatusUpdates() const
 {
-    return _delegate && _delegate->wantScanStatusUpdates();
+    return _wantScanStatusUpdates;
 }
 
 bool QXUtils::wantUpdatePercentages() const
 {
-    return _delegate && _delegate->wantUpdatePercentages();
+    return _wantUpdatePercentages;
+}
+
+void QXUtils::scanStarted()
+{
+    _scanning = true;
+    _countOfFilesScannedSoFar = 0;
+    _delegate->scanStarted();
+}
+
+void QXUtils::scanFinishedWithStatus(int status)
+{
+    _delegate->scanFinishedWithStatus(status);
+}
+
+void QXUtils::scanCrashed(const QString &reason)
+{
+    _delegate->scanCrashed(reason);
+}
+
+void QXUtils::updateProgressBar()
+{
+    ++_countOfFilesScannedSoFar;
+    _delegate->updateProgressBarWithCountOfFilesScannedSoFar(_countOfFilesScannedSoFar);
+}
+
+void QXUtils::appendToConsole(const QString &text)
+{
+    if (_delegate->respondsTo(QXUtilsDelegate::Optional::AppendToConsole))
+        _delegate->appendToConsole(text);
+}
+
+void QXUtils::infectionFound(const QString &line)
+{
+    const qsizetype colon = line.lastIndexOf(QLatin1Char(':'));
+    if (colon < 0)
+        return;
+    // What follows the colon is ": " + name + " FOUND"; shorter is no name.
+    const qsizetype nameLength = line.size() - colon - 8;
+    if (nameLength <= 0)
+        return;
+    const QString path = line.left(colon);
+    const QString name = line.mid(colon + 2, nameLength);
+
+    // An infection inside an application bundle is reported as the bundle,
+    // which is what the user sees as one file.
+    QString file = path;
+    if (path != QLatin1String("/")) {
+        QString candidate = path;
+        while (!candidate.isEmpty()) {
+            if (Workspace::isFilePackageAtPath(candidate)) {
+                file = candidate;
+                break;
+            }
+            const QString parent = QFileInfo(candidate).path();
+            if (parent == QLatin1String("/") || parent == candidate)
+                break;
+            candidate = parent;
+        }
+    }
+    _delegate->infectionFound(name, file);
+}
+
+QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
+{
+    Q_UNUSED(path);
+    // Saved searches are not expanded yet: the file itself is still scanned.
+    return {};
+}
+
+void QXUtils::updateStarted()
+{
+    _updating = true;
+    _delegate->updateStarted();
+}
+
+void QXUtils::updateFinishedWithStatus(int status)
+{
+    _delegate->updateFinishedWithStatus(status);
+    _updating = false;
+}
+
+void QXUtils::updateProgressWithMessage(const QString &message)
+{
+    _delegate->updateProgressWithMessage(message);
+}
+
+void QXUtils::updateProgressWithPercentDone(double percent)
+{
+    _delegate->updateProgressWithPercentDone(percent);
+}
+
+void QXUtils::engineCheckFailedTryAgain()
+{
+    QTimer::singleShot(retrySameCandidateMs, this, &QXUtils::checkEngine);
+}
+
+void QXUtils::engineNotFound()
+{
+    ++_enginePathsEnumerator;
+    ++_updateLogPathsEnumerator;
+    _enginePath = _enginePathsArray.value(_enginePathsEnumerator);
+    _updateLogPath = _updateLogPathsArray.value(_updateLogPathsEnumerator);
+    if (_enginePathsEnumerator < _enginePathsArray.size()) {
+        QTimer::singleShot(tryNextCandidateMs, this, &QXUtils::checkEngine);
+        return;
+    }
+    deletePreferenceForKey(QStringLiteral("PathToClamav"));
+    deletePreferenceForKey(QStringLiteral("PathToUpdateLog"));
+    syncPrefs();
+    _delegate->engineNotFound();
+    SystemLog::log(QStringLiteral("engine not found"));
+}
+
+void QXUtils::engineFoundWithVersionString(const QString &version)
+{
+    setPreference(_enginePath, QStringLiteral("PathToClamav"));
+    setPreference(_updateLogPath, QStringLiteral("PathToUpdateLog"));
+    syncPrefs();
+    _delegate->engineFoundWithVersionString(version);
+    if (!_useClamd)
+        return;
+    if (_theChecker->clamdRunning() && _theChecker->clamdResponding()) {
+        if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdAlreadyRunning))
+            _delegate->clamdAlreadyRunning();
+        return;
+    }
+    // A daemon process that does not answer on our socket may be another
+    // installation's (or the system's) daemon: ours is started all the same.
+    SystemLog::log(QStringLiteral("starting clamd..."));
+    QXEngineChecker *checker = _theChecker;
+    checker->perform([checker] { checker->startClamd(); });
+}
+
+void QXUtils::needToUpdateDB()
+{
+    if (_delegate->respondsTo(QXUtilsDelegate::Optional::NeedToUpdateDB))
+        _delegate->needToUpdateDB();
+}
+
+void QXUtils::needToUpdateEngine()
+{
+    if (_delegate->respondsTo(QXUtilsDelegate::Optional::NeedToUpdateEngineDisplayVersionString))
+        _delegate->needToUpdateEngineDisplayVersionString(_theChecker->versionString());
+}
+
+void QXUtils::clamdStarted()
+{
+    if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdStarted))
+        _delegate->clamdStarted();
+}
+
+void QXUtils::clamdFailedToStart()
+{
+    if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdFailedToStart))
+        _delegate->clamdFailedToStart();
 }

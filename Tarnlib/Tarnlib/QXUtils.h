@@ -1,6 +1,11 @@
 #pragma once
 
+#include "QXEngineCheckerDelegate.h"
+#include "QXScannerDelegate.h"
+#include "QXUpdaterDelegate.h"
+
 #include <QList>
+#include <QMutex>
 #include <QObject>
 #include <QPair>
 #include <QRegularExpression>
@@ -21,7 +26,7 @@ class UserDefaultsController;
 // The one settings-and-policy object: preference access over the built-in
 // defaults, engine and log locations, scan policy, and the coordinator of
 // the engine workers, whose reports it relays to its delegate.
-class QXUtils : public QObject
+class QXUtils : public QObject, public QXScannerDelegate, public QXEngineCheckerDelegate, public QXUpdaterDelegate
 {
     Q_OBJECT
 public:
@@ -51,46 +56,78 @@ public:
     void checkEngine();
     void updateDefs();
     void scanFiles(const QStringList &paths);
+    void pauseResume();
+    void stop();
     void determineQuarantineSettings();
     void determineWhatToExcludeFromThisScan();
     void postToNotificationCenterWithTitle(const QString &title, const QString &message);
 
     // Questions the delegate answers.
-    bool wantScanStatusUpdates() const;
-    bool wantUpdatePercentages() const;
+    bool wantScanStatusUpdates() const override;
+    bool wantUpdatePercentages() const override;
+
+    // Reports of the scanner.
+    void scanStarted() override;
+    void scanFinishedWithStatus(int status) override;
+    void scanCrashed(const QString &reason) override;
+    void updateProgressBar() override;
+    void appendToConsole(const QString &text) override;
+    void infectionFound(const QString &line) override;
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override;
+
+    // Reports of the updater.
+    void updateStarted() override;
+    void updateFinishedWithStatus(int status) override;
+    void updateProgressWithMessage(const QString &message) override;
+    void updateProgressWithPercentDone(double percent) override;
+
+    // Reports of the engine checker.
+    void engineCheckFailedTryAgain() override;
+    void engineNotFound() override;
+    void engineFoundWithVersionString(const QString &version) override;
+    void needToUpdateDB() override;
+    void needToUpdateEngine() override;
+    void clamdStarted() override;
+    void clamdFailedToStart() override;
+
+    // How long the engine walk waits before checking again.
+    static constexpr int retrySameCandidateMs = 1000;
+    static constexpr int tryNextCandidateMs = 200;
 
     QXUtilsDelegate *delegate() const { return _delegate; }
     void setDelegate(QXUtilsDelegate *delegate) { _delegate = delegate; }
     quint32 countOfFilesScannedSoFar() const { return _countOfFilesScannedSoFar; }
-    QStringList pathsToScan() const { return _pathsToScan; }
-    QString enginePath() const { return _enginePath; }
+    QStringList pathsToScan() const override { return _pathsToScan; }
+    QString enginePath() const override { return _enginePath; }
     void setEnginePath(const QString &path) { _enginePath = path; }
-    QString updateLogPath() const { return _updateLogPath; }
+    QString updateLogPath() const override { return _updateLogPath; }
     void setUpdateLogPath(const QString &path) { _updateLogPath = path; }
-    QString pathToScanLog() const { return _pathToScanLog; }
-    QString quarantineLocation() const { return _quarantineLocation; }
-    QString additionalCmdArgs() const { return _additionalCmdArgs; }
-    bool hasAdditionalCmdArgs() const { return _hasAdditionalCmdArgs; }
-    bool updaterNeedsExit1FreshclamFlag() const { return _updaterNeedsExit1FreshclamFlag; }
-    bool engineSupportsFileListFlag() const { return _engineSupportsFileListFlag; }
-    void setEngineSupportsFileListFlag(bool flag) { _engineSupportsFileListFlag = flag; }
-    bool scanEmailFiles() const { return _scanEmailFiles; }
-    bool logScans() const { return _logScans; }
-    bool logUpdates() const { return _logUpdates; }
-    bool suppressSummary() const { return _suppressSummary; }
-    bool useClamd() const { return _useClamd; }
-    bool quarantineFiles() const { return _quarantineFiles; }
-    QStringList exclusionStrings() const { return _exclusionStrings; }
+    QString pathToScanLog() const override { return _pathToScanLog; }
+    QString quarantineLocation() const override { return _quarantineLocation; }
+    QString additionalCmdArgs() const override { return _additionalCmdArgs; }
+    bool hasAdditionalCmdArgs() const override { return _hasAdditionalCmdArgs; }
+    // Set by the engine checker on its thread, read by the other workers.
+    bool updaterNeedsExit1FreshclamFlag() const override;
+    void setUpdaterNeedsExit1FreshclamFlag(bool flag) override;
+    bool engineSupportsFileListFlag() const override;
+    void setEngineSupportsFileListFlag(bool flag) override;
+    bool scanEmailFiles() const override { return _scanEmailFiles; }
+    bool logScans() const override { return _logScans; }
+    bool logUpdates() const override { return _logUpdates; }
+    bool suppressSummary() const override { return _suppressSummary; }
+    bool useClamd() const override { return _useClamd; }
+    bool quarantineFiles() const override { return _quarantineFiles; }
+    QStringList exclusionStrings() const override { return _exclusionStrings; }
     QList<QRegularExpression> counterExcludes() const { return _counterExcludes; }
-    QStringList exclusionStringsForRootVolScan() const { return _exclusionStringsForRootVolScan; }
+    QStringList exclusionStringsForRootVolScan() const override { return _exclusionStringsForRootVolScan; }
     bool scanning() const { return _scanning; }
     void setScanning(bool flag) { _scanning = flag; }
     bool updating() const { return _updating; }
     void setUpdating(bool flag) { _updating = flag; }
     bool paused() const { return _paused; }
     QString launchAgentsDir() const { return _launchAgentsDir; }
-    QString engineShortVersionString() const { return _engineShortVersionString; }
-    void setEngineShortVersionString(const QString &version) { _engineShortVersionString = version; }
+    QString engineShortVersionString() const override;
+    void setEngineShortVersionString(const QString &version) override;
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }
     QXScanner *theScanner() const { return _theScanner; }
     QXEngineChecker *theChecker() const { return _theChecker; }
@@ -103,6 +140,7 @@ public:
 private:
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
+    void recordNeedsExit1FreshclamFlag(bool flag);
 
     QXUtilsDelegate *_delegate;
     quint32 _countOfFilesScannedSoFar = 0;
@@ -124,6 +162,8 @@ private:
     bool _logUpdates = false;
     bool _suppressSummary = false;
     bool _useClamd = false;
+    bool _wantScanStatusUpdates = false;
+    bool _wantUpdatePercentages = false;
     bool _quarantineFiles = false;
     QStringList _exclusionStrings;
     QList<QRegularExpression> _counterExcludes;
@@ -133,6 +173,8 @@ private:
     bool _paused = false;
     QString _launchAgentsDir;
     QString _engineShortVersionString;
+    // Guards the three values the engine checker sets from its thread.
+    mutable QMutex _checkerLock;
     QThreadPool *_theOperationQueue = nullptr;
     QXFileCounter *_theFileCounter = nullptr;
     QXUpdater *_theUpdater = nullptr;
