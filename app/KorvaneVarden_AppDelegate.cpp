@@ -1,6 +1,8 @@
 #include "KorvaneVarden_AppDelegate.h"
 
 #include "Dispatcher.h"
+#include "events/SCEvent.h"
+#include "events/SCEvents.h"
 #include "platform/ApplicationHost.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -10,10 +12,15 @@
 #include "platform/StatusItem.h"
 #include "platform/SystemLog.h"
 #include "platform/SystemVersion.h"
+#include "platform/SystemBeep.h"
 #include "platform/UserDefaults.h"
+#include "platform/UserFolders.h"
+#include "platform/UserNotificationCenter.h"
+#include "platform/AlertPresenter.h"
 #include "platform/Workspace.h"
 #include "ui/EngineStatusReactions.h"
 #include "ui/InfectedItemsWindow.h"
+#include "ui/ScanLogRotator.h"
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
 
@@ -31,6 +38,18 @@ const QString restartNotification = QStringLiteral("KorvaneVardenShouldRestart")
 const QString quitNotification = QStringLiteral("KorvaneVardenShouldQuit");
 const QString hasQuitNotification = QStringLiteral("KorvaneVardenHasQuit");
 const QString notificationObject = QStringLiteral("KorvaneVarden");
+const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
+
+// The platform's file-event flags that decide what becomes of an event.
+constexpr qint32 mustScanSubDirs = 0x00000001;
+constexpr qint32 itemCreated = 0x00000100;
+constexpr qint32 itemRemoved = 0x00000200;
+constexpr qint32 itemRenamed = 0x00000800;
+constexpr qint32 itemModified = 0x00001000;
+constexpr qint32 itemIsDir = 0x00020000;
+
+// How long adding or removing folders waits for the companion to come up.
+constexpr int companionWaitSeconds = 30;
 QString relaunchTool;
 
 } // namespace
@@ -58,13 +77,18 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _utils = new QXUtils(this, engineCandidates, this);
     _dispatcher = new Dispatcher(this, this);
     _engineStatusReactions = new EngineStatusReactions(this, this);
+    _scanLogRotator = std::make_unique<ScanLogRotator>(_utils);
 
     _throbberAnimationTimer.setInterval(125);
+    // Filled while watching; the status menu shows it once it exists.
+    _foldersBeingWatchedSubmenu = new QMenu;
 }
 
 KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()
 {
     stopObserving();
+    _events.reset();
+    delete _foldersBeingWatchedSubmenu;
     delete _infectionListWindow;
 }
 
@@ -93,6 +117,11 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
 
     _toolbar = _infectionListWindow->toolbar();
     _infectedList = qobject_cast<QXTInfectedViewArrayController *>(_infectionListTableView->model());
+
+    UserNotificationCenter *notifications = UserNotificationCenter::defaultCenter();
+    notifications->setFallbackStatusItem(_throbberStatusItem);
+    connect(notifications, &UserNotificationCenter::activated, this,
+            &KorvaneVarden_AppDelegate::userNotificationCenterDidActivateNotification);
 
     observeCompanionAndWorkspace();
     _startWatchingAfterSleep = false;
@@ -257,18 +286,130 @@ void KorvaneVarden_AppDelegate::quit(QObject *)
 
 void KorvaneVarden_AppDelegate::startWatching(QObject *)
 {
-    // Folder watching arrives with the event stream.
+    rotateLogFile();
+    _theLastEventSeen = SCEvents::sinceNow;
+    setupEventListener();
+}
+
+void KorvaneVarden_AppDelegate::setupEventListener()
+{
+    _events = std::make_unique<SCEvents>();
+    _events->setResumeFromEventId(_theLastEventSeen);
+    _events->setDelegate(this);
+
+    QStringList paths;
+    const QVariantList folders = _utils->readPreferenceForKey(QStringLiteral("VardenFolderArray")).toList();
+    for (const QVariant &record : folders) {
+        const QVariant pathName = record.toMap().value(QStringLiteral("pathName"));
+        // A record without a path names nothing to watch.
+        if (pathName.typeId() != QMetaType::QString || pathName.toString().isEmpty())
+            continue;
+        const QString path = UserFolders::expandTilde(pathName.toString());
+        paths.append(path);
+        QAction *entry = _foldersBeingWatchedSubmenu->addAction(path);
+        connect(entry, &QAction::triggered, this, [this, entry] { openFolder(entry); });
+    }
+
+    if (!paths.isEmpty()) {
+        _watching = true;
+        const QStringList excluded{UserFolders::home() + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
+        _events->setExcludedPaths(excluded);
+        _events->startWatchingPaths(paths);
+        _throbberStatusItem->setImage(_throbberWatchingImage);
+        return;
+    }
+
+    _throbberStatusItem->setImage(_throbberDefaultImage);
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {Localization::text("VARDEN_ERROR"), Localization::text("OPEN_PREFS"), Localization::text("QUIT_BUTTON"),
+         QString(), Localization::text("NOTHING_TO_WATCH_MESSAGE.")});
+    if (answer == AlertPresenter::DefaultReturn)
+        addRemoveFolders(nullptr, [this] { quit(nullptr); });
+    else
+        quit(nullptr);
 }
 
 void KorvaneVarden_AppDelegate::stopWatching(QObject *)
 {
-    // Folder watching arrives with the event stream.
+    if (_events)
+        _events->stopWatchingPaths();
+
+    UserDefaults *own = UserDefaults::standardUserDefaults();
+    own->setObjectForKey(QVariant::fromValue<quint64>(_theLastEventSeen), QStringLiteral("lastEvent"));
+    own->synchronize();
+
+    _foldersBeingWatchedSubmenu->clear();
+    _throbberStatusItem->setImage(_throbberDefaultImage);
+    _watching = false;
 }
 
 void KorvaneVarden_AppDelegate::restartWatching(QObject *)
 {
     stopWatching(this);
     startWatching(this);
+}
+
+void KorvaneVarden_AppDelegate::pathWatcherEventOccurred(SCEvents *, SCEvent *event)
+{
+    const qint32 flags = event->eventFlags();
+    const QString path = event->eventPath();
+    if (flags & itemRemoved) {
+        _dispatcher->removeFromWaitingList(path);
+    } else if (flags & (itemCreated | itemRenamed)) {
+        _dispatcher->addToWaitingList(path);
+    } else if (!(flags & itemModified)) {
+        // Metadata, ownership and other changes without new content.
+    } else if (!(flags & itemIsDir)) {
+        _dispatcher->addToWaitingList(path);
+    } else if (flags & mustScanSubDirs) {
+        SystemLog::log(QStringLiteral("modified dir with kFSEventStreamEventFlagMustScanSubDirs %1").arg(path));
+        _dispatcher->addToWaitingList(path);
+    } else {
+        SystemLog::log(QStringLiteral("modified dir ignore %1").arg(path));
+    }
+    _theLastEventSeen = event->eventId();
+}
+
+void KorvaneVarden_AppDelegate::rotateLogFile()
+{
+    _scanLogRotator->rotateLogFile();
+}
+
+void KorvaneVarden_AppDelegate::openFolder(QAction *sender)
+{
+    Workspace::sharedWorkspace()->openFile(UserFolders::expandTilde(sender->text()));
+}
+
+void KorvaneVarden_AppDelegate::addRemoveFolders(QObject *, std::function<void()> done)
+{
+    Workspace *workspace = Workspace::sharedWorkspace();
+    const QString companion = BundleInfo::companionIdentifier();
+    if (!workspace->launchAppWithBundleIdentifier(companion)) {
+        SystemBeep::beep();
+        if (done)
+            done();
+        return;
+    }
+    // Polled once a second without holding the main thread, and not forever.
+    auto *poll = new QTimer(this);
+    auto looks = std::make_shared<int>(0);
+    auto look = [this, workspace, companion, poll, looks, done] {
+        const bool active = workspace->isApplicationActive(companion);
+        if (!active && ++*looks < companionWaitSeconds)
+            return;
+        poll->stop();
+        poll->deleteLater();
+        if (active)
+            DistributedNotificationCenter::defaultCenter()->postNotificationName(openPrefsNotification,
+                                                                                 notificationObject);
+        else
+            SystemLog::log(QStringLiteral("%1 did not come up: its preferences were not opened").arg(companion));
+        if (done)
+            done();
+    };
+    connect(poll, &QTimer::timeout, this, look);
+    poll->start(1000);
+    QTimer::singleShot(0, poll, look);
 }
 
 void KorvaneVarden_AppDelegate::addToWaitingList(const QString &path)
@@ -292,6 +433,7 @@ void KorvaneVarden_AppDelegate::updateDefs(QObject *)
     _utils->updateDefs();
 }
 
+// There is no console window: console text goes to the system log.
 void KorvaneVarden_AppDelegate::appendToConsole(const QString &text)
 {
     SystemLog::log(QStringLiteral("appendToConsole:%1").arg(text));
@@ -342,9 +484,55 @@ void KorvaneVarden_AppDelegate::updateProgressBarWithCountOfFilesScannedSoFar(qu
 void KorvaneVarden_AppDelegate::updateProgressWithMessage(const QString &) {}
 void KorvaneVarden_AppDelegate::updateProgressWithPercentDone(double) {}
 
-void KorvaneVarden_AppDelegate::infectionFound(const QString &, const QString &)
+int KorvaneVarden_AppDelegate::addToInfectedListTheFile(const QString &fileName, const QString &path,
+                                                        const QString &infectionName, const QString &status)
 {
-    // The infected-items list arrives with folder watching.
+    QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
+    for (const InfectedItem &item : list->arrangedObjects()) {
+        if (item.value(QStringLiteral("filePath")).toString() == path)
+            return 0;
+    }
+    list->addObject({{QStringLiteral("fileName"), fileName},
+                     {QStringLiteral("infectionName"), infectionName},
+                     {QStringLiteral("filePath"), path},
+                     {QStringLiteral("status"), status}});
+    return 1;
+}
+
+void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, const QString &inFile)
+{
+    const QString fileName = QFileInfo(inFile).fileName();
+    addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
+    _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
+    _throbberStatusItem->setImage(_throbberWatchingImage);
+    _utils->postToNotificationCenterWithTitle(QStringLiteral("Infection Found!"),
+                                              QStringLiteral("%1 infected with %2").arg(fileName, infectionName));
+}
+
+void KorvaneVarden_AppDelegate::showInfectionListWindow(QObject *)
+{
+    _infectionListWindow->show();
+    _infectionListWindow->raise();
+    _infectionListWindow->activateWindow();
+}
+
+void KorvaneVarden_AppDelegate::removeSelectedFromInfectedList(QObject *)
+{
+    QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
+    list->removeObjectsAtRows(list->selectionIndexes());
+    list->clearSelection();
+}
+
+void KorvaneVarden_AppDelegate::clearInfectedList(QObject *)
+{
+    _infectionListWindow->dataSource()->removeAllObjects();
+    _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watching"));
+    _throbberStatusItem->setImage(_throbberWatchingImage);
+}
+
+void KorvaneVarden_AppDelegate::userNotificationCenterDidActivateNotification()
+{
+    showInfectionListWindow(this);
 }
 
 // The agent counts no files.

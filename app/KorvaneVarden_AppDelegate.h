@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DispatcherDelegate.h"
+#include "events/SCEventListenerProtocol.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
 #include "ui/EngineStatusReactionsDelegate.h"
@@ -11,14 +12,20 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <functional>
+#include <memory>
+
 class Dispatcher;
 class EngineStatusReactions;
 class InfectedItemsWindow;
+class QAction;
 class QMenu;
 class QThreadPool;
 class QToolBar;
 class QXTInfectedViewArrayController;
 class QXTTableView;
+class SCEvents;
+class ScanLogRotator;
 class StatusItem;
 
 // The application's delegate: owns every long-lived object, runs the
@@ -27,7 +34,8 @@ class StatusItem;
 class KorvaneVarden_AppDelegate : public QObject,
                                   public DispatcherDelegate,
                                   public QXUtilsDelegate,
-                                  public EngineStatusReactionsDelegate
+                                  public EngineStatusReactionsDelegate,
+                                  public SCEventListenerProtocol
 {
     Q_OBJECT
 public:
@@ -49,14 +57,32 @@ public:
     void launchKorvane(QObject *sender) override;
     void updateDefs(QObject *sender) override;
 
+    // Folder watching.
     void startWatching(QObject *sender);
+    void setupEventListener();
     void stopWatching(QObject *sender);
     void restartWatching(QObject *sender);
+    void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *event) override;
     void addToWaitingList(const QString &path);
+    void rotateLogFile();
+    // Opens the watched folder named by the menu item's title.
+    void openFolder(QAction *sender);
+    // Brings up the companion's preferences; then, once it has asked or
+    // given up, calls done.
+    void addRemoveFolders(QObject *sender, std::function<void()> done = {});
 
     // The relaunch tool ships beside the agent; tests point elsewhere.
     static QString relaunchToolPath();
     static void setRelaunchToolPath(const QString &path);
+
+    // The infected-items list.
+    int addToInfectedListTheFile(const QString &fileName, const QString &path, const QString &infectionName,
+                                 const QString &status);
+    void showInfectionListWindow(QObject *sender);
+    void removeSelectedFromInfectedList(QObject *sender);
+    void clearInfectedList(QObject *sender);
+    // A click on one of the agent's notifications.
+    void userNotificationCenterDidActivateNotification();
 
     void forwardAnimation();
     void reverseAnimation();
@@ -95,6 +121,7 @@ public:
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }
     quint64 theLastEventSeen() const { return _theLastEventSeen; }
     void setTheLastEventSeen(quint64 id) { _theLastEventSeen = id; }
+    SCEvents *events() const { return _events.get(); }
     StatusItem *throbberStatusItem() const { return _throbberStatusItem; }
     QTimer *throbberAnimationTimer() { return &_throbberAnimationTimer; }
     QList<QIcon> throbberAnimationFrames() const { return _throbberAnimationFrames; }
@@ -129,6 +156,7 @@ private:
 
     QThreadPool *_theOperationQueue;
     quint64 _theLastEventSeen = ~quint64(0);
+    std::unique_ptr<SCEvents> _events;
     StatusItem *_throbberStatusItem;
     QTimer _throbberAnimationTimer;
     QList<QIcon> _throbberAnimationFrames;
@@ -154,4 +182,5 @@ private:
     QToolBar *_toolbar = nullptr;
     bool _needGfslogger = false;
     EngineStatusReactions *_engineStatusReactions;
+    std::unique_ptr<ScanLogRotator> _scanLogRotator;
 };

@@ -14,6 +14,7 @@ InfectedItemsWindow::InfectedItemsWindow(QWidget *parent)
 {
     setObjectName(QStringLiteral("infectionListWindow"));
     _tableView->setModel(_dataSource);
+    _dataSource->setSelectionModel(_tableView->selectionModel());
     _tableView->setTag(0);
     _tableView->horizontalHeader()->resizeSection(0, 220);
     _tableView->horizontalHeader()->resizeSection(1, 220);

@@ -1,5 +1,9 @@
 #include "QXTInfectedViewArrayController.h"
 
+#include "platform/UserFolders.h"
+
+#include <QItemSelectionModel>
+
 #include <algorithm>
 
 QXTInfectedViewArrayController::QXTInfectedViewArrayController(QObject *parent)
@@ -51,6 +55,42 @@ void QXTInfectedViewArrayController::replaceObjectAtRow(int row, const InfectedI
     emit dataChanged(index(row, 0), index(row, columnCount() - 1));
 }
 
+void QXTInfectedViewArrayController::setSelectionModel(QItemSelectionModel *selection)
+{
+    _selection = selection;
+}
+
+QList<int> QXTInfectedViewArrayController::selectionIndexes() const
+{
+    QList<int> rows;
+    if (!_selection)
+        return rows;
+    for (const QModelIndex &index : _selection->selectedRows())
+        rows.append(index.row());
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+QList<InfectedItem> QXTInfectedViewArrayController::selectedObjects() const
+{
+    QList<InfectedItem> items;
+    for (int row : selectionIndexes())
+        items.append(_items.value(row));
+    return items;
+}
+
+void QXTInfectedViewArrayController::clearSelection()
+{
+    if (_selection)
+        _selection->clear();
+}
+
+void QXTInfectedViewArrayController::remove()
+{
+    emit willRemoveSelectedObjects();
+    removeObjectsAtRows(selectionIndexes());
+}
+
 void QXTInfectedViewArrayController::setColumnTitles(const QStringList &titles)
 {
     _columnTitles = titles;
@@ -71,9 +111,18 @@ QVariant QXTInfectedViewArrayController::data(const QModelIndex &index, int role
 {
     if (!index.isValid() || index.row() >= _items.size() || index.column() >= columnCount())
         return {};
-    if (role == Qt::DisplayRole)
-        return _items.at(index.row()).value(columnKeys().at(index.column())).toString();
-    return {};
+    const InfectedItem &item = _items.at(index.row());
+    switch (role) {
+    case Qt::DisplayRole:
+        return item.value(columnKeys().at(index.column())).toString();
+    case Qt::ToolTipRole:
+        // Any cell of a row shows where the file is now.
+        return UserFolders::expandTilde(item.value(QStringLiteral("filePath")).toString());
+    case ItemRole:
+        return item;
+    default:
+        return {};
+    }
 }
 
 QVariant QXTInfectedViewArrayController::headerData(int section, Qt::Orientation orientation, int role) const
@@ -81,4 +130,11 @@ QVariant QXTInfectedViewArrayController::headerData(int section, Qt::Orientation
     if (orientation == Qt::Horizontal && role == Qt::DisplayRole && section >= 0 && section < _columnTitles.size())
         return _columnTitles.at(section);
     return QAbstractTableModel::headerData(section, orientation, role);
+}
+
+Qt::ItemFlags QXTInfectedViewArrayController::flags(const QModelIndex &index) const
+{
+    if (!index.isValid())
+        return Qt::NoItemFlags;
+    return Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemNeverHasChildren;
 }

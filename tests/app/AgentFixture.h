@@ -3,15 +3,18 @@
 #include "app/KorvaneVarden_AppDelegate.h"
 #include "platform/ApplicationHost.h"
 #include "platform/SleepWakeNotifier.h"
+#include "tests/support/AnsweringAlertPresenter.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ScriptedPrefix.h"
 
 #include <gtest/gtest.h>
 #include <memory>
 
 // A controller in a home of its own, with the application's termination
-// taken by the test and the sleep notifier driven by hand. Engine
-// candidates point into the temporary home, where no engine is installed.
+// taken by the test, alerts answered by the test and the sleep notifier
+// driven by hand. Its engine answers the version check but has no daemon to
+// start, so the startup stops there unless a test continues it.
 class AgentFixture : public ::testing::Test
 {
 protected:
@@ -22,8 +25,9 @@ protected:
             ++terminations;
             agent->applicationWillTerminate();
         });
+        engine.writeScript("bin/clamscan", "echo 'ClamAV 1.4.6/27400/Sun Nov 22 09:00:00 2026'\n");
         agent = std::make_unique<KorvaneVarden_AppDelegate>(
-            QList<QXUtils::EngineCandidate>{{home.filePath("engine"), home.filePath("engine/freshclam.log")}});
+            QList<QXUtils::EngineCandidate>{{engine.path(), engine.filePath("freshclam.log")}});
     }
 
     void TearDown() override
@@ -35,6 +39,8 @@ protected:
 
     FreshPreferences home;
     LogCapture log;
+    AnsweringAlertPresenter alerts;
+    ScriptedPrefix engine;
     SleepWakeNotifier sleep;
     int terminations = 0;
     std::unique_ptr<KorvaneVarden_AppDelegate> agent;

@@ -1,0 +1,152 @@
+#include "app/Dispatcher.h"
+#include "app/KorvaneVarden_AppDelegate.h"
+#include "events/SCEvents.h"
+#include "platform/ApplicationHost.h"
+#include "platform/SleepWakeNotifier.h"
+#include "tests/support/AnsweringAlertPresenter.h"
+#include "tests/support/EngineFixture.h"
+#include "tests/support/FreshPreferences.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RecordingNotificationCenter.h"
+#include "ui/QXTInfectedViewArrayController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+#include <gtest/gtest.h>
+
+namespace {
+
+// The whole agent against the real daemon and real folder events: a watched
+// folder in a temporary home, files written into it, rows in the list.
+class EndToEndTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        engine = &EngineFixture::shared();
+        ASSERT_TRUE(engine->isReady()) << engine->errorString().toStdString();
+        watched = home.filePath("Watched");
+        QDir().mkpath(watched);
+        home.writeDomain(QStringLiteral("org.korvane.Korvane"),
+                         {{QStringLiteral("VardenFolderArray"),
+                           QVariantList{QVariantMap{{QStringLiteral("pathName"), QStringLiteral("~/Watched")}}}}});
+        SleepWakeNotifier::setSharedNotifier(&sleep);
+        ApplicationHost::setTerminateHandler([this] { agent->applicationWillTerminate(); });
+        agent = std::make_unique<KorvaneVarden_AppDelegate>(QList<QXUtils::EngineCandidate>{
+            {engine->enginePath(), engine->enginePath() + QStringLiteral("/share/clamav/freshclam.log")}});
+        agent->applicationDidFinishLaunching();
+        // Launch finds the running daemon and starts watching.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
+        agent->events()->flushEventStreamSync();
+    }
+
+    void TearDown() override
+    {
+        agent.reset();
+        ApplicationHost::setTerminateHandler({});
+        SleepWakeNotifier::setSharedNotifier(nullptr);
+    }
+
+    QStringList listedPaths() const
+    {
+        QStringList paths;
+        for (const InfectedItem &item : agent->infectedList()->arrangedObjects())
+            paths << item.value(QStringLiteral("filePath")).toString();
+        return paths;
+    }
+
+    bool waitUntilListed(const QString &path, int ms = 30000)
+    {
+        return QTest::qWaitFor([&] { return listedPaths().contains(path); }, ms);
+    }
+
+    // Waits until the agent has nothing waiting, ready or being scanned.
+    bool waitUntilIdle(int ms = 30000)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
+                    && !agent->utils()->scanning();
+            },
+            ms);
+    }
+
+    FreshPreferences home;
+    LogCapture log;
+    AnsweringAlertPresenter alerts;
+    RecordingNotificationCenter notifications;
+    SleepWakeNotifier sleep;
+    EngineFixture *engine = nullptr;
+    QString watched;
+    std::unique_ptr<KorvaneVarden_AppDelegate> agent;
+};
+
+TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndCleanOnesNot)
+{
+    const QString eicar = home.writeFile("Watched/eicar.com", EngineFixture::eicarContents());
+    const QString clean = home.writeFile("Watched/notes.txt", "nothing to see here");
+    const QString nested = watched + QStringLiteral("/later/deeper/marker.txt");
+    QDir().mkpath(watched + QStringLiteral("/later/deeper"));
+    home.writeFile("Watched/later/deeper/marker.txt", EngineFixture::markerContents());
+
+    ASSERT_TRUE(waitUntilListed(eicar));
+    ASSERT_TRUE(waitUntilListed(nested));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_EQ(listedPaths().count(eicar), 1);
+    EXPECT_FALSE(listedPaths().contains(clean));
+    EXPECT_EQ(listedPaths().size(), 2);
+    EXPECT_TRUE(agent->readyToScan());
+    EXPECT_GE(notifications.delivered.size(), 2);
+
+    // The engine's own lines go to the scan log, which watching created.
+    QFile scanLog(agent->utils()->pathToScanLog());
+    ASSERT_TRUE(scanLog.open(QIODevice::ReadOnly));
+    const QByteArray logged = scanLog.readAll();
+    EXPECT_TRUE(logged.contains(eicar.toUtf8() + ": " + EngineFixture::eicarSignatureName().toUtf8() + ".UNOFFICIAL FOUND\n"));
+    EXPECT_TRUE(logged.contains(clean.toUtf8() + ": OK\n"));
+}
+
+TEST_F(EndToEndTest, FileWrittenSlowlyIsScannedOnceItIsComplete)
+{
+    const QString slow = watched + QStringLiteral("/slow.bin");
+    QFile file(slow);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    // Harmless padding first; the infected bytes arrive seconds later.
+    for (int step = 0; step < 4; ++step) {
+        file.write(QByteArray(4096, 'a'));
+        file.flush();
+        QTest::qWait(1200);
+    }
+    file.write(EngineFixture::eicarContents());
+    file.close();
+
+    ASSERT_TRUE(waitUntilListed(slow));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_EQ(listedPaths().count(slow), 1);
+}
+
+TEST_F(EndToEndTest, FileDeletedBeforeItSettledLeavesNoTrace)
+{
+    const QString brief = home.writeFile("Watched/brief.com", EngineFixture::eicarContents());
+    QFile::remove(brief);
+    const QString kept = home.writeFile("Watched/kept.com", EngineFixture::eicarContents());
+
+    ASSERT_TRUE(waitUntilListed(kept));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_FALSE(listedPaths().contains(brief));
+}
+
+TEST_F(EndToEndTest, RestartingTheWatchLosesNoFileThatIsAlreadyWaiting)
+{
+    const QString early = home.writeFile("Watched/early.com", EngineFixture::eicarContents());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return agent->dispatcher()->waitingList().contains(early); }, 15000));
+    agent->restartWatching(nullptr);
+    agent->events()->flushEventStreamSync();
+    const QString late = home.writeFile("Watched/late.com", EngineFixture::eicarContents());
+
+    ASSERT_TRUE(waitUntilListed(early));
+    ASSERT_TRUE(waitUntilListed(late));
+}
+
+} // namespace

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "platform/AlertPresenter.h"
+#include "platform/SystemBeep.h"
+
+#include <QList>
+
+// Answers alerts from a queue (the default button when it runs dry) and
+// remembers each alert; counts beeps. Installs itself while it lives.
+class AnsweringAlertPresenter : public AlertPresenter, public SystemBeep
+{
+public:
+    AnsweringAlertPresenter()
+    {
+        AlertPresenter::setSharedPresenter(this);
+        SystemBeep::setSharedBeep(this);
+    }
+    ~AnsweringAlertPresenter() override
+    {
+        AlertPresenter::setSharedPresenter(nullptr);
+        SystemBeep::setSharedBeep(nullptr);
+    }
+
+    int runModal(const Alert &alert) override
+    {
+        alerts.append(alert);
+        return answers.isEmpty() ? int(DefaultReturn) : answers.takeFirst();
+    }
+    void play() override { ++beeps; }
+
+    QList<int> answers;
+    QList<Alert> alerts;
+    int beeps = 0;
+};
