@@ -58,7 +58,11 @@ check "an unchanged signature set is kept byte for byte" cmp -s "$tmp/first.cud"
 # A damaged set is rebuilt; the scans further down run on the rebuilt one.
 head -c 700 "$tmp/first.cud" > "$prefix/share/clamav/daily.cud"
 "$installer" "$prefix" > /dev/null 2>&1
-check "a damaged signature set is rebuilt" test "$(stat -c %s "$prefix/share/clamav/daily.cud")" -eq "$(stat -c %s "$tmp/first.cud")"
+# A rebuild stamps its own time, so compare what the set holds, not its bytes.
+check "a damaged signature set is rebuilt" \
+    cmp -s <(sigtool --list-sigs="$tmp/first.cud" 2>/dev/null | sort) \
+           <(sigtool --list-sigs="$prefix/share/clamav/daily.cud" 2>/dev/null | sort)
+check "the rebuilt set is not empty" test -n "$(sigtool --list-sigs="$prefix/share/clamav/daily.cud" 2>/dev/null)"
 
 # --- layout ----------------------------------------------------------------
 
