@@ -7,7 +7,8 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/RecordingNotificationCenter.h"
+#include "tests/support/FakeNotificationService.h"
+#include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
 
 #include <QDir>
@@ -17,13 +18,19 @@
 
 namespace {
 
-// The whole agent against the real daemon and real folder events: a watched
-// folder in a temporary home, files written into it, rows in the list.
+// The whole agent against the real daemon, real folder events and a
+// notification server on the test's own session bus: a watched folder in a
+// temporary home, files written into it, rows in the list.
 class EndToEndTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
+        if (!QDBusConnection::sessionBus().isConnected())
+            GTEST_SKIP() << "needs a session bus (ctest gives each test one)";
+        notifications = std::make_unique<FakeNotificationService>(
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("notification-service")));
+        ASSERT_TRUE(notifications->isRegistered());
         engine = &EngineFixture::shared();
         ASSERT_TRUE(engine->isReady()) << engine->errorString().toStdString();
         watched = home.filePath("Watched");
@@ -44,6 +51,8 @@ protected:
     void TearDown() override
     {
         agent.reset();
+        notifications.reset();
+        QDBusConnection::disconnectFromBus(QStringLiteral("notification-service"));
         ApplicationHost::setTerminateHandler({});
         SleepWakeNotifier::setSharedNotifier(nullptr);
     }
@@ -75,7 +84,7 @@ protected:
     FreshPreferences home;
     LogCapture log;
     AnsweringAlertPresenter alerts;
-    RecordingNotificationCenter notifications;
+    std::unique_ptr<FakeNotificationService> notifications;
     SleepWakeNotifier sleep;
     EngineFixture *engine = nullptr;
     QString watched;
@@ -89,15 +98,30 @@ TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndCleanOnesNot)
     const QString nested = watched + QStringLiteral("/later/deeper/marker.txt");
     QDir().mkpath(watched + QStringLiteral("/later/deeper"));
     home.writeFile("Watched/later/deeper/marker.txt", EngineFixture::markerContents());
+    const QString sample = watched + QStringLiteral("/clam.exe");
+    ASSERT_TRUE(QFile::copy(QStringLiteral("/usr/share/clamav-testfiles/clam.exe"), sample));
 
     ASSERT_TRUE(waitUntilListed(eicar));
     ASSERT_TRUE(waitUntilListed(nested));
+    ASSERT_TRUE(waitUntilListed(sample));
     ASSERT_TRUE(waitUntilIdle());
     EXPECT_EQ(listedPaths().count(eicar), 1);
     EXPECT_FALSE(listedPaths().contains(clean));
-    EXPECT_EQ(listedPaths().size(), 2);
+    EXPECT_EQ(listedPaths().size(), 3);
     EXPECT_TRUE(agent->readyToScan());
-    EXPECT_GE(notifications.delivered.size(), 2);
+
+    // Each infection is announced on the desktop; a click shows the list.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return notifications->notifications().size() >= 3; }, 10000));
+    QStringList bodies;
+    for (const FakeNotificationService::Notification &shown : notifications->notifications()) {
+        EXPECT_EQ(shown.summary, QStringLiteral("Infection Found!"));
+        bodies << shown.body;
+    }
+    EXPECT_TRUE(bodies.contains(QStringLiteral("eicar.com infected with ") + EngineFixture::eicarSignatureName()));
+    EXPECT_TRUE(bodies.contains(QStringLiteral("clam.exe infected with Korvane.Test.File-clam.exe")));
+    EXPECT_FALSE(agent->infectionListWindow()->isVisible());
+    notifications->invokeAction(notifications->notifications().first().id);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return agent->infectionListWindow()->isVisible(); }, 5000));
 
     // The engine's own lines go to the scan log, which watching created.
     QFile scanLog(agent->utils()->pathToScanLog());
