@@ -52,10 +52,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     _logScans = delegate->logScans();
     _partialOutput.clear();
     _outputDecoder.resetState();
-    {
-        QMutexLocker locker(&_pauseLock);
-        _paused = false;
-    }
+    clearPaused();
     _thePathsToScan = paths;
     setScanListTempFilePath(pathForTemporaryFileWithPrefix(QStringLiteral("Korvane")));
 
@@ -202,45 +199,20 @@ void QXScanner::notifiedForComplete(const RunResult &result)
 
 bool QXScanner::suspendScan()
 {
-    QMutexLocker locker(&_pauseLock);
-    if (_paused)
-        return false;
-    return suspendChild();
+    return suspendUnlessPaused();
 }
 
 bool QXScanner::resumeScan()
 {
-    QMutexLocker locker(&_pauseLock);
-    if (!_paused)
-        return false;
-    return resumeChild();
+    return resumeIfPaused();
 }
 
 bool QXScanner::pause()
 {
-    QMutexLocker locker(&_pauseLock);
-    if (_paused) {
-        if (resumeChild())
-            _paused = false;
-    } else if (suspendChild()) {
-        _paused = true;
-    }
-    return _paused;
+    return togglePause();
 }
 
 void QXScanner::stop()
 {
-    QMutexLocker locker(&_pauseLock);
-    if (!terminateChild())
-        return;
-    // A stopped child would hold the termination until continued, and the run
-    // with it; continuing a running child does nothing.
-    resumeChild();
-    _paused = false;
-}
-
-bool QXScanner::paused() const
-{
-    QMutexLocker locker(&_pauseLock);
-    return _paused;
+    stopChild();
 }

@@ -42,7 +42,6 @@ public:
     bool pause();
     // Terminates the child; a suspended child is continued so that it can end.
     void stop();
-    bool paused() const;
 
     QString scanListTempFilePath() const { return _scanListTempFilePath; }
     void setScanListTempFilePath(const QString &path) { _scanListTempFilePath = path; }
@@ -67,8 +66,6 @@ private:
     bool _delegateWantsUpdates = false;
     bool _logScans = false;
     // Written by the main thread's pause operations and by the run's start.
-    bool _paused = false;
-    mutable QMutex _pauseLock;
     bool _usingClamd = false;
     QString _partialOutput;
     // Keeps a character whose bytes arrive in two chunks whole.

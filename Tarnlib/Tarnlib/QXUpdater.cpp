@@ -101,30 +101,20 @@ void QXUpdater::notifiedForStdError(const QByteArray &chunk)
 
 bool QXUpdater::suspendUpdate()
 {
-    if (_paused)
-        return false;
-    return suspendChild();
+    return suspendUnlessPaused();
 }
 
 bool QXUpdater::resumeUpdate()
 {
-    if (!_paused)
-        return false;
-    return resumeChild();
+    return resumeIfPaused();
 }
 
 bool QXUpdater::pause()
 {
-    if (_paused) {
-        if (resumeUpdate())
-            _paused = false;
-    } else if (suspendUpdate()) {
-        _paused = true;
-    }
-    return _paused;
+    return togglePause();
 }
 
 void QXUpdater::stop()
 {
-    terminateChild();
+    stopChild();
 }

@@ -44,6 +44,5 @@ private:
     QXUpdaterDelegate *_delegate;
     bool _needsExit1FreshclamFlag = false;
     bool _delegateWantsUpdates = false;
-    bool _paused = false;
     bool _needsDNSfix = false;
 };

@@ -139,21 +139,15 @@ void QXWorkerThread::notifiedForStdError(const QByteArray &chunk)
 
 void QXWorkerThread::reportToMain(std::function<void()> fn)
 {
-    QCoreApplication *app = QCoreApplication::instance();
-    if (!app) {
-        SystemLog::log(QStringLiteral("report dropped: no application"));
-        return;
-    }
-    std::shared_ptr<std::atomic_bool> reporting = _reporting;
-    QMetaObject::invokeMethod(
-        app, [reporting, fn = std::move(fn)] {
-            if (*reporting)
-                fn();
-        },
-        Qt::QueuedConnection);
+    deliverToMain(std::move(fn), false);
 }
 
 void QXWorkerThread::reportToMainAndWait(std::function<void()> fn)
+{
+    deliverToMain(std::move(fn), true);
+}
+
+void QXWorkerThread::deliverToMain(std::function<void()> fn, bool wait)
 {
     QCoreApplication *app = QCoreApplication::instance();
     if (!app) {
@@ -165,11 +159,58 @@ void QXWorkerThread::reportToMainAndWait(std::function<void()> fn)
         if (*reporting)
             fn();
     };
+    if (!wait)
+        QMetaObject::invokeMethod(app, std::move(gated), Qt::QueuedConnection);
     // A blocking call from the main thread to itself would never return.
-    if (QThread::currentThread() == app->thread())
+    else if (QThread::currentThread() == app->thread())
         gated();
     else
         QMetaObject::invokeMethod(app, std::move(gated), Qt::BlockingQueuedConnection);
+}
+
+bool QXWorkerThread::suspendUnlessPaused()
+{
+    QMutexLocker locker(&_pauseLock);
+    return !_paused && suspendChild();
+}
+
+bool QXWorkerThread::resumeIfPaused()
+{
+    QMutexLocker locker(&_pauseLock);
+    return _paused && resumeChild();
+}
+
+bool QXWorkerThread::togglePause()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (_paused) {
+        if (resumeChild())
+            _paused = false;
+    } else if (suspendChild()) {
+        _paused = true;
+    }
+    return _paused;
+}
+
+void QXWorkerThread::stopChild()
+{
+    QMutexLocker locker(&_pauseLock);
+    if (!terminateChild())
+        return;
+    resumeChild();
+    _paused = false;
+}
+
+bool QXWorkerThread::paused() const
+{
+    QMutexLocker locker(&_pauseLock);
+    return _paused;
+}
+
+void QXWorkerThread::clearPaused()
+{
+    QMutexLocker locker(&_pauseLock);
+    _paused = false;
 }
 
 void QXWorkerThread::stopReporting()

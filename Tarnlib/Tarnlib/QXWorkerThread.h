@@ -38,6 +38,18 @@ public:
     bool terminateChild();
     bool hasChild() const;
 
+    // Suspension as the owner asks for it (suspend, resume, pause, stop of
+    // the scanner and the updater): suspending or resuming answers false
+    // when the child is already in that state by an earlier pause; pause
+    // toggles and answers whether the child is now suspended; stop
+    // terminates the child and continues it, since a stopped child would
+    // hold its termination, and the run with it.
+    bool suspendUnlessPaused();
+    bool resumeIfPaused();
+    bool togglePause();
+    void stopChild();
+    bool paused() const;
+
     // Drops every report from now on, also those already on their way; the
     // owner calls it on all its workers before it deletes any of them.
     void stopReporting();
@@ -71,7 +83,11 @@ protected:
     // destructor, so that no run outlives them.
     void stopThread();
 
+    // The scanner forgets an earlier pause at the start of each run.
+    void clearPaused();
+
 private:
+    void deliverToMain(std::function<void()> fn, bool wait);
     void setChildPid(qint64 pid);
     bool signalChild(int signal);
 
@@ -80,5 +96,7 @@ private:
     // the worker stops.
     std::shared_ptr<std::atomic_bool> _reporting = std::make_shared<std::atomic_bool>(true);
     mutable QMutex _childLock;
+    mutable QMutex _pauseLock;
+    bool _paused = false;
     qint64 _childPid = 0;
 };
