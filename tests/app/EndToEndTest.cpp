@@ -111,14 +111,24 @@ TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndCleanOnesNot)
     EXPECT_TRUE(agent->readyToScan());
 
     // Each infection is announced on the desktop; a click shows the list.
-    ASSERT_TRUE(QTest::qWaitFor([&] { return notifications->notifications().size() >= 3; }, 10000));
-    QStringList bodies;
-    for (const FakeNotificationService::Notification &shown : notifications->notifications()) {
-        EXPECT_EQ(shown.summary, QStringLiteral("Infection Found!"));
-        bodies << shown.body;
-    }
-    EXPECT_TRUE(bodies.contains(QStringLiteral("eicar.com infected with ") + EngineFixture::eicarSignatureName()));
-    EXPECT_TRUE(bodies.contains(QStringLiteral("clam.exe infected with Korvane.Test.File-clam.exe")));
+    const QStringList expected{QStringLiteral("eicar.com infected with ") + EngineFixture::eicarSignatureName(),
+                               QStringLiteral("marker.txt infected with ") + EngineFixture::markerSignatureName(),
+                               QStringLiteral("clam.exe infected with Korvane.Test.File-clam.exe")};
+    auto shownBodies = [&] {
+        QStringList bodies;
+        for (const FakeNotificationService::Notification &shown : notifications->notifications()) {
+            EXPECT_EQ(shown.summary, QStringLiteral("Infection Found!"));
+            bodies << shown.body;
+        }
+        return bodies;
+    };
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] {
+            const QStringList bodies = shownBodies();
+            return std::all_of(expected.begin(), expected.end(), [&](const QString &b) { return bodies.contains(b); });
+        },
+        10000))
+        << shownBodies().join(QStringLiteral(" | ")).toStdString();
     EXPECT_FALSE(agent->infectionListWindow()->isVisible());
     notifications->invokeAction(notifications->notifications().first().id);
     EXPECT_TRUE(QTest::qWaitFor([&] { return agent->infectionListWindow()->isVisible(); }, 5000));
@@ -163,10 +173,14 @@ TEST_F(EndToEndTest, FileDeletedBeforeItSettledLeavesNoTrace)
 
 TEST_F(EndToEndTest, RestartingTheWatchLosesNoFileThatIsAlreadyWaiting)
 {
+    // The dispatcher holds still so that the file is surely waiting when the
+    // watch restarts.
+    agent->dispatcher()->dispatchTimer()->stop();
     const QString early = home.writeFile("Watched/early.com", EngineFixture::eicarContents());
     ASSERT_TRUE(QTest::qWaitFor([&] { return agent->dispatcher()->waitingList().contains(early); }, 15000));
     agent->restartWatching(nullptr);
     agent->events()->flushEventStreamSync();
+    agent->dispatcher()->dispatchTimer()->start();
     const QString late = home.writeFile("Watched/late.com", EngineFixture::eicarContents());
 
     ASSERT_TRUE(waitUntilListed(early));
