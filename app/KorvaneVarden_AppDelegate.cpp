@@ -108,9 +108,8 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
     }
 
     _infectionListWindow->setWindowTitle(Localization::text("INFECTED_ITEMS_WINDOW_TITLE"));
-    if (auto *columns = qobject_cast<QXTInfectedViewArrayController *>(_infectionListTableView->model()))
-        columns->setColumnTitles({Localization::text("FILENAME"), Localization::text("INFECTION_NAME"),
-                                  Localization::text("STATUS")});
+    _infectionListWindow->dataSource()->setColumnTitles(
+        {Localization::text("FILENAME"), Localization::text("INFECTION_NAME"), Localization::text("STATUS")});
 
     _throbberStatusItem->setImage(_throbberDefaultImage);
     _throbberStatusItem->setAlternateImage(_throbberAltImage);
@@ -150,7 +149,7 @@ void KorvaneVarden_AppDelegate::continueStartup()
         _startingUp = false;
         startWatching(nullptr);
         if (_utils->readPreferenceForKey(QStringLiteral("UpdateDefsOnLaunch")).toBool())
-            _utils->updateDefs();
+            updateDefs(nullptr);
         else
             _readyToScan = true;
     } else {

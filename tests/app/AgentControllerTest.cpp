@@ -1,6 +1,7 @@
 #include "AgentFixture.h"
 
 #include "app/Dispatcher.h"
+#include "events/SCEvents.h"
 #include "platform/DBusDistributedNotificationCenter.h"
 #include "platform/StatusItem.h"
 #include "platform/UserDefaults.h"
@@ -153,19 +154,32 @@ TEST_F(AgentFixture, SleepWhileNotWatchingOnlySaysGoodNightAndWakeDoesNotStartWa
     EXPECT_FALSE(agent->startWatchingAfterSleep());
 }
 
-TEST_F(AgentFixture, SleepWhileWatchingStopsAndRemembersToWatchAfterWaking)
+TEST_F(AgentFixture, SleepWhileWatchingStopsAndWakingStartsAFreshWatch)
 {
+    home.writeFile("Guarded/.keep", "");
+    home.writeDomain(QStringLiteral("org.korvane.Korvane"),
+                     {{QStringLiteral("VardenFolderArray"),
+                       QVariantList{QVariantMap{{QStringLiteral("pathName"), home.filePath("Guarded")}}}}});
     agent->applicationDidFinishLaunching();
-    agent->setWatching(true);
+    agent->startWatching(nullptr);
+    ASSERT_TRUE(agent->watching());
+    SCEvents *beforeSleep = agent->events();
+
     emit sleep.willSleep();
     EXPECT_TRUE(log.contains(QStringLiteral(
         "We're currently watching for changes, so stop and then register to know when we wake up again")));
     EXPECT_TRUE(log.contains(QStringLiteral("Nighty night!")));
+    EXPECT_FALSE(agent->watching());
+    EXPECT_FALSE(beforeSleep->isWatchingPaths());
     EXPECT_TRUE(agent->startWatchingAfterSleep());
 
     emit sleep.didWake();
     EXPECT_TRUE(log.contains(QStringLiteral("Wakey wakey!")));
+    EXPECT_TRUE(agent->watching());
+    EXPECT_TRUE(agent->events()->isWatchingPaths());
+    EXPECT_EQ(agent->theLastEventSeen(), SCEvents::sinceNow);
     EXPECT_FALSE(agent->startWatchingAfterSleep());
+    EXPECT_TRUE(alerts.alerts.isEmpty());
 }
 
 TEST_F(AgentFixture, QuitClearsTheUpdateKeysOfTheAgentsOwnDomainOnly)
