@@ -9,6 +9,7 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <atomic>
 #include <functional>
 #include <optional>
 
@@ -17,22 +18,16 @@
 class FakeScannerDelegate : public QXScannerDelegate
 {
 public:
-    QString engine;
-    QString scanLog;
-    bool clamd = true;
-    bool fileList = true;
-    bool updates = false;
-    bool logging = true;
-    bool noSummary = false;
-    bool quarantine = false;
-    QString quarantineFolder;
-    bool mail = false;
-    QStringList exclusions;
-    QStringList rootExclusions;
+    QString engine, scanLog, quarantineFolder;
+    bool clamd = true, fileList = true, updates = false, logging = true, noSummary = false, quarantine = false,
+         mail = false;
+    QStringList exclusions, rootExclusions;
     std::optional<QString> additional;
     QMap<QString, QStringList> savedSearches;
     // Runs inside the end report, while the scanner waits for it.
     std::function<void()> onFinished;
+    std::atomic_bool reportsOffMainThread = false;
+    mutable std::atomic_bool questionsOnMainThread = false;
 
     QStringList events() const
     {
@@ -41,23 +36,9 @@ public:
     }
     QStringList eventsStartingWith(const QString &prefix) const
     {
-        return events().filter(QRegularExpression(QStringLiteral("^") + QRegularExpression::escape(prefix)));
+        return events().filter(QRegularExpression("^" + QRegularExpression::escape(prefix)));
     }
-    bool ended() const
-    {
-        const QStringList all = events();
-        return !all.filter(QRegularExpression(QStringLiteral("^(scanFinishedWithStatus|scanCrashed):"))).isEmpty();
-    }
-    bool reportsOffMainThread() const
-    {
-        QMutexLocker locker(&_lock);
-        return _reportsOffMainThread;
-    }
-    bool questionsOnMainThread() const
-    {
-        QMutexLocker locker(&_lock);
-        return _questionsOnMainThread;
-    }
+    bool ended() const { return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty(); }
 
     QStringList obtainFilesForSavedSearchAtPath(const QString &path) override { return asked(savedSearches.value(path)); }
     bool engineSupportsFileListFlag() const override { return asked(fileList); }
@@ -77,21 +58,18 @@ public:
     QString additionalCmdArgs() const override { return asked(additional.value_or(QString())); }
     bool hasAdditionalCmdArgs() const override { return asked(additional.has_value()); }
 
-    void scanStarted() override { record(QStringLiteral("scanStarted")); }
+    void scanStarted() override { record("scanStarted"); }
     void scanFinishedWithStatus(int status) override
     {
         if (onFinished)
             onFinished();
         record(QStringLiteral("scanFinishedWithStatus:%1").arg(status));
     }
-    void scanCrashed(const QString &reason) override { record(QStringLiteral("scanCrashed:") + reason); }
-    void infectionFound(const QString &line) override { record(QStringLiteral("infectionFound:") + line); }
-    void appendToConsole(const QString &text) override { record(QStringLiteral("appendToConsole:") + text); }
-    void updateProgressWithMessage(const QString &message) override
-    {
-        record(QStringLiteral("updateProgressWithMessage:") + message);
-    }
-    void updateProgressBar() override { record(QStringLiteral("updateProgressBar")); }
+    void scanCrashed(const QString &reason) override { record("scanCrashed:" + reason); }
+    void infectionFound(const QString &line) override { record("infectionFound:" + line); }
+    void appendToConsole(const QString &text) override { record("appendToConsole:" + text); }
+    void updateProgressWithMessage(const QString &message) override { record("updateProgressWithMessage:" + message); }
+    void updateProgressBar() override { record("updateProgressBar"); }
     void updateProgressWithPercentDone(double percent) override
     {
         record(QStringLiteral("updateProgressWithPercentDone:%1").arg(percent));
@@ -103,21 +81,16 @@ private:
     template<typename T>
     T asked(const T &answer) const
     {
-        if (onMainThread()) {
-            QMutexLocker locker(&_lock);
-            _questionsOnMainThread = true;
-        }
+        questionsOnMainThread = questionsOnMainThread || onMainThread();
         return answer;
     }
     void record(const QString &event)
     {
+        reportsOffMainThread = reportsOffMainThread || !onMainThread();
         QMutexLocker locker(&_lock);
-        _reportsOffMainThread = _reportsOffMainThread || !onMainThread();
         _events.append(event);
     }
 
     mutable QMutex _lock;
     QStringList _events;
-    bool _reportsOffMainThread = false;
-    mutable bool _questionsOnMainThread = false;
 };

@@ -6,6 +6,7 @@
 #include "platform/Localization.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ScriptedPrefix.h"
 
 #include <QDir>
 #include <QFile>
@@ -41,29 +42,24 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-const QRegularExpression dateLine(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d [+-]\\d{4}$"));
-const QRegularExpression listFilePath(QStringLiteral("^") + QRegularExpression::escape(QDir::tempPath())
-                                      + QStringLiteral("/Korvane-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"));
+QStringList logLines(const QString &path) { return QString::fromUtf8(readFile(path)).split('\n'); }
+
+QString infection(const QString &path, const QString &name) { return "infectionFound:" + path + ": " + name + " FOUND"; }
+
+const QString eicarName = "Korvane.Test.Eicar", markerName = "Korvane.Test.Marker";
+const QRegularExpression dateLine("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d [+-]\\d{4}$");
 
 } // namespace
 
 class QXScannerTest : public ::testing::Test
 {
 protected:
-    QString writeSample(const QString &relative, const QByteArray &contents)
-    {
-        const QString path = files.filePath(relative);
-        QDir().mkpath(QFileInfo(path).absolutePath());
-        QFile file(path);
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
-        return path;
-    }
+    QString writeSample(const QString &relative, const QByteArray &contents) { return files.writeFile(relative, contents); }
     QString infected(const QString &relative) { return writeSample(relative, EngineFixture::eicarContents()); }
     QString clean(const QString &relative) { return writeSample(relative, "nothing to see here\n"); }
 
     // The log must exist before a run: the scanner only appends to it.
-    void useScanLog() { delegate.scanLog = writeSample(QStringLiteral("scan.log"), {}); }
+    void useScanLog() { delegate.scanLog = writeSample("scan.log", {}); }
     bool useRealEngine()
     {
         EngineFixture &engine = EngineFixture::shared();
@@ -71,115 +67,96 @@ protected:
         delegate.engine = engine.enginePath();
         return engine.isReady();
     }
-
-    template<typename Scanner = QXScanner>
-    Scanner *startScanner()
+    bool useScript(const ScriptEngine &engine)
     {
-        auto made = std::make_unique<Scanner>(&delegate);
-        Scanner *raw = made.get();
-        scanner = std::move(made);
+        delegate.engine = engine.enginePath();
+        return engine.isValid();
+    }
+
+    ChunkFedScanner *startScanner()
+    {
+        scanner = std::make_unique<ChunkFedScanner>(&delegate);
         scanner->start();
-        return raw;
+        return scanner.get();
     }
     void scan(const QStringList &paths)
     {
-        QXScanner *s = scanner.get();
-        s->perform([s, paths] { s->runScanOnFiles(paths); });
+        if (!scanner)
+            startScanner();
+        scanner->perform([s = scanner.get(), paths] { s->runScanOnFiles(paths); });
     }
     // The end report, and then the rest of the run (the log's last newline).
     bool waitForEnd()
     {
-        return QTest::qWaitFor([&] { return delegate.ended(); }, waitLimit) && waitForIdleWorker();
-    }
-    // Once this answers, the run request sent before it has returned too.
-    bool waitForIdleWorker()
-    {
-        // Shared, so that a request still queued after a failed wait finds it alive.
+        if (!QTest::qWaitFor([&] { return delegate.ended(); }, waitLimit))
+            return false;
+        // Once this request runs, the run before it has returned; shared, so
+        // that a request still queued after a failed wait finds it alive.
         auto reached = std::make_shared<std::atomic<bool>>(false);
         scanner->perform([reached] { *reached = true; });
         return QTest::qWaitFor([&] { return reached->load(); }, waitLimit);
     }
-    static QString found(const QString &path, const QString &name) { return path + QStringLiteral(": ") + name + QStringLiteral(" FOUND"); }
 
-    QTemporaryDir files;
+    // Only for its file helpers: the samples to scan live here.
+    ScriptedPrefix files;
     FakeScannerDelegate delegate;
-    std::unique_ptr<QXScanner> scanner;
+    std::unique_ptr<ChunkFedScanner> scanner;
 };
 
-TEST_F(QXScannerTest, DaemonReportsTheInfectedFilesOfAListAndLogsEveryResult)
+TEST_F(QXScannerTest, DaemonReportsTheInfectedFilesOfAListWithTheSavedSearchesFilesAndLogsEveryResult)
 {
     ASSERT_TRUE(useRealEngine());
     useScanLog();
-    const QString eicar = infected(QStringLiteral("eicar.com"));
-    const QString colon = infected(QStringLiteral("volume: B/file: x.com"));
-    const QString marker = writeSample(QStringLiteral("Grüße.txt"), EngineFixture::markerContents());
-    const QString harmless = clean(QStringLiteral("clean.txt"));
-    startScanner();
-    scan({eicar, harmless, colon, marker});
+    LogCapture systemLog;
+    const QString eicar = infected("eicar.com");
+    const QString colon = infected("volume: B/file: x.com");
+    const QString marker = writeSample("Grüße.txt", EngineFixture::markerContents());
+    const QString harmless = clean("clean.txt");
+    const QString search = clean("Downloads.savedSearch");
+    const QString gone = files.filePath("Downloads/gone.com");
+    delegate.savedSearches.insert(search, {marker, gone});
+    scan({eicar, harmless, search, colon});
 
     ASSERT_TRUE(waitForEnd());
     const QStringList events = delegate.events();
-    EXPECT_EQ(events.first(), QStringLiteral("scanStarted"));
-    EXPECT_EQ(events.last(), QStringLiteral("scanFinishedWithStatus:1"));
-    EXPECT_THAT(delegate.eventsStartingWith(QStringLiteral("infectionFound:")),
-                UnorderedElementsAre(QStringLiteral("infectionFound:") + found(eicar, QStringLiteral("Korvane.Test.Eicar")),
-                                     QStringLiteral("infectionFound:") + found(colon, QStringLiteral("Korvane.Test.Eicar")),
-                                     QStringLiteral("infectionFound:") + found(marker, QStringLiteral("Korvane.Test.Marker"))));
+    EXPECT_EQ(events.first(), "scanStarted");
+    EXPECT_EQ(events.last(), "scanFinishedWithStatus:1");
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
+                UnorderedElementsAre(infection(eicar, eicarName), infection(colon, eicarName), infection(marker, markerName)));
     EXPECT_EQ(events.size(), 5);
-    EXPECT_FALSE(delegate.reportsOffMainThread());
-    EXPECT_FALSE(delegate.questionsOnMainThread());
+    EXPECT_FALSE(delegate.reportsOffMainThread);
+    EXPECT_FALSE(delegate.questionsOnMainThread);
+    // What the engine says on its error output goes to the system log only.
+    EXPECT_TRUE(systemLog.anyContains("error:") && systemLog.anyContains(gone)) << qPrintable(systemLog.lines().join('|'));
 
-    EXPECT_TRUE(listFilePath.match(scanner->scanListTempFilePath()).hasMatch()) << qPrintable(scanner->scanListTempFilePath());
-    EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
+    const QString list = scanner->scanListTempFilePath();
+    EXPECT_TRUE(QRegularExpression("^" + QRegularExpression::escape(QDir::tempPath())
+                                   + "/Korvane-[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$").match(list).hasMatch())
+        << qPrintable(list);
+    EXPECT_FALSE(QFile::exists(list));
 
-    const QStringList log = QString::fromUtf8(readFile(delegate.scanLog)).split(QLatin1Char('\n'));
-    ASSERT_EQ(log.size(), 7) << qPrintable(log.join('|'));
+    const QStringList log = logLines(delegate.scanLog);
+    ASSERT_EQ(log.size(), 8) << qPrintable(log.join('|'));
     EXPECT_TRUE(dateLine.match(log.at(0)).hasMatch()) << qPrintable(log.at(0));
-    EXPECT_THAT(log.mid(1, 4),
-                UnorderedElementsAre(eicar + QStringLiteral(": Korvane.Test.Eicar.UNOFFICIAL FOUND"),
-                                     colon + QStringLiteral(": Korvane.Test.Eicar.UNOFFICIAL FOUND"),
-                                     marker + QStringLiteral(": Korvane.Test.Marker.UNOFFICIAL FOUND"),
-                                     harmless + QStringLiteral(": OK")));
+    EXPECT_THAT(log.mid(1, 5), UnorderedElementsAre(eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND",
+                                                    colon + ": Korvane.Test.Eicar.UNOFFICIAL FOUND",
+                                                    marker + ": Korvane.Test.Marker.UNOFFICIAL FOUND",
+                                                    harmless + ": OK", search + ": OK"));
     // Every entry ends in a newline, and the run adds one more.
-    EXPECT_THAT(log.mid(5), ElementsAre(QString(), QString()));
+    EXPECT_THAT(log.mid(6), ElementsAre("", ""));
 }
 
 TEST_F(QXScannerTest, CleanFilesGivenAsArgumentsEndWithStatusZeroAndWriteNoListNorLog)
 {
     ASSERT_TRUE(useRealEngine());
     delegate.fileList = false;
-    delegate.scanLog = files.filePath(QStringLiteral("Logs/KorvaneVarden-scan.log"));
-    const QStringList batch{clean(QStringLiteral("a.txt")), clean(QStringLiteral("with space/b.txt"))};
-    startScanner();
-    scan(batch);
+    delegate.scanLog = files.filePath("Logs/KorvaneVarden-scan.log");
+    scan({clean("a.txt"), clean("with space/b.txt")});
 
     ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.events(), ElementsAre(QStringLiteral("scanStarted"), QStringLiteral("scanFinishedWithStatus:0")));
+    EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", "scanFinishedWithStatus:0"));
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
     EXPECT_FALSE(QFile::exists(delegate.scanLog));
-}
-
-TEST_F(QXScannerTest, SavedSearchIsScannedTogetherWithTheFilesItFinds)
-{
-    ASSERT_TRUE(useRealEngine());
-    useScanLog();
-    LogCapture systemLog;
-    const QString search = clean(QStringLiteral("Downloads.savedSearch"));
-    const QString first = infected(QStringLiteral("Downloads/one.com"));
-    const QString gone = files.filePath(QStringLiteral("Downloads/gone.com"));
-    delegate.savedSearches.insert(search, {first, gone});
-    startScanner();
-    scan({search});
-
-    ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.eventsStartingWith(QStringLiteral("infectionFound:")),
-                ElementsAre(QStringLiteral("infectionFound:") + found(first, QStringLiteral("Korvane.Test.Eicar"))));
-    EXPECT_TRUE(delegate.eventsStartingWith(QStringLiteral("appendToConsole:")).isEmpty());
-    // The saved search's own file is in the list as well.
-    EXPECT_TRUE(QString::fromUtf8(readFile(delegate.scanLog)).contains(search + QStringLiteral(": OK\n")));
-    // What the engine says on its error output goes to the system log only.
-    EXPECT_TRUE(systemLog.anyContains(QStringLiteral("error:"))) << qPrintable(systemLog.lines().join('|'));
-    EXPECT_TRUE(systemLog.anyContains(gone));
 }
 
 TEST_F(QXScannerTest, StandAloneScannerSkipsTheQuarantineAndReportsProgress)
@@ -189,105 +166,92 @@ TEST_F(QXScannerTest, StandAloneScannerSkipsTheQuarantineAndReportsProgress)
     delegate.clamd = false;
     delegate.updates = true;
     delegate.quarantine = true;
-    const QString folder = files.filePath(QStringLiteral("tree"));
-    const QString eicar = infected(QStringLiteral("tree/eicar.com"));
-    const QString harmless = clean(QStringLiteral("tree/clean.txt"));
-    infected(QStringLiteral("tree/Quarantine/held.com"));
-    delegate.quarantineFolder = files.filePath(QStringLiteral("tree/Quarantine"));
-    startScanner();
+    const QString folder = files.filePath("tree");
+    const QString eicar = infected("tree/eicar.com");
+    const QString harmless = clean("tree/clean.txt");
+    infected("tree/Quarantine/held.com");
+    delegate.quarantineFolder = files.filePath("tree/Quarantine");
     scan({folder});
 
     ASSERT_TRUE(waitForEnd());
     const QStringList events = delegate.events();
-    EXPECT_THAT(delegate.eventsStartingWith(QStringLiteral("infectionFound:")),
-                ElementsAre(QStringLiteral("infectionFound:") + found(eicar, QStringLiteral("Korvane.Test.Eicar"))));
-    EXPECT_THAT(delegate.eventsStartingWith(QStringLiteral("updateProgressWithMessage:")),
-                UnorderedElementsAre(QStringLiteral("updateProgressWithMessage:Scanning ") + eicar,
-                                     QStringLiteral("updateProgressWithMessage:Scanning ") + harmless));
-    EXPECT_EQ(events.count(QStringLiteral("updateProgressBar")), 2);
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"), ElementsAre(infection(eicar, eicarName)));
+    EXPECT_THAT(delegate.eventsStartingWith("updateProgressWithMessage:"),
+                UnorderedElementsAre("updateProgressWithMessage:Scanning " + eicar,
+                                     "updateProgressWithMessage:Scanning " + harmless));
+    EXPECT_EQ(events.count("updateProgressBar"), 2);
     EXPECT_THAT(events.mid(events.size() - 2),
-                ElementsAre(QStringLiteral("updateProgressWithPercentDone:100"), QStringLiteral("scanFinishedWithStatus:1")));
+                ElementsAre("updateProgressWithPercentDone:100", "scanFinishedWithStatus:1"));
 
     const QString log = QString::fromUtf8(readFile(delegate.scanLog));
-    const QStringList lines = log.split(QLatin1Char('\n'));
+    const QStringList lines = log.split('\n');
     ASSERT_GT(lines.size(), 7);
-    EXPECT_EQ(lines.at(0), QString(79, QLatin1Char('-')));
+    EXPECT_EQ(lines.at(0), QString(79, '-'));
     EXPECT_TRUE(dateLine.match(lines.at(1)).hasMatch()) << qPrintable(lines.at(1));
-    EXPECT_THAT(lines.mid(2, 5), ElementsAre(QStringLiteral("Items to be scanned:"), QString(), folder, QString(), QString()));
-    EXPECT_TRUE(log.contains(eicar + QStringLiteral(": Korvane.Test.Eicar.UNOFFICIAL FOUND\n")));
-    EXPECT_TRUE(log.contains(QStringLiteral("SCAN SUMMARY")));
-    EXPECT_FALSE(log.contains(QStringLiteral("Scanning ")));
-    EXPECT_FALSE(log.contains(QStringLiteral("held.com: Korvane")));
-    EXPECT_TRUE(log.endsWith(QStringLiteral("\n\n")));
+    EXPECT_THAT(lines.mid(2, 5), ElementsAre("Items to be scanned:", "", folder, "", ""));
+    EXPECT_TRUE(log.contains(eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND\n"));
+    EXPECT_TRUE(log.contains("SCAN SUMMARY"));
+    EXPECT_FALSE(log.contains("Scanning "));
+    EXPECT_FALSE(log.contains("held.com: Korvane"));
+    EXPECT_TRUE(log.endsWith("\n\n"));
 }
 
 TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
 {
-    ScriptEngine engine(QStringLiteral("exit 0"));
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
+    ScriptEngine engine("exit 0");
+    ASSERT_TRUE(useScript(engine));
     // Settings of the stand-alone form only; the daemon client ignores them.
-    delegate.exclusions = {QStringLiteral("--exclude=\\.log$")};
+    delegate.exclusions = {"--exclude=\\.log$"};
     delegate.quarantine = true;
-    delegate.quarantineFolder = QStringLiteral("/q");
-    delegate.additional = QStringLiteral("--one  --two");
-    delegate.savedSearches.insert(QStringLiteral("/x/Recent.savedSearch"), {QStringLiteral("/y/ä"), QStringLiteral("/y/2")});
-    delegate.savedSearches.insert(QStringLiteral("/x/tiny.savedSearch"), {QStringLiteral("ab")});
-    startScanner();
-    scan({QStringLiteral("/x/one"), QStringLiteral("/x/Recent.savedSearch"), QStringLiteral("/x/tiny.savedSearch")});
+    delegate.quarantineFolder = "/q";
+    delegate.additional = "--one  --two";
+    delegate.savedSearches.insert("/x/Recent.savedSearch", {"/y/ä", "/y/2"});
+    delegate.savedSearches.insert("/x/tiny.savedSearch", {"ab"});
+    scan({"/x/one", "/x/Recent.savedSearch", "/x/tiny.savedSearch"});
 
     ASSERT_TRUE(waitForEnd());
     EXPECT_THAT(engine.recordedArguments(),
-                ElementsAre(QStringLiteral("--no-summary"), QStringLiteral("--one"), QString(), QStringLiteral("--two"),
-                            QStringLiteral("--file-list=") + scanner->scanListTempFilePath()));
-    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()),
-              QStringLiteral("/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2"));
+                ElementsAre("--no-summary", "--one", "", "--two", "--file-list=" + scanner->scanListTempFilePath()));
+    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), "/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2");
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
 }
 
 TEST_F(QXScannerTest, StandAloneScannerGetsExclusionsRootPairsQuarantineAndPaths)
 {
-    ScriptEngine engine(QStringLiteral("exit 0"));
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
+    ScriptEngine engine("exit 0");
+    ASSERT_TRUE(useScript(engine));
     delegate.clamd = false;
     delegate.fileList = false;
     delegate.noSummary = true;
-    delegate.exclusions = {QStringLiteral("--exclude=\\.log$"), QStringLiteral("--exclude-dir=cache")};
-    delegate.rootExclusions = {QStringLiteral("A"), QStringLiteral("B")};
+    delegate.exclusions = {"--exclude=\\.log$", "--exclude-dir=cache"};
+    delegate.rootExclusions = {"A", "B"};
     delegate.quarantine = true;
-    delegate.quarantineFolder = QStringLiteral("/q");
+    delegate.quarantineFolder = "/q";
     delegate.additional = QString();
-    startScanner();
-    scan({QStringLiteral("/"), QStringLiteral("/home"), QStringLiteral("/")});
+    scan({"/", "/home", "/"});
 
     ASSERT_TRUE(waitForEnd());
-    const QStringList rootPairs{QStringLiteral("--exclude=^A"), QStringLiteral("--exclude-dir=^A"),
-                                QStringLiteral("--exclude=^B"), QStringLiteral("--exclude-dir=^B")};
-    const QStringList expected = QStringList{QStringLiteral("-rv"), QStringLiteral("--exclude=\\.log$"), QStringLiteral("--exclude-dir=cache")}
-        + rootPairs + rootPairs
-        + QStringList{QStringLiteral("--exclude=^/q"), QStringLiteral("--exclude-dir=^/q"), QStringLiteral("--scan-mail=no"),
-                      QStringLiteral("--no-summary"), QString(), QStringLiteral("/"), QStringLiteral("/home"), QStringLiteral("/")};
-    EXPECT_EQ(engine.recordedArguments(), expected);
+    const QStringList rootPairs {"--exclude=^A", "--exclude-dir=^A", "--exclude=^B", "--exclude-dir=^B"};
+    EXPECT_EQ(engine.recordedArguments(),
+              (QStringList {"-rv", "--exclude=\\.log$", "--exclude-dir=cache"} + rootPairs + rootPairs
+               + QStringList {"--exclude=^/q", "--exclude-dir=^/q", "--scan-mail=no", "--no-summary", "", "/", "/home", "/"}));
     EXPECT_TRUE(engine.copiedFileList().isEmpty());
 }
 
 TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
 {
     ScriptEngine engine(ScriptEngine::waitForRelease());
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
+    ASSERT_TRUE(useScript(engine));
     delegate.updates = true;
     useScanLog();
-    ChunkFedScanner *fed = startScanner<ChunkFedScanner>();
-    scan({QStringLiteral("/x")});
+    ChunkFedScanner *fed = startScanner();
+    scan({"/x"});
     ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0 && fed->hasChild(); }, waitLimit));
 
     // Fed on the worker's thread while the child runs, as the pipe would be.
-    const QList<QByteArray> chunks{
-        "/x/a: Korvane.Te", "st.Eicar.UNOFF", "ICIAL FOUND\nScann", "ing /x/b\nx\n\n",
-        "/x/gr\xC3", "\xBC\xC3\x9F" "e: OK\nLibClamAV Warning: The virus database is older than 7 days!\n",
-        "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND"};
+    const QList<QByteArray> chunks {"/x/a: Korvane.Te", "st.Eicar.UNOFF", "ICIAL FOUND\nScann", "ing /x/b\nx\n\n",
+                                    "/x/gr\xC3", "\xBC\xC3\x9F" "e: OK\nLibClamAV Warning: The virus database is older than 7 days!\n",
+                                    "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND"};
     auto fedAll = std::make_shared<std::atomic<bool>>(false);
     fed->perform([fed, chunks, fedAll] {
         for (const QByteArray &chunk : chunks)
@@ -299,85 +263,71 @@ TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
 
     ASSERT_TRUE(waitForEnd());
     EXPECT_THAT(delegate.events(),
-                ElementsAre(QStringLiteral("scanStarted"),
-                            QStringLiteral("infectionFound:/x/a: Korvane.Test.Eicar FOUND"),
-                            QStringLiteral("updateProgressWithMessage:Scanning /x/b"),
-                            QStringLiteral("updateProgressBar"),
-                            QStringLiteral("appendToConsole:\n"),
-                            QStringLiteral("appendToConsole:") + Localization::text("DB_OUT_OF_DATE"),
+                ElementsAre("scanStarted", infection("/x/a", eicarName), "updateProgressWithMessage:Scanning /x/b",
+                            "updateProgressBar", "appendToConsole:\n",
+                            "appendToConsole:" + Localization::text("DB_OUT_OF_DATE"),
                             // The output ended without a newline: its last line still counts.
-                            QStringLiteral("infectionFound:/x/last: Korvane.Test.Marker FOUND"),
-                            QStringLiteral("updateProgressWithPercentDone:100"),
-                            QStringLiteral("scanFinishedWithStatus:0")));
-    const QStringList log = QString::fromUtf8(readFile(delegate.scanLog)).split(QLatin1Char('\n'));
-    ASSERT_FALSE(log.isEmpty());
-    EXPECT_THAT(log.mid(1),
-                ElementsAre(QStringLiteral("/x/a: Korvane.Test.Eicar.UNOFFICIAL FOUND"),
-                            QStringLiteral("/x/grüße: OK"),
-                            QStringLiteral("LibClamAV Warning: The virus database is older than 7 days!"),
-                            QStringLiteral("/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND"),
-                            QString(), QString()));
+                            infection("/x/last", markerName), "updateProgressWithPercentDone:100",
+                            "scanFinishedWithStatus:0"));
+    EXPECT_THAT(logLines(delegate.scanLog).mid(1),
+                ElementsAre("/x/a: Korvane.Test.Eicar.UNOFFICIAL FOUND", "/x/grüße: OK",
+                            "LibClamAV Warning: The virus database is older than 7 days!",
+                            "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND", "", ""));
 }
 
 TEST_F(QXScannerTest, MissingEngineProgramReportsACrashAndLeavesTheList)
 {
     useScanLog();
-    delegate.engine = files.filePath(QStringLiteral("no engine"));
-    const QString harmless = clean(QStringLiteral("clean.txt"));
-    startScanner();
+    delegate.engine = files.filePath("no engine");
+    const QString harmless = clean("clean.txt");
     scan({harmless});
 
     ASSERT_TRUE(waitForEnd());
     const QStringList events = delegate.events();
     ASSERT_EQ(events.size(), 2) << qPrintable(events.join('|'));
-    EXPECT_EQ(events.at(0), QStringLiteral("scanStarted"));
-    const QString prefix = QStringLiteral("scanCrashed:launch path not accessible: ") + delegate.engine + QStringLiteral("/bin/clamdscan: ");
-    EXPECT_TRUE(events.at(1).startsWith(prefix)) << qPrintable(events.at(1));
-    EXPECT_TRUE(events.at(1).contains(QLatin1String("No such file or directory"))) << qPrintable(events.at(1));
+    EXPECT_EQ(events.at(0), "scanStarted");
+    EXPECT_TRUE(events.at(1).startsWith("scanCrashed:launch path not accessible: " + delegate.engine + "/bin/clamdscan: "))
+        << qPrintable(events.at(1));
+    EXPECT_TRUE(events.at(1).contains("No such file or directory")) << qPrintable(events.at(1));
 
     EXPECT_EQ(readFile(scanner->scanListTempFilePath()), harmless.toUtf8());
     QFile::remove(scanner->scanListTempFilePath());
     const QString log = QString::fromUtf8(readFile(delegate.scanLog));
-    EXPECT_TRUE(log.endsWith(QStringLiteral("\n\n")));
+    EXPECT_TRUE(log.endsWith("\n\n"));
     EXPECT_TRUE(dateLine.match(log.chopped(2)).hasMatch()) << qPrintable(log);
 }
 
 TEST_F(QXScannerTest, EngineKilledFromOutsideEndsTheScanWithTheSignal)
 {
-    ScriptEngine engine(QStringLiteral("echo 'Scanning /x'\n") + ScriptEngine::waitForRelease());
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
-    const QStringList batch{clean(QStringLiteral("a.txt")), clean(QStringLiteral("b.txt"))};
-    startScanner();
+    ScriptEngine engine("echo 'Scanning /x'\n" + ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    const QStringList batch {clean("a.txt"), clean("b.txt")};
     scan(batch);
     ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0; }, waitLimit));
     // The list was complete before the engine started.
-    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), batch.join(QLatin1Char('\n')));
+    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), batch.join('\n'));
 
     ASSERT_EQ(::kill(pid_t(engine.pid()), SIGKILL), 0);
-
     ASSERT_TRUE(waitForEnd());
     EXPECT_EQ(delegate.events().last(), QStringLiteral("scanFinishedWithStatus:%1").arg(SIGKILL));
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
     EXPECT_FALSE(scanner->hasChild());
 }
 
-TEST_F(QXScannerTest, PauseSuspendsTheEngineAndASecondPauseResumesIt)
+TEST_F(QXScannerTest, PauseSuspendsTheEngineASecondPauseResumesItAndStopEndsItEvenSuspended)
 {
-    ScriptEngine engine(ScriptEngine::waitForRelease() + QStringLiteral("echo \"/x: Korvane.Test.Eicar.UNOFFICIAL FOUND\"\nexit 1"));
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
+    ScriptEngine engine(ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
     QXScanner *s = startScanner();
     // Between runs there is nothing to pause or stop.
     EXPECT_FALSE(s->pause());
     s->stop();
     EXPECT_FALSE(s->paused());
 
-    scan({QStringLiteral("/x")});
+    scan({"/x"});
     ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0 && s->hasChild(); }, waitLimit));
     const qint64 pid = engine.pid();
     EXPECT_FALSE(s->resumeScan());
-
     EXPECT_TRUE(s->pause());
     EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit));
     EXPECT_TRUE(s->paused());
@@ -387,61 +337,30 @@ TEST_F(QXScannerTest, PauseSuspendsTheEngineAndASecondPauseResumesIt)
     EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) != 'T'; }, waitLimit));
     EXPECT_FALSE(s->paused());
 
-    engine.release();
-    ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.events(),
-                ElementsAre(QStringLiteral("scanStarted"), QStringLiteral("infectionFound:/x: Korvane.Test.Eicar FOUND"),
-                            QStringLiteral("scanFinishedWithStatus:1")));
-}
-
-TEST_F(QXScannerTest, StopEndsASuspendedEngine)
-{
-    ScriptEngine engine(ScriptEngine::waitForRelease());
-    ASSERT_TRUE(engine.isValid());
-    delegate.engine = engine.enginePath();
-    QXScanner *s = startScanner();
-    scan({QStringLiteral("/x")});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0 && s->hasChild(); }, waitLimit));
     ASSERT_TRUE(s->pause());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return processState(engine.pid()) == 'T'; }, waitLimit));
-
+    ASSERT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit));
     s->stop();
-
     ASSERT_TRUE(waitForEnd());
-    EXPECT_EQ(delegate.events().last(), QStringLiteral("scanFinishedWithStatus:%1").arg(SIGTERM));
+    EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", QStringLiteral("scanFinishedWithStatus:%1").arg(SIGTERM)));
     EXPECT_FALSE(s->paused());
     EXPECT_FALSE(QFile::exists(s->scanListTempFilePath()));
 }
 
-TEST_F(QXScannerTest, WithLoggingOffTheLogGetsOneNewlineAfterTheEndReport)
-{
-    ASSERT_TRUE(useRealEngine());
-    useScanLog();
-    delegate.logging = false;
-    QByteArray logWhileEnding = "unread";
-    delegate.onFinished = [&] { logWhileEnding = readFile(delegate.scanLog); };
-    startScanner();
-    scan({infected(QStringLiteral("eicar.com"))});
-
-    ASSERT_TRUE(waitForEnd());
-    // The end report held the run, so the newline came after it.
-    EXPECT_EQ(logWhileEnding, QByteArray());
-    EXPECT_EQ(readFile(delegate.scanLog), QByteArray("\n"));
-    EXPECT_EQ(delegate.eventsStartingWith(QStringLiteral("infectionFound:")).size(), 1);
-}
-
-TEST_F(QXScannerTest, HandMadeEnginePrefixDetectsTheSameSignatures)
+TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffTheLogGetsOneNewlineAfterTheEnd)
 {
     EngineFixture engine(EngineFixture::Layout::HandMade);
     ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
     delegate.engine = engine.enginePath();
-    const QString eicar = infected(QStringLiteral("eicar.com"));
-    startScanner();
+    useScanLog();
+    delegate.logging = false;
+    QByteArray logWhileEnding = "unread";
+    delegate.onFinished = [&] { logWhileEnding = readFile(delegate.scanLog); };
+    const QString eicar = infected("eicar.com");
     scan({eicar});
 
     ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.events(),
-                ElementsAre(QStringLiteral("scanStarted"),
-                            QStringLiteral("infectionFound:") + found(eicar, QStringLiteral("Korvane.Test.Eicar")),
-                            QStringLiteral("scanFinishedWithStatus:1")));
+    EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", infection(eicar, eicarName), "scanFinishedWithStatus:1"));
+    // The end report held the run, so the newline came after it.
+    EXPECT_EQ(logWhileEnding, QByteArray());
+    EXPECT_EQ(readFile(delegate.scanLog), "\n");
 }

@@ -57,7 +57,7 @@ TEST_F(QXUtilsCoordinatorTest, LinesWithoutAColonOrANameAreDropped)
 TEST_F(QXUtilsCoordinatorTest, InfectionInsideAnApplicationBundleIsReportedAsTheBundle)
 {
     const QString bundle = home.filePath("Applications/Tool.app");
-    const QString file = home.writeFile("Applications/Tool.app/Contents/MacOS/tool", "x");
+    const QString file = home.writeFile("Applications/Tool.app/Contents/bin/tool", "x");
     const QString plain = home.writeFile("Documents/report.pdf", "x");
     auto utils = make({});
     utils->infectionFound(file + QStringLiteral(": Korvane.Test.Eicar FOUND"));

@@ -27,194 +27,154 @@ public:
     using QXWorkerThread::reportToMainAndWait;
     using QXWorkerThread::RunResult;
 
+    struct Seen
+    {
+        std::optional<RunResult> result;
+        QByteArray output, errors;
+        QSet<QThread *> handlerThreads;
+        int emptyChunks = 0;
+    };
+
     explicit RecordingWorker(bool recordErrors = true)
         : _recordErrors(recordErrors)
     {
+        start();
     }
     ~RecordingWorker() override { stopThread(); }
 
-    void run(const QString &program, const QStringList &arguments)
+    void run(const QString &program, const QStringList &arguments = {})
     {
         perform([this, program, arguments] {
             const RunResult result = runChild(program, arguments);
             QMutexLocker locker(&_lock);
-            _result = result;
+            _seen.result = result;
         });
     }
-    void runShell(const QString &command) { run(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command}); }
-
-    std::optional<RunResult> result() const
+    void runShell(const QString &command) { run("/bin/sh", {"-c", command}); }
+    // Waits for the run to end and answers what it saw.
+    Seen finished() const
     {
-        QMutexLocker locker(&_lock);
-        return _result;
+        EXPECT_TRUE(QTest::qWaitFor([&] { return seen().result.has_value(); }, waitLimit));
+        return seen();
     }
-    QByteArray output() const
+    Seen seen() const
     {
         QMutexLocker locker(&_lock);
-        return _output;
+        return _seen;
     }
-    QByteArray errors() const
+    // The first line of output of a child started with "echo $$; exec ...".
+    qint64 announcedPid() const
     {
-        QMutexLocker locker(&_lock);
-        return _errors;
-    }
-    QSet<QThread *> handlerThreads() const
-    {
-        QMutexLocker locker(&_lock);
-        return _handlerThreads;
-    }
-    int emptyChunks() const
-    {
-        QMutexLocker locker(&_lock);
-        return _emptyChunks;
+        const QByteArray output = seen().output;
+        return output.contains('\n') ? output.left(output.indexOf('\n')).toLongLong() : 0;
     }
 
 protected:
-    void notifiedForStdOutput(const QByteArray &chunk) override
-    {
-        QMutexLocker locker(&_lock);
-        _output += chunk;
-        note(chunk);
-    }
+    void notifiedForStdOutput(const QByteArray &chunk) override { note(_seen.output, chunk); }
     void notifiedForStdError(const QByteArray &chunk) override
     {
-        if (!_recordErrors) {
+        if (_recordErrors)
+            note(_seen.errors, chunk);
+        else
             QXWorkerThread::notifiedForStdError(chunk);
-            return;
-        }
-        QMutexLocker locker(&_lock);
-        _errors += chunk;
-        note(chunk);
     }
 
 private:
-    void note(const QByteArray &chunk)
+    void note(QByteArray &into, const QByteArray &chunk)
     {
-        _handlerThreads.insert(QThread::currentThread());
-        _emptyChunks += chunk.isEmpty() ? 1 : 0;
+        QMutexLocker locker(&_lock);
+        into += chunk;
+        _seen.handlerThreads.insert(QThread::currentThread());
+        _seen.emptyChunks += chunk.isEmpty() ? 1 : 0;
     }
 
     const bool _recordErrors;
     mutable QMutex _lock;
-    std::optional<RunResult> _result;
-    QByteArray _output;
-    QByteArray _errors;
-    QSet<QThread *> _handlerThreads;
-    int _emptyChunks = 0;
+    Seen _seen;
 };
-
-// The first line of output of a child started with "echo $$; exec ...".
-qint64 announcedPid(const RecordingWorker &worker)
-{
-    const QByteArray output = worker.output();
-    return output.contains('\n') ? output.left(output.indexOf('\n')).toLongLong() : 0;
-}
 
 } // namespace
 
-TEST(QXWorkerThreadTest, PerformRunsTheRequestOnTheWorkersOwnThread)
-{
-    RecordingWorker worker;
-    worker.start();
-    std::atomic<QThread *> ranOn = nullptr;
-    worker.perform([&] { ranOn = QThread::currentThread(); });
-
-    EXPECT_TRUE(QTest::qWaitFor([&] { return ranOn.load() != nullptr; }, waitLimit));
-    EXPECT_EQ(ranOn.load(), worker.thread());
-    EXPECT_NE(ranOn.load(), QCoreApplication::instance()->thread());
-}
-
-TEST(QXWorkerThreadTest, EveryByteOfBothPipesReachesTheHandlersOnTheWorkerThread)
+TEST(QXWorkerThreadTest, EveryByteOfBothPipesReachesTheHandlersOnTheWorkersOwnThread)
 {
     // Far more than a pipe holds on either stream: a pipe left unread would
     // stop the child for good.
     RecordingWorker worker;
-    worker.start();
-    worker.runShell(QStringLiteral("head -c 1000000 /dev/zero | tr '\\0' o; "
-                                   "head -c 1000000 /dev/zero | tr '\\0' e >&2; "
-                                   "printf last"));
+    worker.runShell("head -c 1000000 /dev/zero | tr '\\0' o; head -c 1000000 /dev/zero | tr '\\0' e >&2; printf last");
 
-    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.result().has_value(); }, waitLimit));
-    EXPECT_TRUE(worker.result()->started);
-    EXPECT_EQ(worker.result()->status, 0);
-    EXPECT_EQ(worker.output(), QByteArray(1000000, 'o') + "last");
-    EXPECT_EQ(worker.errors(), QByteArray(1000000, 'e'));
-    EXPECT_EQ(worker.handlerThreads(), QSet<QThread *>{worker.thread()});
-    EXPECT_EQ(worker.emptyChunks(), 0);
+    const RecordingWorker::Seen seen = worker.finished();
+    ASSERT_TRUE(seen.result.has_value());
+    EXPECT_TRUE(seen.result->started);
+    EXPECT_EQ(seen.result->status, 0);
+    EXPECT_TRUE(seen.output == QByteArray(1000000, 'o') + "last");
+    EXPECT_TRUE(seen.errors == QByteArray(1000000, 'e'));
+    EXPECT_EQ(seen.handlerThreads, QSet<QThread *> {worker.thread()});
+    EXPECT_NE(worker.thread(), QCoreApplication::instance()->thread());
+    EXPECT_EQ(seen.emptyChunks, 0);
     EXPECT_FALSE(worker.hasChild());
 }
 
-TEST(QXWorkerThreadTest, RunAnswersTheExitCodeOrTheSignalThatEndedTheChild)
+TEST(QXWorkerThreadTest, RunAnswersTheExitCodeTheKillingSignalOrWhyTheProgramCouldNotStart)
 {
-    RecordingWorker exits;
-    exits.start();
-    exits.runShell(QStringLiteral("exit 3"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return exits.result().has_value(); }, waitLimit));
-    EXPECT_TRUE(exits.result()->started);
-    EXPECT_EQ(exits.result()->status, 3);
-    EXPECT_FALSE(exits.result()->crashed);
-
-    RecordingWorker killed;
-    killed.start();
-    killed.runShell(QStringLiteral("kill -9 $$"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return killed.result().has_value(); }, waitLimit));
-    EXPECT_TRUE(killed.result()->started);
-    EXPECT_EQ(killed.result()->status, SIGKILL);
-    EXPECT_TRUE(killed.result()->crashed);
-}
-
-TEST(QXWorkerThreadTest, ProgramThatCannotStartEndsTheRunWithItsReason)
-{
-    RecordingWorker worker;
-    worker.start();
-    worker.run(QStringLiteral("/nonexistent/korvane/bin/clamdscan"), {});
-
-    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.result().has_value(); }, waitLimit));
-    EXPECT_FALSE(worker.result()->started);
-    EXPECT_TRUE(worker.result()->error.contains(QLatin1String("No such file or directory")))
-        << qPrintable(worker.result()->error);
-    EXPECT_FALSE(worker.hasChild());
+    const struct
+    {
+        QString program;
+        QStringList arguments;
+        bool started;
+        int status;
+        bool crashed;
+        QString error;
+    } cases[] {
+        {"/bin/sh", {"-c", "exit 3"}, true, 3, false, ""},
+        {"/bin/sh", {"-c", "kill -9 $$"}, true, SIGKILL, true, ""},
+        {"/nonexistent/korvane/bin/clamdscan", {}, false, 0, false, "No such file or directory"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE((c.program + ' ' + c.arguments.join(' ')).toStdString());
+        RecordingWorker worker;
+        worker.run(c.program, c.arguments);
+        const std::optional<RecordingWorker::RunResult> result = worker.finished().result;
+        ASSERT_TRUE(result.has_value());
+        EXPECT_EQ(result->started, c.started);
+        if (c.started) {
+            EXPECT_EQ(result->status, c.status);
+            EXPECT_EQ(result->crashed, c.crashed);
+        }
+        EXPECT_TRUE(result->error.contains(c.error)) << qPrintable(result->error);
+        EXPECT_FALSE(worker.hasChild());
+    }
 }
 
 TEST(QXWorkerThreadTest, StandardErrorGoesToTheSystemLogByDefault)
 {
     LogCapture log;
     RecordingWorker worker(false);
-    worker.start();
-    worker.runShell(QStringLiteral("echo 'not a virus' >&2"));
-
-    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.result().has_value(); }, waitLimit));
-    EXPECT_TRUE(log.contains(QStringLiteral("error:not a virus\n"))) << qPrintable(log.lines().join('|'));
+    worker.runShell("echo 'not a virus' >&2");
+    worker.finished();
+    EXPECT_TRUE(log.contains("error:not a virus\n")) << qPrintable(log.lines().join('|'));
 }
 
-TEST(QXWorkerThreadTest, SignalsWithoutAChildAnswerNo)
+TEST(QXWorkerThreadTest, SuspendResumeAndTerminateReachTheRunningChildAndWithoutOneAnswerNo)
 {
     RecordingWorker worker;
-    worker.start();
-    EXPECT_FALSE(worker.hasChild());
     EXPECT_FALSE(worker.suspendChild());
     EXPECT_FALSE(worker.resumeChild());
     EXPECT_FALSE(worker.terminateChild());
-}
 
-TEST(QXWorkerThreadTest, SuspendResumeAndTerminateReachTheRunningChild)
-{
-    RecordingWorker worker;
-    worker.start();
-    worker.runShell(QStringLiteral("echo $$; exec sleep 60"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return announcedPid(worker) > 0 && worker.hasChild(); }, waitLimit));
-    const qint64 pid = announcedPid(worker);
-
+    worker.runShell("echo $$; exec sleep 60");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.announcedPid() > 0 && worker.hasChild(); }, waitLimit));
+    const qint64 pid = worker.announcedPid();
     EXPECT_TRUE(worker.suspendChild());
     EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit));
     EXPECT_TRUE(worker.resumeChild());
     EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) != 'T'; }, waitLimit));
-    EXPECT_FALSE(worker.result().has_value());
+    EXPECT_FALSE(worker.seen().result.has_value());
 
     EXPECT_TRUE(worker.terminateChild());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.result().has_value(); }, waitLimit));
-    EXPECT_EQ(worker.result()->status, SIGTERM);
-    EXPECT_TRUE(worker.result()->crashed);
+    const std::optional<RecordingWorker::RunResult> result = worker.finished().result;
+    ASSERT_TRUE(result.has_value());
+    EXPECT_EQ(result->status, SIGTERM);
+    EXPECT_TRUE(result->crashed);
     EXPECT_FALSE(worker.hasChild());
     EXPECT_FALSE(worker.terminateChild());
 }
@@ -222,13 +182,8 @@ TEST(QXWorkerThreadTest, SuspendResumeAndTerminateReachTheRunningChild)
 TEST(QXWorkerThreadTest, ReportsRunOnTheMainThreadAndTheWaitingOneHoldsTheWorker)
 {
     RecordingWorker worker;
-    worker.start();
-    QThread *const mainThread = QCoreApplication::instance()->thread();
-    std::atomic<QThread *> queuedRanOn = nullptr;
-    std::atomic<QThread *> waitedRanOn = nullptr;
-    std::atomic<bool> doneWhenWorkerWentOn = false;
-    std::atomic<bool> workerDone = false;
-
+    std::atomic<QThread *> queuedRanOn = nullptr, waitedRanOn = nullptr;
+    std::atomic<bool> doneWhenWorkerWentOn = false, workerDone = false;
     worker.perform([&] {
         worker.reportToMain([&] { queuedRanOn = QThread::currentThread(); });
         std::atomic<bool> done = false;
@@ -242,8 +197,8 @@ TEST(QXWorkerThreadTest, ReportsRunOnTheMainThreadAndTheWaitingOneHoldsTheWorker
 
     EXPECT_TRUE(QTest::qWaitFor([&] { return workerDone.load(); }, waitLimit));
     EXPECT_TRUE(doneWhenWorkerWentOn.load());
-    EXPECT_EQ(queuedRanOn.load(), mainThread);
-    EXPECT_EQ(waitedRanOn.load(), mainThread);
+    EXPECT_EQ(queuedRanOn.load(), QCoreApplication::instance()->thread());
+    EXPECT_EQ(waitedRanOn.load(), QCoreApplication::instance()->thread());
 
     // On the main thread itself the waiting report runs at once instead of
     // waiting for its own event loop.
@@ -255,7 +210,6 @@ TEST(QXWorkerThreadTest, ReportsRunOnTheMainThreadAndTheWaitingOneHoldsTheWorker
 TEST(QXWorkerThreadTest, ReportsStillOnTheirWayAreDroppedOnceReportingStopped)
 {
     RecordingWorker worker;
-    worker.start();
     auto ran = std::make_shared<std::atomic<int>>(0);
     QSemaphore posted;
     worker.perform([&worker, ran, &posted] {
@@ -279,10 +233,9 @@ TEST(QXWorkerThreadTest, ReportsStillOnTheirWayAreDroppedOnceReportingStopped)
 TEST(QXWorkerThreadTest, DestroyingAWorkerDuringARunEndsItsChild)
 {
     auto worker = std::make_unique<RecordingWorker>();
-    worker->start();
-    worker->runShell(QStringLiteral("echo $$; exec sleep 60"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return announcedPid(*worker) > 0 && worker->hasChild(); }, waitLimit));
-    const qint64 pid = announcedPid(*worker);
+    worker->runShell("echo $$; exec sleep 60");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return worker->announcedPid() > 0 && worker->hasChild(); }, waitLimit));
+    const qint64 pid = worker->announcedPid();
 
     worker.reset();
     // The run reaps its child before the thread ends.

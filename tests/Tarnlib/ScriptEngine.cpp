@@ -5,22 +5,12 @@
 
 #include <sys/stat.h>
 
-namespace {
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-} // namespace
-
 ScriptEngine::ScriptEngine(const QString &body)
 {
-    if (!_dir.isValid() || !QDir(_dir.path()).mkpath(QStringLiteral("bin")))
+    if (!_dir.isValid() || !QDir(_dir.path()).mkpath("bin"))
         return;
     QString quotedDir = _dir.path();
-    quotedDir.replace(QLatin1Char('\''), QLatin1String("'\\''"));
+    quotedDir.replace('\'', "'\\''");
     const QString script = QStringLiteral(
         "#!/bin/bash\n"
         "dir='%1'\n"
@@ -32,7 +22,7 @@ ScriptEngine::ScriptEngine(const QString &body)
         "%2\n").arg(quotedDir, body);
     // Both programs, so that the daemon client and the stand-alone form alike run it.
     for (const char *name : {"bin/clamdscan", "bin/clamscan"}) {
-        QFile file(_dir.filePath(QLatin1String(name)));
+        QFile file(_dir.filePath(name));
         if (!file.open(QIODevice::WriteOnly) || file.write(script.toUtf8()) < 0)
             return;
         file.close();
@@ -41,19 +31,18 @@ ScriptEngine::ScriptEngine(const QString &body)
     }
     // Waiting reads from this pipe with a timeout instead of running sleep,
     // so that killing the script leaves no process of it behind.
-    _valid = ::mkfifo(QFile::encodeName(_dir.filePath(QStringLiteral("tick"))).constData(), 0600) == 0;
+    _valid = ::mkfifo(QFile::encodeName(_dir.filePath("tick")).constData(), 0600) == 0;
 }
 
 QString ScriptEngine::waitForRelease()
 {
-    return QStringLiteral(
-        "exec 3<> \"$dir/tick\"\n"
-        "while [ ! -e \"$dir/release\" ]; do read -r -t 0.05 -u 3 _ || :; done\n");
+    return "exec 3<> \"$dir/tick\"\n"
+           "while [ ! -e \"$dir/release\" ]; do read -r -t 0.05 -u 3 _ || :; done\n";
 }
 
 QStringList ScriptEngine::recordedArguments() const
 {
-    QByteArray all = readAll(_dir.filePath(QStringLiteral("args")));
+    QByteArray all = read("args");
     if (all.isEmpty())
         return {};
     all.chop(1);
@@ -63,18 +52,13 @@ QStringList ScriptEngine::recordedArguments() const
     return arguments;
 }
 
-QByteArray ScriptEngine::copiedFileList() const
+QByteArray ScriptEngine::read(const QString &name) const
 {
-    return readAll(_dir.filePath(QStringLiteral("list")));
-}
-
-qint64 ScriptEngine::pid() const
-{
-    return readAll(_dir.filePath(QStringLiteral("pid"))).trimmed().toLongLong();
+    QFile file(_dir.filePath(name));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 void ScriptEngine::release() const
 {
-    QFile file(_dir.filePath(QStringLiteral("release")));
-    file.open(QIODevice::WriteOnly);
+    QFile(_dir.filePath("release")).open(QIODevice::WriteOnly);
 }

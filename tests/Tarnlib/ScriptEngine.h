@@ -16,21 +16,21 @@ public:
     // In the body, $dir is this engine's folder; waitForRelease() gives a
     // line that waits, without starting other processes, for release().
     explicit ScriptEngine(const QString &body);
-
     static QString waitForRelease();
 
     bool isValid() const { return _valid; }
     QString enginePath() const { return _dir.path(); }
-    QString filePath(const QString &name) const { return _dir.filePath(name); }
 
     // Empty until the script has started.
     QStringList recordedArguments() const;
-    QByteArray copiedFileList() const;
-    qint64 pid() const;
+    QByteArray copiedFileList() const { return read("list"); }
+    qint64 pid() const { return read("pid").trimmed().toLongLong(); }
 
     void release() const;
 
 private:
+    QByteArray read(const QString &name) const;
+
     QTemporaryDir _dir;
     bool _valid = false;
 };

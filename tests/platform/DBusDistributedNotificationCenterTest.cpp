@@ -1,6 +1,7 @@
 #include "platform/DBusDistributedNotificationCenter.h"
 #include "tests/support/LogCapture.h"
 
+#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QProcess>
 #include <QTest>
@@ -10,7 +11,7 @@
 
 namespace {
 
-const QString quitName = QStringLiteral("KorvaneVardenShouldQuit");
+const QString quitName = "KorvaneVardenShouldQuit", restartName = "KorvaneVardenShouldRestart";
 
 #define REQUIRE_SESSION_BUS()                                                                        \
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS"))                                     \
@@ -32,11 +33,8 @@ struct Heard
 void dbusSend(const QString &name, const QStringList &arguments = {})
 {
     QProcess send;
-    send.start(QStringLiteral("dbus-send"),
-               QStringList{QStringLiteral("--session"), QStringLiteral("--type=signal"),
-                           QStringLiteral("/org/korvane/DistributedNotifications1"),
-                           QStringLiteral("org.korvane.DistributedNotifications1.") + name}
-                   + arguments);
+    send.start("dbus-send", QStringList {"--session", "--type=signal", "/org/korvane/DistributedNotifications1",
+                                         "org.korvane.DistributedNotifications1." + name} + arguments);
     ASSERT_TRUE(send.waitForFinished(10000)) << send.errorString().toStdString();
     ASSERT_EQ(send.exitCode(), 0) << send.readAllStandardError().toStdString();
 }
@@ -71,26 +69,21 @@ TEST(DBusDistributedNotificationCenterTest, HearsANameFromAnySenderWithItsObject
     REQUIRE_SESSION_BUS();
     DBusDistributedNotificationCenter center;
     ASSERT_TRUE(center.isConnected());
-    Heard quit;
+    Heard quit, other;
     quit.observe(center, quitName);
-    Heard other;
-    other.observe(center, QStringLiteral("KorvaneShouldOpenPrefs"));
+    other.observe(center, "KorvaneShouldOpenPrefs");
 
-    dbusSend(quitName, {QStringLiteral("string:KorvaneVarden")});
-    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden")})) << quit.objects.join(',').toStdString();
-
-    const QString peerName = QStringLiteral("second-session-connection");
-    {
-        DBusDistributedNotificationCenter peer(
-            QDBusConnection::connectToBus(QDBusConnection::SessionBus, peerName));
-        peer.postNotificationName(quitName, QStringLiteral("Korvane"));
-    }
+    dbusSend(quitName, {"string:KorvaneVarden"});
+    EXPECT_TRUE(waitForObjects(quit, {"KorvaneVarden"})) << quit.objects.join(',').toStdString();
+    const QString peerName = "second-session-connection";
+    DBusDistributedNotificationCenter(QDBusConnection::connectToBus(QDBusConnection::SessionBus, peerName))
+        .postNotificationName(quitName, "Korvane");
     QDBusConnection::disconnectFromBus(peerName);
-    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden"), QStringLiteral("Korvane")}));
+    EXPECT_TRUE(waitForObjects(quit, {"KorvaneVarden", "Korvane"}));
 
     // A signal without its argument still counts, with an empty object.
     dbusSend(quitName);
-    EXPECT_TRUE(waitForObjects(quit, {QStringLiteral("KorvaneVarden"), QStringLiteral("Korvane"), QString()}));
+    EXPECT_TRUE(waitForObjects(quit, {"KorvaneVarden", "Korvane", ""}));
     EXPECT_TRUE(other.objects.isEmpty());
 }
 
@@ -98,108 +91,93 @@ TEST(DBusDistributedNotificationCenterTest, ObservationEndsWithRemovalOrDestruct
 {
     REQUIRE_SESSION_BUS();
     DBusDistributedNotificationCenter center;
-    Heard staying;
+    Heard staying, removed;
     staying.observe(center, quitName);
-    Heard removed;
     removed.observe(center, quitName);
-    removed.observe(center, QStringLiteral("KorvaneVardenShouldRestart"));
+    removed.observe(center, restartName);
     int heardByDestroyed = 0;
     auto destroyed = std::make_unique<QObject>();
     center.addObserver(destroyed.get(), quitName, [&](const QString &) { ++heardByDestroyed; });
 
     center.removeObserver(&removed.observer);
     destroyed.reset();
-    dbusSend(quitName, {QStringLiteral("string:first")});
-    dbusSend(QStringLiteral("KorvaneVardenShouldRestart"), {QStringLiteral("string:first")});
+    dbusSend(quitName, {"string:first"});
+    dbusSend(restartName, {"string:first"});
     // The restart signal was sent last; once the staying observer hears a
     // later one, both earlier deliveries would have happened.
-    staying.observe(center, QStringLiteral("KorvaneVardenShouldRestart"));
-    dbusSend(QStringLiteral("KorvaneVardenShouldRestart"), {QStringLiteral("string:second")});
-    EXPECT_TRUE(waitForObjects(staying, {QStringLiteral("first"), QStringLiteral("second")}));
+    staying.observe(center, restartName);
+    dbusSend(restartName, {"string:second"});
+    EXPECT_TRUE(waitForObjects(staying, {"first", "second"}));
     EXPECT_TRUE(removed.objects.isEmpty());
     EXPECT_EQ(heardByDestroyed, 0);
 
     // Observing again after the last observer of a name left works as before.
     center.removeObserver(&staying.observer);
     removed.observe(center, quitName);
-    dbusSend(quitName, {QStringLiteral("string:again")});
-    EXPECT_TRUE(waitForObjects(removed, {QStringLiteral("again")}));
+    dbusSend(quitName, {"string:again"});
+    EXPECT_TRUE(waitForObjects(removed, {"again"}));
 }
 
 TEST(DBusDistributedNotificationCenterTest, HandlerMayRemoveObserversWhileBeingNotified)
 {
     REQUIRE_SESSION_BUS();
     DBusDistributedNotificationCenter center;
-    QObject first;
-    QObject second;
+    QObject first, second;
     QStringList calls;
     center.addObserver(&first, quitName, [&](const QString &) {
-        calls.append(QStringLiteral("first"));
+        calls.append("first");
         center.removeObserver(&first);
         center.removeObserver(&second);
     });
-    center.addObserver(&second, quitName, [&](const QString &) { calls.append(QStringLiteral("second")); });
+    center.addObserver(&second, quitName, [&](const QString &) { calls.append("second"); });
     Heard later;
     later.observe(center, quitName);
 
-    dbusSend(quitName, {QStringLiteral("string:once")});
-    dbusSend(quitName, {QStringLiteral("string:twice")});
-    EXPECT_TRUE(waitForObjects(later, {QStringLiteral("once"), QStringLiteral("twice")}));
-    EXPECT_EQ(calls, QStringList{QStringLiteral("first")});
+    dbusSend(quitName, {"string:once"});
+    dbusSend(quitName, {"string:twice"});
+    EXPECT_TRUE(waitForObjects(later, {"once", "twice"}));
+    EXPECT_EQ(calls, QStringList {"first"});
 }
 
 TEST(DBusDistributedNotificationCenterTest, PostFromAProcessExitingRightAfterArrives)
 {
     REQUIRE_SESSION_BUS();
     WireRecorder recorder;
-    ASSERT_TRUE(QDBusConnection::sessionBus().connect(
-        QString(), QStringLiteral("/org/korvane/DistributedNotifications1"),
-        QStringLiteral("org.korvane.DistributedNotifications1"), QStringLiteral("KorvaneVardenHasQuit"), &recorder,
-        SLOT(record(QDBusMessage))));
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    ASSERT_TRUE(bus.connect(QString(), "/org/korvane/DistributedNotifications1", "org.korvane.DistributedNotifications1",
+                            "KorvaneVardenHasQuit", &recorder, SLOT(record(QDBusMessage))));
     // A blocking round trip on the same connection puts the match rule in place before the helper posts.
-    ASSERT_TRUE(QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
-                                                       QStringLiteral("org.freedesktop.DBus"),
-                                                       QStringLiteral("/org/freedesktop/DBus"),
-                                                       QStringLiteral("org.freedesktop.DBus.Peer"),
-                                                       QStringLiteral("Ping")))
-                    .type()
-                == QDBusMessage::ReplyMessage);
+    ASSERT_TRUE(bus.interface()->isServiceRegistered("org.freedesktop.DBus").isValid());
 
     // The helper leaves with _Exit right after posting, so nothing queued survives it.
     QProcess helper;
-    helper.start(QStringLiteral(KORVANE_BINARY_DIR "/bin/post_notification"),
-                 {QStringLiteral("KorvaneVardenHasQuit"), QStringLiteral("KorvaneVarden")});
+    helper.start(KORVANE_BINARY_DIR "/bin/post_notification", {"KorvaneVardenHasQuit", "KorvaneVarden"});
     ASSERT_TRUE(helper.waitForFinished(10000)) << helper.errorString().toStdString();
     ASSERT_EQ(helper.exitCode(), 0) << helper.readAllStandardError().toStdString();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !recorder.messages.isEmpty(); }, 10000));
 
     const QDBusMessage message = recorder.messages.first();
     EXPECT_EQ(message.type(), QDBusMessage::SignalMessage);
-    EXPECT_EQ(message.signature(), QStringLiteral("s"));
-    EXPECT_EQ(message.arguments().value(0).toString(), QStringLiteral("KorvaneVarden"));
-    QDBusConnection::sessionBus().disconnect(
-        QString(), QStringLiteral("/org/korvane/DistributedNotifications1"),
-        QStringLiteral("org.korvane.DistributedNotifications1"), QStringLiteral("KorvaneVardenHasQuit"), &recorder,
-        SLOT(record(QDBusMessage)));
+    EXPECT_EQ(message.signature(), "s");
+    EXPECT_EQ(message.arguments().value(0).toString(), "KorvaneVarden");
 }
 
 TEST(DBusDistributedNotificationCenterTest, WithoutABusLogsOnceAndDoesNothing)
 {
-    const QString name = QStringLiteral("no-session-bus");
+    const QString name = "no-session-bus";
     LogCapture log;
     {
-        DBusDistributedNotificationCenter center(
-            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), name));
+        DBusDistributedNotificationCenter center(QDBusConnection::connectToBus(QString("unix:path=/nonexistent/bus"), name));
         QObject observer;
         int heard = 0;
         center.addObserver(&observer, quitName, [&](const QString &) { ++heard; });
-        center.postNotificationName(quitName, QStringLiteral("KorvaneVarden"));
+        center.postNotificationName(quitName, "KorvaneVarden");
         center.removeObserver(&observer);
         QCoreApplication::processEvents();
 
         EXPECT_FALSE(center.isConnected());
         ASSERT_EQ(log.lines().size(), 1);
-        EXPECT_TRUE(log.lines().first().startsWith(QStringLiteral("no session bus: distributed notifications are off (")))
+        EXPECT_TRUE(log.lines().first().startsWith("no session bus: distributed notifications are off ("))
             << log.lines().first().toStdString();
         EXPECT_EQ(heard, 0);
     }

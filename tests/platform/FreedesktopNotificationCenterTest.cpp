@@ -12,15 +12,10 @@
 #include <QTest>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace {
-
-const QString trayRoad = QStringLiteral("no notification service: notifications go to the tray icon (");
-
-#define REQUIRE_DBUS_DAEMON()                                                                        \
-    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())                    \
-        GTEST_SKIP() << "dbus-daemon is not installed; it stands in for the session bus";
 
 // The tray item as the fallback sees it: it remembers the messages it was
 // asked to show and can be clicked.
@@ -29,9 +24,9 @@ class RecordingStatusItem : public StatusItem
 public:
     QList<QStringList> messages;
 
-    QIcon image() const override { return _image; }
-    void setImage(const QIcon &image) override { _image = image; }
-    QIcon alternateImage() const override { return _image; }
+    QIcon image() const override { return {}; }
+    void setImage(const QIcon &) override {}
+    QIcon alternateImage() const override { return {}; }
     void setAlternateImage(const QIcon &) override {}
     QMenu *menu() const override { return nullptr; }
     void setMenu(QMenu *) override {}
@@ -39,25 +34,12 @@ public:
     void showMessage(const QString &title, const QString &message) override { messages.append({title, message}); }
 
     void click() { emit messageClicked(); }
-
-private:
-    QIcon _image;
 };
 
-bool waitForCount(const FakeNotificationService &service, qsizetype count)
+// Waits until there are count of something, and answers whether there are exactly count.
+bool waitForCount(const std::function<qsizetype()> &current, qsizetype count)
 {
-    return QTest::qWaitFor([&] { return service.notifications().size() >= count; }, 10000)
-        && service.notifications().size() == count;
-}
-
-bool waitForCount(const QSignalSpy &spy, qsizetype count)
-{
-    return QTest::qWaitFor([&] { return spy.count() >= count; }, 10000) && spy.count() == count;
-}
-
-bool waitForCount(const RecordingStatusItem &tray, qsizetype count)
-{
-    return QTest::qWaitFor([&] { return tray.messages.size() >= count; }, 10000) && tray.messages.size() == count;
+    return QTest::qWaitFor([&] { return current() >= count; }, 10000) && current() == count;
 }
 
 uint lastId(const FakeNotificationService &service)
@@ -74,10 +56,9 @@ class Settler : public QObject
 public:
     explicit Settler(QDBusConnection centersConnection)
     {
-        _listening = centersConnection.connect(QStringLiteral("org.freedesktop.Notifications"),
-                                               QStringLiteral("/org/freedesktop/Notifications"),
-                                               QStringLiteral("org.freedesktop.Notifications"),
-                                               QStringLiteral("NotificationClosed"), this, SLOT(closed(uint,uint)));
+        _listening = centersConnection.connect("org.freedesktop.Notifications", "/org/freedesktop/Notifications",
+                                               "org.freedesktop.Notifications", "NotificationClosed", this,
+                                               SLOT(closed(uint,uint)));
     }
 
     bool settle(FakeNotificationService &service)
@@ -99,163 +80,147 @@ private:
 
 int countStartingWith(const LogCapture &log, const QString &prefix)
 {
-    int count = 0;
-    for (const QString &line : log.lines())
-        count += line.startsWith(prefix) ? 1 : 0;
-    return count;
+    const QStringList lines = log.lines();
+    return int(std::count_if(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(prefix); }));
 }
+
+const QString trayRoad = "no notification service: notifications go to the tray icon (";
 
 } // namespace
 
-TEST(FreedesktopNotificationCenterTest, DeliversTitleAndTextWithADefaultActionToTheService)
+// A bus of the test's own, a centre on it with the tray as its fallback.
+class FreedesktopNotificationCenterTest : public ::testing::Test
 {
-    REQUIRE_DBUS_DAEMON();
+protected:
+    void SetUp() override
+    {
+        if (QStandardPaths::findExecutable("dbus-daemon").isEmpty())
+            GTEST_SKIP() << "dbus-daemon is not installed; it stands in for the session bus";
+        ASSERT_TRUE(bus.isRunning());
+        center.setFallbackStatusItem(&tray);
+    }
+
+    std::unique_ptr<FakeNotificationService> serve()
+    {
+        auto service = std::make_unique<FakeNotificationService>(bus.connect());
+        EXPECT_TRUE(service->isRegistered());
+        return service;
+    }
+    static auto shown(const FakeNotificationService &service)
+    {
+        return [s = &service] { return s->notifications().size(); };
+    }
+    auto inTray()
+    {
+        return [this] { return tray.messages.size(); };
+    }
+
     PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    FakeNotificationService service(bus.connect());
-    ASSERT_TRUE(service.isRegistered());
     LogCapture log;
     RecordingStatusItem tray;
-    FreedesktopNotificationCenter center(bus.connect());
-    center.setFallbackStatusItem(&tray);
-    EXPECT_TRUE(center.canDeliver());
-
-    center.deliverNotification(QStringLiteral("Infection found"), QStringLiteral("EICAR in ~/Downloads/eicar.com"));
-    ASSERT_TRUE(waitForCount(service, 1));
-    const FakeNotificationService::Notification shown = service.notifications().first();
-    EXPECT_EQ(shown.appName, QStringLiteral("KorvaneVarden"));
-    EXPECT_EQ(shown.appIcon, QStringLiteral("org.korvane.KorvaneVarden"));
-    EXPECT_EQ(shown.summary, QStringLiteral("Infection found"));
-    EXPECT_EQ(shown.body, QStringLiteral("EICAR in ~/Downloads/eicar.com"));
-    EXPECT_EQ(shown.replacesId, 0u);
-    EXPECT_EQ(shown.expireTimeout, -1);
-    // Actions come as key and label pairs.
-    ASSERT_EQ(shown.actions.size(), 2);
-    EXPECT_EQ(shown.actions.first(), QStringLiteral("default"));
-    EXPECT_EQ(shown.hints.value(QStringLiteral("sound-name")).toString(), QStringLiteral("message-new-instant"));
-    EXPECT_EQ(shown.hints.value(QStringLiteral("desktop-entry")).toString(), QStringLiteral("org.korvane.KorvaneVarden"));
-    EXPECT_FALSE(center.isServiceMissing());
-    EXPECT_TRUE(tray.messages.isEmpty());
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
-}
-
-TEST(FreedesktopNotificationCenterTest, ActivatesOnceForAClickOnItsOwnNotificationOnly)
-{
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    FakeNotificationService service(bus.connect());
-    ASSERT_TRUE(service.isRegistered());
-    QDBusConnection impostor = bus.connect();
     QDBusConnection connection = bus.connect();
-    FreedesktopNotificationCenter center(connection);
-    Settler settler(connection);
-    QSignalSpy activated(&center, &UserNotificationCenter::activated);
+    FreedesktopNotificationCenter center {connection};
+    Settler settler {connection};
+    QSignalSpy activated {&center, &UserNotificationCenter::activated};
+};
+
+TEST_F(FreedesktopNotificationCenterTest, ActivatesOnceForAClickOnItsOwnNotificationOnly)
+{
+    auto service = serve();
+    QDBusConnection impostor = bus.connect();
     FreedesktopNotificationCenter otherProgram(bus.connect());
     QSignalSpy otherActivated(&otherProgram, &UserNotificationCenter::activated);
 
-    center.deliverNotification(QStringLiteral("ours"), QString());
-    ASSERT_TRUE(waitForCount(service, 1));
-    const uint ours = lastId(service);
-    otherProgram.deliverNotification(QStringLiteral("theirs"), QString());
-    ASSERT_TRUE(waitForCount(service, 2));
-    const uint theirs = lastId(service);
+    center.deliverNotification("ours", QString());
+    ASSERT_TRUE(waitForCount(shown(*service), 1));
+    const uint ours = lastId(*service);
+    otherProgram.deliverNotification("theirs", QString());
+    ASSERT_TRUE(waitForCount(shown(*service), 2));
 
-    service.invokeAction(theirs);
-    service.invokeAction(ours, QStringLiteral("snooze"));
+    service->invokeAction(lastId(*service));
+    service->invokeAction(ours, "snooze");
     // Only the owner of the service name speaks for it.
-    QDBusMessage forged = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/Notifications"),
-                                                     QStringLiteral("org.freedesktop.Notifications"),
-                                                     QStringLiteral("ActionInvoked"));
-    forged << ours << QStringLiteral("default");
+    QDBusMessage forged = QDBusMessage::createSignal("/org/freedesktop/Notifications", "org.freedesktop.Notifications",
+                                                     "ActionInvoked");
+    forged << ours << QString("default");
     ASSERT_TRUE(impostor.send(forged));
     // A round trip puts the forged signal on the bus before the service's next one.
-    ASSERT_TRUE(impostor.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.DBus")).isValid());
-    ASSERT_TRUE(settler.settle(service));
+    ASSERT_TRUE(impostor.interface()->isServiceRegistered("org.freedesktop.DBus").isValid());
+    ASSERT_TRUE(settler.settle(*service));
     EXPECT_EQ(activated.count(), 0);
-    EXPECT_TRUE(waitForCount(otherActivated, 1));
+    EXPECT_TRUE(waitForCount([&] { return otherActivated.count(); }, 1));
 
     // Servers follow a click with a close, some repeat the click.
-    service.invokeAction(ours);
-    service.invokeAction(ours);
-    service.close(ours, 2);
-    ASSERT_TRUE(settler.settle(service));
+    service->invokeAction(ours);
+    service->invokeAction(ours);
+    service->close(ours, 2);
+    ASSERT_TRUE(settler.settle(*service));
     EXPECT_EQ(activated.count(), 1);
 
     // A click arriving after the close belongs to no notification of ours.
-    center.deliverNotification(QStringLiteral("dismissed"), QString());
-    ASSERT_TRUE(waitForCount(service, 3));
-    service.close(lastId(service), 2);
-    service.invokeAction(lastId(service));
-    ASSERT_TRUE(settler.settle(service));
+    center.deliverNotification("dismissed", QString());
+    ASSERT_TRUE(waitForCount(shown(*service), 3));
+    service->close(lastId(*service), 2);
+    service->invokeAction(lastId(*service));
+    ASSERT_TRUE(settler.settle(*service));
     EXPECT_EQ(activated.count(), 1);
     EXPECT_EQ(otherActivated.count(), 1);
 }
 
-TEST(FreedesktopNotificationCenterTest, IdsOfARestartedServiceAreNotTakenForOurs)
+TEST_F(FreedesktopNotificationCenterTest, IdsOfARestartedServiceAreNotTakenForOurs)
 {
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    auto first = std::make_unique<FakeNotificationService>(bus.connect());
-    ASSERT_TRUE(first->isRegistered());
-    QDBusConnection connection = bus.connect();
-    FreedesktopNotificationCenter center(connection);
-    Settler settler(connection);
-    QSignalSpy activated(&center, &UserNotificationCenter::activated);
-    center.deliverNotification(QStringLiteral("before the restart"), QString());
-    ASSERT_TRUE(waitForCount(*first, 1));
+    auto first = serve();
+    center.deliverNotification("before the restart", QString());
+    ASSERT_TRUE(waitForCount(shown(*first), 1));
     const uint oldId = lastId(*first);
     first.reset();
 
-    FakeNotificationService second(bus.connect());
-    ASSERT_TRUE(second.isRegistered());
+    auto second = serve();
     // The new server counts from the start again and gives our old id to someone else.
-    second.invokeAction(oldId);
-    ASSERT_TRUE(settler.settle(second));
+    second->invokeAction(oldId);
+    ASSERT_TRUE(settler.settle(*second));
     EXPECT_EQ(activated.count(), 0);
 
-    center.deliverNotification(QStringLiteral("after the restart"), QString());
-    ASSERT_TRUE(waitForCount(second, 1));
-    EXPECT_EQ(lastId(second), oldId);
-    second.invokeAction(lastId(second));
-    ASSERT_TRUE(settler.settle(second));
+    center.deliverNotification("after the restart", QString());
+    ASSERT_TRUE(waitForCount(shown(*second), 1));
+    EXPECT_EQ(lastId(*second), oldId);
+    second->invokeAction(oldId);
+    ASSERT_TRUE(settler.settle(*second));
     EXPECT_EQ(activated.count(), 1);
     EXPECT_FALSE(center.isServiceMissing());
 }
 
-TEST(FreedesktopNotificationCenterTest, WithoutAServiceUsesTheTrayUntilOneAppears)
+TEST_F(FreedesktopNotificationCenterTest, WithoutAServiceUsesTheTrayUntilOneAppearsAndThenDeliversToIt)
 {
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    LogCapture log;
-    RecordingStatusItem tray;
-    FreedesktopNotificationCenter center(bus.connect());
-    center.setFallbackStatusItem(&tray);
-    QSignalSpy activated(&center, &UserNotificationCenter::activated);
-
-    center.deliverNotification(QStringLiteral("Infection found"), QStringLiteral("first"));
-    ASSERT_TRUE(waitForCount(tray, 1));
-    EXPECT_EQ(tray.messages.first(), (QStringList{QStringLiteral("Infection found"), QStringLiteral("first")}));
+    center.deliverNotification("Infection found", "first");
+    ASSERT_TRUE(waitForCount(inTray(), 1));
+    EXPECT_EQ(tray.messages.first(), (QStringList {"Infection found", "first"}));
     EXPECT_TRUE(center.isServiceMissing());
     EXPECT_TRUE(center.canDeliver());
-    center.deliverNotification(QStringLiteral("Infection found"), QStringLiteral("second"));
+    center.deliverNotification("Infection found", "second");
     // Once the service is known missing the tray gets it without a call.
     EXPECT_EQ(tray.messages.size(), 2);
     EXPECT_EQ(countStartingWith(log, trayRoad), 1);
-    EXPECT_EQ(log.lines().size(), 1) << log.lines().join('\n').toStdString();
-
     tray.click();
     EXPECT_EQ(activated.count(), 1);
 
-    FakeNotificationService service(bus.connect());
-    ASSERT_TRUE(service.isRegistered());
+    auto service = serve();
     EXPECT_TRUE(QTest::qWaitFor([&] { return !center.isServiceMissing(); }, 10000));
-    center.deliverNotification(QStringLiteral("Infection found"), QStringLiteral("third"));
-    ASSERT_TRUE(waitForCount(service, 1));
-    EXPECT_EQ(service.notifications().first().body, QStringLiteral("third"));
+    center.deliverNotification("Infection found", "EICAR in ~/Downloads/eicar.com");
+    ASSERT_TRUE(waitForCount(shown(*service), 1));
+    const FakeNotificationService::Notification sent = service->notifications().first();
+    EXPECT_EQ(sent.appName, "KorvaneVarden");
+    EXPECT_EQ(sent.appIcon, "org.korvane.KorvaneVarden");
+    EXPECT_EQ(sent.summary, "Infection found");
+    EXPECT_EQ(sent.body, "EICAR in ~/Downloads/eicar.com");
+    EXPECT_EQ(sent.replacesId, 0u);
+    EXPECT_EQ(sent.expireTimeout, -1);
+    // Actions come as key and label pairs.
+    EXPECT_EQ(sent.actions, (QStringList {"default", ""}));
+    EXPECT_EQ(sent.hints.value("sound-name").toString(), "message-new-instant");
+    EXPECT_EQ(sent.hints.value("desktop-entry").toString(), "org.korvane.KorvaneVarden");
     EXPECT_EQ(tray.messages.size(), 2);
+    EXPECT_EQ(log.lines().size(), 1) << log.lines().join('\n').toStdString();
 
     // The tray goes back to being only the tray.
     center.setFallbackStatusItem(nullptr);
@@ -263,62 +228,53 @@ TEST(FreedesktopNotificationCenterTest, WithoutAServiceUsesTheTrayUntilOneAppear
     EXPECT_EQ(activated.count(), 1);
 }
 
-TEST(FreedesktopNotificationCenterTest, AFailedOrUnansweredNotificationAloneGoesToTheTray)
+TEST_F(FreedesktopNotificationCenterTest, AFailedOrUnansweredNotificationAloneGoesToTheTray)
 {
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    FakeNotificationService service(bus.connect());
-    ASSERT_TRUE(service.isRegistered());
-    LogCapture log;
-    RecordingStatusItem tray;
-    FreedesktopNotificationCenter center(bus.connect());
-    center.setFallbackStatusItem(&tray);
-
-    service.setAnswer(FakeNotificationService::Answer::WithError);
-    center.deliverNotification(QStringLiteral("refused"), QString());
-    ASSERT_TRUE(waitForCount(tray, 1));
-    EXPECT_EQ(tray.messages.last().first(), QStringLiteral("refused"));
-    EXPECT_FALSE(center.isServiceMissing());
-
-    service.setAnswer(FakeNotificationService::Answer::Never);
-    center.deliverNotification(QStringLiteral("unanswered"), QString());
-    ASSERT_TRUE(waitForCount(tray, 2));
-    EXPECT_EQ(tray.messages.last().first(), QStringLiteral("unanswered"));
-
-    service.setAnswer(FakeNotificationService::Answer::WithId);
-    center.deliverNotification(QStringLiteral("shown"), QString());
-    ASSERT_TRUE(waitForCount(service, 1));
-    EXPECT_EQ(service.notifications().first().summary, QStringLiteral("shown"));
+    auto service = serve();
+    const struct
+    {
+        FakeNotificationService::Answer answer;
+        QString title;
+    } cases[] {{FakeNotificationService::Answer::WithError, "refused"},
+               {FakeNotificationService::Answer::Never, "unanswered"}};
+    for (const auto &c : cases) {
+        service->setAnswer(c.answer);
+        center.deliverNotification(c.title, QString());
+        ASSERT_TRUE(waitForCount(inTray(), &c - cases + 1));
+        EXPECT_EQ(tray.messages.last().first(), c.title);
+        EXPECT_FALSE(center.isServiceMissing());
+    }
+    service->setAnswer(FakeNotificationService::Answer::WithId);
+    center.deliverNotification("shown", QString());
+    ASSERT_TRUE(waitForCount(shown(*service), 1));
+    EXPECT_EQ(service->notifications().first().summary, "shown");
     EXPECT_EQ(tray.messages.size(), 2);
-    EXPECT_EQ(countStartingWith(log, QStringLiteral("the notification service did not show a notification: it goes to the tray icon (")), 2)
+    EXPECT_EQ(countStartingWith(log, "the notification service did not show a notification: it goes to the tray icon ("), 2)
         << log.lines().join('\n').toStdString();
 }
 
-TEST(FreedesktopNotificationCenterTest, WithoutASessionBusOnlyTheTrayCanDeliver)
+TEST_F(FreedesktopNotificationCenterTest, WithoutASessionBusOnlyTheTrayCanDeliver)
 {
-    const QString name = QStringLiteral("no-session-bus");
-    LogCapture log;
+    const QString name = "no-session-bus";
     {
-        FreedesktopNotificationCenter center(
-            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), name));
-        QSignalSpy activated(&center, &UserNotificationCenter::activated);
-        EXPECT_TRUE(center.isServiceMissing());
-        EXPECT_FALSE(center.canDeliver());
-        center.deliverNotification(QStringLiteral("lost"), QString());
-        center.deliverNotification(QStringLiteral("lost too"), QString());
-        EXPECT_EQ(countStartingWith(log, QStringLiteral("no notification service and no tray icon: notifications are not shown (no session bus")), 1)
+        FreedesktopNotificationCenter lost(QDBusConnection::connectToBus(QString("unix:path=/nonexistent/bus"), name));
+        QSignalSpy lostActivated(&lost, &UserNotificationCenter::activated);
+        EXPECT_TRUE(lost.isServiceMissing());
+        EXPECT_FALSE(lost.canDeliver());
+        lost.deliverNotification("lost", QString());
+        lost.deliverNotification("lost too", QString());
+        EXPECT_EQ(countStartingWith(log, "no notification service and no tray icon: notifications are not shown (no session bus"), 1)
             << log.lines().join('\n').toStdString();
 
-        RecordingStatusItem tray;
-        center.setFallbackStatusItem(&tray);
-        EXPECT_TRUE(center.canDeliver());
-        center.deliverNotification(QStringLiteral("Infection found"), QStringLiteral("in the tray"));
-        ASSERT_EQ(tray.messages.size(), 1);
-        EXPECT_EQ(tray.messages.first(), (QStringList{QStringLiteral("Infection found"), QStringLiteral("in the tray")}));
-        tray.click();
-        EXPECT_EQ(activated.count(), 1);
-        EXPECT_EQ(countStartingWith(log, trayRoad + QStringLiteral("no session bus")), 1);
+        RecordingStatusItem ownTray;
+        lost.setFallbackStatusItem(&ownTray);
+        EXPECT_TRUE(lost.canDeliver());
+        lost.deliverNotification("Infection found", "in the tray");
+        ASSERT_EQ(ownTray.messages.size(), 1);
+        EXPECT_EQ(ownTray.messages.first(), (QStringList {"Infection found", "in the tray"}));
+        ownTray.click();
+        EXPECT_EQ(lostActivated.count(), 1);
+        EXPECT_EQ(countStartingWith(log, trayRoad + "no session bus"), 1);
         EXPECT_EQ(log.lines().size(), 2) << log.lines().join('\n').toStdString();
     }
     QDBusConnection::disconnectFromBus(name);
