@@ -5,6 +5,8 @@
 #include <QPair>
 #include <QStringList>
 
+#include <functional>
+
 // Records what the coordinator relays, in order, as "operation" or
 // "operation:argument" entries.
 class RecordingUtilsDelegate : public QXUtilsDelegate
@@ -13,7 +15,6 @@ public:
     QStringList calls;
     QList<QPair<QString, QString>> infections;
     bool implementsOptional = true;
-    bool updatingSeenAtUpdateEnd = false;
     std::function<void()> onUpdateFinished;
 
     int count(const QString &call) const { return int(calls.count(call)); }
@@ -29,10 +30,7 @@ public:
         calls << "infectionFound";
         infections.append({name, file});
     }
-    void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override
-    {
-        calls << QStringLiteral("progress:%1").arg(count);
-    }
+    void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override { calls << QStringLiteral("progress:%1").arg(count); }
     void engineNotFound() override { calls << "engineNotFound"; }
     void engineFoundWithVersionString(const QString &version) override { calls << "engineFound:" + version; }
     void updateStarted() override { calls << "updateStarted"; }

@@ -3,6 +3,7 @@
 #include "app/KorvaneVarden_AppDelegate.h"
 #include "platform/ApplicationHost.h"
 #include "platform/SleepWakeNotifier.h"
+#include "platform/StatusItem.h"
 #include "tests/support/AnsweringAlertPresenter.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
@@ -18,6 +19,9 @@
 class AgentFixture : public ::testing::Test
 {
 protected:
+    static inline const QString agentDomain = QStringLiteral("org.korvane.KorvaneVarden");
+    static inline const QString companionDomain = QStringLiteral("org.korvane.Korvane");
+
     void SetUp() override
     {
         SleepWakeNotifier::setSharedNotifier(&sleep);
@@ -25,9 +29,13 @@ protected:
             ++terminations;
             agent->applicationWillTerminate();
         });
+        agent = std::make_unique<KorvaneVarden_AppDelegate>(engines());
+    }
+
+    virtual QList<QXUtils::EngineCandidate> engines()
+    {
         engine.writeScript("bin/clamscan", "echo 'ClamAV 1.4.6/27400/Sun Nov 22 09:00:00 2026'\n");
-        agent = std::make_unique<KorvaneVarden_AppDelegate>(
-            QList<QXUtils::EngineCandidate>{{engine.path(), engine.filePath("freshclam.log")}});
+        return {{engine.path(), engine.filePath("freshclam.log")}};
     }
 
     void TearDown() override
@@ -36,6 +44,13 @@ protected:
         ApplicationHost::setTerminateHandler({});
         SleepWakeNotifier::setSharedNotifier(nullptr);
     }
+
+    void watch(const QVariantList &folders) const
+    {
+        home.writeDomain(companionDomain, {{QStringLiteral("VardenFolderArray"), folders}});
+    }
+    static QVariantMap folder(const QString &path) { return {{QStringLiteral("pathName"), path}}; }
+    qint64 shownImage() const { return agent->throbberStatusItem()->image().cacheKey(); }
 
     FreshPreferences home;
     LogCapture log;

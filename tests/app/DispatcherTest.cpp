@@ -2,14 +2,12 @@
 #include "app/DispatcherDelegate.h"
 
 #include <QFile>
-#include <QSignalSpy>
 #include <QTemporaryDir>
-#include <QTest>
 #include <gtest/gtest.h>
 
 namespace {
 
-// Takes the batch the way the controller does, and remembers every question.
+// Takes the batch the way the controller does, and counts every question.
 class RecordingDelegate : public DispatcherDelegate
 {
 public:
@@ -18,11 +16,7 @@ public:
     QList<QStringList> batches;
     Dispatcher *dispatcher = nullptr;
 
-    bool readyToScan() override
-    {
-        ++questions;
-        return ready;
-    }
+    bool readyToScan() override { ++questions; return ready; }
     void startScan() override { batches.append(dispatcher->grabItemsToScan()); }
     QXUtils *utils() override { return nullptr; }
 };
@@ -44,157 +38,96 @@ protected:
         file.write(bytes);
         return file.fileName();
     }
+    void tick() { dispatcher.updateSizesInWaitingList(); }
 
     QTemporaryDir dir;
     RecordingDelegate delegate;
     Dispatcher dispatcher{&delegate};
 };
 
-TEST_F(DispatcherTest, TickWithEmptyListsAsksTheDelegateNothing)
+TEST_F(DispatcherTest, PathIsHandedOutInTheFirstTickThatFindsItsSizeUnchanged)
 {
-    dispatcher.updateSizesInWaitingList();
-    EXPECT_EQ(delegate.questions, 0);
-    EXPECT_TRUE(delegate.batches.isEmpty());
-}
-
-TEST_F(DispatcherTest, UnchangedPathIsHandedOutInTheTickThatFindsItStable)
-{
-    const QString path = write("a", "hello");
+    const QString path = write("growing", "x");
     dispatcher.addToWaitingList(path);
-    EXPECT_EQ(dispatcher.waitingList().value(path), 5u);
-
-    dispatcher.updateSizesInWaitingList();
-
-    ASSERT_EQ(delegate.batches.size(), 1);
-    EXPECT_EQ(delegate.batches.first(), QStringList{path});
+    for (int i = 0; i < 5; ++i) {
+        write("growing", "more", QIODevice::Append);
+        tick();
+    }
+    EXPECT_TRUE(delegate.batches.isEmpty());
+    EXPECT_EQ(dispatcher.waitingList().value(path), 21u);
+    tick();
+    EXPECT_EQ(delegate.batches, QList<QStringList>{{path}});
     EXPECT_TRUE(dispatcher.waitingList().isEmpty());
     EXPECT_TRUE(dispatcher.readyList().isEmpty());
 }
 
-TEST_F(DispatcherTest, FileThatGrowsAtEveryTickNeverBecomesReady)
-{
-    const QString path = write("growing", "x");
-    dispatcher.addToWaitingList(path);
-    for (int tick = 0; tick < 5; ++tick) {
-        write("growing", "more", QIODevice::Append);
-        dispatcher.updateSizesInWaitingList();
-    }
-    EXPECT_TRUE(delegate.batches.isEmpty());
-    EXPECT_EQ(dispatcher.waitingList().value(path), 21u);
-
-    dispatcher.updateSizesInWaitingList();
-    ASSERT_EQ(delegate.batches.size(), 1);
-}
-
-TEST_F(DispatcherTest, ReadyPathsAccumulateWhileTheDelegateIsBusyAndLeaveAsOneBatch)
+TEST_F(DispatcherTest, ReadyPathsAccumulateWhileTheDelegateIsBusyEvenTwiceAndLeaveAsOneBatch)
 {
     delegate.ready = false;
     const QString first = write("first", "1");
     dispatcher.addToWaitingList(first);
-    dispatcher.updateSizesInWaitingList();
+    tick();
     const QString second = write("second", "22");
     dispatcher.addToWaitingList(second);
-    dispatcher.updateSizesInWaitingList();
-    dispatcher.updateSizesInWaitingList();
-
+    tick();
+    tick();
     EXPECT_EQ(delegate.questions, 3); // asked at every tick, not just the one that made paths ready
+
+    write("first", "changed");
+    dispatcher.addToWaitingList(first);
+    EXPECT_EQ(dispatcher.readyList(), (QStringList{first, second}));
+    EXPECT_TRUE(dispatcher.waitingList().contains(first));
+    tick();
     EXPECT_TRUE(delegate.batches.isEmpty());
 
     delegate.ready = true;
-    dispatcher.updateSizesInWaitingList();
-    ASSERT_EQ(delegate.batches.size(), 1);
-    EXPECT_EQ(delegate.batches.first(), (QStringList{first, second}));
+    tick();
+    EXPECT_EQ(delegate.batches, QList<QStringList>{(QStringList{first, second, first})});
 }
 
-TEST_F(DispatcherTest, PathChangedAgainBeforeHandOutIsTwiceInTheBatch)
-{
-    delegate.ready = false;
-    const QString path = write("twice", "abc");
-    dispatcher.addToWaitingList(path);
-    dispatcher.updateSizesInWaitingList();
-    write("twice", "abcdef");
-    dispatcher.addToWaitingList(path);
-    EXPECT_EQ(dispatcher.readyList(), QStringList{path});
-    EXPECT_TRUE(dispatcher.waitingList().contains(path));
-
-    dispatcher.updateSizesInWaitingList();
-    delegate.ready = true;
-    dispatcher.updateSizesInWaitingList();
-    ASSERT_EQ(delegate.batches.size(), 1);
-    EXPECT_EQ(delegate.batches.first(), (QStringList{path, path}));
-}
-
-TEST_F(DispatcherTest, RemovalForgetsThePathInBothListsAndIgnoresUnknownPaths)
+TEST_F(DispatcherTest, RemovalForgetsThePathInBothListsAndClearingForgetsEverythingSoTheNextTickAsksNothing)
 {
     delegate.ready = false;
     const QString path = write("gone", "data");
     const QString other = write("other", "data");
     dispatcher.addToWaitingList(path);
-    dispatcher.updateSizesInWaitingList();
+    tick();
     dispatcher.addToWaitingList(path);
     dispatcher.addToWaitingList(other);
 
     dispatcher.removeFromWaitingList(dir.filePath("never-added"));
     EXPECT_EQ(dispatcher.waitingList().size(), 2);
-
     dispatcher.removeFromWaitingList(path);
     EXPECT_TRUE(dispatcher.readyList().isEmpty());
     EXPECT_EQ(dispatcher.waitingList().keys(), QStringList{other});
-}
 
-TEST_F(DispatcherTest, FileDeletedWhileWaitingIsHandedOutWithSizeZero)
-{
-    const QString path = write("vanishing", "12345");
+    tick(); // other is ready now
     dispatcher.addToWaitingList(path);
-    QFile::remove(path);
-    dispatcher.updateSizesInWaitingList();
-    EXPECT_TRUE(delegate.batches.isEmpty());
-    EXPECT_EQ(dispatcher.waitingList().value(path), 0u);
-    dispatcher.updateSizesInWaitingList();
-    ASSERT_EQ(delegate.batches.size(), 1);
-    EXPECT_EQ(delegate.batches.first(), QStringList{path});
+    dispatcher.removeAllItems();
+    EXPECT_TRUE(dispatcher.waitingList().isEmpty());
+    EXPECT_TRUE(dispatcher.grabItemsToScan().isEmpty());
+    const int questions = delegate.questions;
+    tick();
+    EXPECT_EQ(delegate.questions, questions);
 }
 
-TEST_F(DispatcherTest, SymbolicLinkIsMeasuredItselfNotItsTarget)
+TEST_F(DispatcherTest, LinkIsMeasuredItselfAndAFileDeletedWhileWaitingIsHandedOutWithSizeZero)
 {
     const QString target = write("target", QByteArray(1000, 'x'));
     const QString link = dir.filePath("link");
     ASSERT_TRUE(QFile::link(target, link));
     dispatcher.addToWaitingList(link);
     EXPECT_EQ(dispatcher.waitingList().value(link), quint64(target.toUtf8().size()));
-}
 
-TEST_F(DispatcherTest, GrabbingAnEmptyReadyListGivesAnEmptyBatch)
-{
-    EXPECT_TRUE(dispatcher.grabItemsToScan().isEmpty());
-}
-
-TEST_F(DispatcherTest, ClearingDropsWaitingAndReadyPaths)
-{
-    delegate.ready = false;
-    dispatcher.addToWaitingList(write("a", "1"));
-    dispatcher.updateSizesInWaitingList();
-    dispatcher.addToWaitingList(write("b", "1"));
     dispatcher.removeAllItems();
-    EXPECT_TRUE(dispatcher.waitingList().isEmpty());
-    EXPECT_TRUE(dispatcher.readyList().isEmpty());
-}
-
-TEST(DispatcherTimerTest, TicksOnItsOwnOnceASecond)
-{
-    QTemporaryDir dir;
-    RecordingDelegate delegate;
-    Dispatcher dispatcher(&delegate);
-    delegate.dispatcher = &dispatcher;
-    EXPECT_TRUE(dispatcher.dispatchTimer()->isActive());
-    EXPECT_EQ(dispatcher.dispatchTimer()->interval(), 1000);
-
-    QFile file(dir.filePath("f"));
-    file.open(QIODevice::WriteOnly);
-    file.write("x");
-    file.close();
-    dispatcher.addToWaitingList(file.fileName());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.batches.size() == 1; }, 5000));
+    const QString path = write("vanishing", "12345");
+    dispatcher.addToWaitingList(path);
+    QFile::remove(path);
+    tick();
+    EXPECT_TRUE(delegate.batches.isEmpty());
+    EXPECT_EQ(dispatcher.waitingList().value(path), 0u);
+    tick();
+    EXPECT_EQ(delegate.batches, QList<QStringList>{{path}});
 }
 
 } // namespace

@@ -1,12 +1,8 @@
+#include "AgentFixture.h"
+
 #include "app/Dispatcher.h"
-#include "app/KorvaneVarden_AppDelegate.h"
 #include "events/SCEvents.h"
-#include "platform/ApplicationHost.h"
-#include "platform/SleepWakeNotifier.h"
-#include "tests/support/AnsweringAlertPresenter.h"
 #include "tests/support/EngineFixture.h"
-#include "tests/support/FreshPreferences.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/FakeNotificationService.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -14,14 +10,13 @@
 #include <QDir>
 #include <QFile>
 #include <QTest>
-#include <gtest/gtest.h>
 
 namespace {
 
 // The whole agent against the real daemon, real folder events and a
 // notification server on the test's own session bus: a watched folder in a
 // temporary home, files written into it, rows in the list.
-class EndToEndTest : public ::testing::Test
+class EndToEndTest : public AgentFixture
 {
 protected:
     void SetUp() override
@@ -31,30 +26,32 @@ protected:
         notifications = std::make_unique<FakeNotificationService>(
             QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("notification-service")));
         ASSERT_TRUE(notifications->isRegistered());
-        engine = &EngineFixture::shared();
-        ASSERT_TRUE(engine->isReady()) << engine->errorString().toStdString();
-        watched = home.filePath("Watched");
-        QDir().mkpath(watched);
-        home.writeDomain(QStringLiteral("org.korvane.Korvane"),
-                         {{QStringLiteral("VardenFolderArray"),
-                           QVariantList{QVariantMap{{QStringLiteral("pathName"), QStringLiteral("~/Watched")}}}}});
-        SleepWakeNotifier::setSharedNotifier(&sleep);
-        ApplicationHost::setTerminateHandler([this] { agent->applicationWillTerminate(); });
-        agent = std::make_unique<KorvaneVarden_AppDelegate>(QList<QXUtils::EngineCandidate>{
-            {engine->enginePath(), engine->enginePath() + QStringLiteral("/share/clamav/freshclam.log")}});
+        ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
+        QDir().mkpath(home.filePath("Watched"));
+        watch({folder(QStringLiteral("~/Watched"))});
+        AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
         // Launch finds the running daemon and starts watching.
         ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
         agent->events()->flushEventStreamSync();
     }
 
+    QList<QXUtils::EngineCandidate> engines() override
+    {
+        const QString prefix = EngineFixture::shared().enginePath();
+        return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+    }
+
     void TearDown() override
     {
-        agent.reset();
+        AgentFixture::TearDown();
         notifications.reset();
         QDBusConnection::disconnectFromBus(QStringLiteral("notification-service"));
-        ApplicationHost::setTerminateHandler({});
-        SleepWakeNotifier::setSharedNotifier(nullptr);
+    }
+
+    QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
+    {
+        return home.writeFile("Watched/" + name.toUtf8(), contents);
     }
 
     QStringList listedPaths() const
@@ -65,70 +62,54 @@ protected:
         return paths;
     }
 
-    bool waitUntilListed(const QString &path, int ms = 30000)
+    bool waitUntilListed(const QString &path)
     {
-        return QTest::qWaitFor([&] { return listedPaths().contains(path); }, ms);
+        return QTest::qWaitFor([&] { return listedPaths().contains(path); }, 30000);
     }
 
-    // Waits until the agent has nothing waiting, ready or being scanned.
-    bool waitUntilIdle(int ms = 30000)
+    // Nothing waiting, ready or being scanned.
+    bool waitUntilIdle()
     {
         return QTest::qWaitFor(
             [&] {
                 return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
                     && !agent->utils()->scanning();
             },
-            ms);
+            30000);
     }
 
-    FreshPreferences home;
-    LogCapture log;
-    AnsweringAlertPresenter alerts;
     std::unique_ptr<FakeNotificationService> notifications;
-    SleepWakeNotifier sleep;
-    EngineFixture *engine = nullptr;
-    QString watched;
-    std::unique_ptr<KorvaneVarden_AppDelegate> agent;
 };
 
-TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndCleanOnesNot)
+TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndAnnouncedAndCleanOnesOnlyLogged)
 {
-    const QString eicar = home.writeFile("Watched/eicar.com", EngineFixture::eicarContents());
-    const QString clean = home.writeFile("Watched/notes.txt", "nothing to see here");
-    const QString nested = watched + QStringLiteral("/later/deeper/marker.txt");
-    QDir().mkpath(watched + QStringLiteral("/later/deeper"));
-    home.writeFile("Watched/later/deeper/marker.txt", EngineFixture::markerContents());
-    const QString sample = watched + QStringLiteral("/clam.exe");
+    const QString eicar = write("eicar.com");
+    const QString clean = write("notes.txt", "nothing to see here");
+    const QString nested = write("later/deeper/marker.txt", EngineFixture::markerContents());
+    const QString sample = home.filePath("Watched/clam.exe");
     ASSERT_TRUE(QFile::copy(QStringLiteral("/usr/share/clamav-testfiles/clam.exe"), sample));
 
-    ASSERT_TRUE(waitUntilListed(eicar));
-    ASSERT_TRUE(waitUntilListed(nested));
-    ASSERT_TRUE(waitUntilListed(sample));
+    for (const QString &path : {eicar, nested, sample})
+        ASSERT_TRUE(waitUntilListed(path)) << path.toStdString();
     ASSERT_TRUE(waitUntilIdle());
-    EXPECT_EQ(listedPaths().count(eicar), 1);
-    EXPECT_FALSE(listedPaths().contains(clean));
     EXPECT_EQ(listedPaths().size(), 3);
+    EXPECT_EQ(listedPaths().count(eicar), 1);
     EXPECT_TRUE(agent->readyToScan());
 
-    // Each infection is announced on the desktop; a click shows the list.
-    const QStringList expected{QStringLiteral("eicar.com infected with ") + EngineFixture::eicarSignatureName(),
-                               QStringLiteral("marker.txt infected with ") + EngineFixture::markerSignatureName(),
-                               QStringLiteral("clam.exe infected with Korvane.Test.File-clam.exe")};
-    auto shownBodies = [&] {
-        QStringList bodies;
-        for (const FakeNotificationService::Notification &shown : notifications->notifications()) {
-            EXPECT_EQ(shown.summary, QStringLiteral("Infection Found!"));
-            bodies << shown.body;
-        }
-        return bodies;
-    };
+    const QStringList expected{"Infection Found!|eicar.com infected with " + EngineFixture::eicarSignatureName(),
+                               "Infection Found!|marker.txt infected with " + EngineFixture::markerSignatureName(),
+                               QStringLiteral("Infection Found!|clam.exe infected with Korvane.Test.File-clam.exe")};
+    QStringList shown;
     EXPECT_TRUE(QTest::qWaitFor(
         [&] {
-            const QStringList bodies = shownBodies();
-            return std::all_of(expected.begin(), expected.end(), [&](const QString &b) { return bodies.contains(b); });
+            shown.clear();
+            for (const FakeNotificationService::Notification &notification : notifications->notifications())
+                shown << notification.summary + '|' + notification.body;
+            return std::all_of(expected.begin(), expected.end(), [&](const QString &e) { return shown.contains(e); });
         },
         10000))
-        << shownBodies().join(QStringLiteral(" | ")).toStdString();
+        << shown.join(QStringLiteral(" ; ")).toStdString();
+    EXPECT_EQ(shown.filter(QStringLiteral("Infection Found!|")), shown);
     EXPECT_FALSE(agent->infectionListWindow()->isVisible());
     notifications->invokeAction(notifications->notifications().first().id);
     EXPECT_TRUE(QTest::qWaitFor([&] { return agent->infectionListWindow()->isVisible(); }, 5000));
@@ -143,7 +124,7 @@ TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndCleanOnesNot)
 
 TEST_F(EndToEndTest, FileWrittenSlowlyIsScannedOnceItIsComplete)
 {
-    const QString slow = watched + QStringLiteral("/slow.bin");
+    const QString slow = home.filePath("Watched/slow.bin");
     QFile file(slow);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     // Harmless padding first; the infected bytes arrive seconds later.
@@ -162,10 +143,9 @@ TEST_F(EndToEndTest, FileWrittenSlowlyIsScannedOnceItIsComplete)
 
 TEST_F(EndToEndTest, FileDeletedBeforeItSettledLeavesNoTrace)
 {
-    const QString brief = home.writeFile("Watched/brief.com", EngineFixture::eicarContents());
+    const QString brief = write("brief.com");
     QFile::remove(brief);
-    const QString kept = home.writeFile("Watched/kept.com", EngineFixture::eicarContents());
-
+    const QString kept = write("kept.com");
     ASSERT_TRUE(waitUntilListed(kept));
     ASSERT_TRUE(waitUntilIdle());
     EXPECT_FALSE(listedPaths().contains(brief));
@@ -173,16 +153,14 @@ TEST_F(EndToEndTest, FileDeletedBeforeItSettledLeavesNoTrace)
 
 TEST_F(EndToEndTest, RestartingTheWatchLosesNoFileThatIsAlreadyWaiting)
 {
-    // The dispatcher holds still so that the file is surely waiting when the
-    // watch restarts.
+    // The dispatcher holds still so that the file is surely waiting when the watch restarts.
     agent->dispatcher()->dispatchTimer()->stop();
-    const QString early = home.writeFile("Watched/early.com", EngineFixture::eicarContents());
+    const QString early = write("early.com");
     ASSERT_TRUE(QTest::qWaitFor([&] { return agent->dispatcher()->waitingList().contains(early); }, 15000));
     agent->restartWatching(nullptr);
     agent->events()->flushEventStreamSync();
     agent->dispatcher()->dispatchTimer()->start();
-    const QString late = home.writeFile("Watched/late.com", EngineFixture::eicarContents());
-
+    const QString late = write("late.com");
     ASSERT_TRUE(waitUntilListed(early));
     ASSERT_TRUE(waitUntilListed(late));
 }

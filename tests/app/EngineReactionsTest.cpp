@@ -1,13 +1,14 @@
 #include "AgentFixture.h"
 
 #include "platform/Localization.h"
-#include "platform/StatusItem.h"
 #include "tests/support/RecordingNotificationCenter.h"
 
 #include <QFile>
 #include <QTest>
 
 namespace {
+
+const QString failedStart = QStringLiteral("-[KorvaneVarden_AppDelegate clamdFailedToStart]");
 
 class EngineReactionsTest : public AgentFixture
 {
@@ -16,22 +17,9 @@ protected:
     {
         AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
-        // The launch check finds the scripted engine and fails to start a
-        // daemon; the tests start from there.
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return log.contains(QStringLiteral("-[KorvaneVarden_AppDelegate clamdFailedToStart]")); }, 10000));
+        // The launch check finds the scripted engine and fails to start a daemon.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(failedStart); }, 10000));
         alerts.alerts.clear();
-    }
-
-    // A desktop entry for the companion whose program leaves a mark.
-    QString installCompanion()
-    {
-        const QString mark = home.filePath("companion-started");
-        const QString program = home.writeFile("bin/korvane", "#!/bin/sh\ntouch '" + mark.toUtf8() + "'\n");
-        QFile::setPermissions(program, QFile::permissions(program) | QFile::ExeOwner);
-        home.writeFile(".local/share/applications/org.korvane.Korvane.desktop",
-                       "[Desktop Entry]\nType=Application\nName=Korvane\nExec=" + program.toUtf8() + " %U\n");
-        return mark;
     }
 
     RecordingNotificationCenter notifications;
@@ -39,7 +27,12 @@ protected:
 
 TEST_F(EngineReactionsTest, MissingEngineOffersTheCompanionAndQuitsEitherWay)
 {
-    const QString mark = installCompanion();
+    // A desktop entry for the companion whose program leaves a mark.
+    const QString mark = home.filePath("companion-started");
+    const QString program = engine.writeScript("bin/korvane", "touch '" + mark.toUtf8() + "'\n");
+    home.writeFile(".local/share/applications/org.korvane.Korvane.desktop",
+                   "[Desktop Entry]\nType=Application\nName=Korvane\nExec=" + program.toUtf8() + " %U\n");
+
     alerts.answers = {AlertPresenter::AlternateReturn};
     agent->engineNotFound();
     ASSERT_EQ(alerts.alerts.size(), 1);
@@ -58,8 +51,7 @@ TEST_F(EngineReactionsTest, MissingEngineOffersTheCompanionAndQuitsEitherWay)
 
 TEST_F(EngineReactionsTest, MissingDefinitionsRunTheUpdaterOrQuit)
 {
-    const QString arguments = engine.filePath("updater-arguments");
-    engine.writeScript("bin/RunFreshclam", "echo \"$@\" > '" + arguments.toUtf8() + "'\nexit 1\n");
+    engine.writeScript("bin/RunFreshclam", "echo \"$@\" > '" + engine.filePath("updater-arguments").toUtf8() + "'\nexit 1\n");
 
     alerts.answers = {AlertPresenter::AlternateReturn};
     agent->needToUpdateDB();
@@ -71,46 +63,38 @@ TEST_F(EngineReactionsTest, MissingDefinitionsRunTheUpdaterOrQuit)
     EXPECT_EQ(terminations, 1);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !notifications.delivered.isEmpty(); }, 10000));
     EXPECT_EQ(notifications.delivered.first().second, Localization::text("UPDATE_COMPLETE"));
-    QFile recorded(arguments);
-    ASSERT_TRUE(recorded.open(QIODevice::ReadOnly));
-    EXPECT_EQ(recorded.readAll().trimmed(),
+    EXPECT_EQ(engine.readFile("updater-arguments").trimmed(),
               "--stdout --log=" + engine.filePath("freshclam.log").toUtf8() + " --on-update-execute=EXIT_1");
 }
 
 TEST_F(EngineReactionsTest, EveryUpdateEndStopsTheAnimationNotifiesByStatusAndChecksAgain)
 {
-    const QList<QPair<int, const char *>> cases{
-        {0, "UPDATE_ALREADY"}, {1, "UPDATE_COMPLETE"}, {9, nullptr}, {2, "UPDATE_CRASHED"}, {-1, "UPDATE_CRASHED"}};
-    for (const auto &[status, key] : cases) {
+    const struct
+    {
+        int status;
+        const char *message;
+    } cases[] = {{0, "UPDATE_ALREADY"}, {1, "UPDATE_COMPLETE"}, {9, nullptr}, {2, "UPDATE_CRASHED"}, {-1, "UPDATE_CRASHED"}};
+    for (const auto &[status, message] : cases) {
+        SCOPED_TRACE(status);
         notifications.delivered.clear();
-        const int failedStartsBefore = log.count(QStringLiteral("-[KorvaneVarden_AppDelegate clamdFailedToStart]"));
+        const int failedStarts = log.count(failedStart);
         agent->setReadyToScan(true);
         agent->utils()->updateStarted();
         EXPECT_TRUE(agent->utils()->updating());
         EXPECT_FALSE(agent->readyToScan());
         EXPECT_TRUE(agent->throbberAnimationTimer()->isActive());
-        EXPECT_EQ(agent->throbberAnimationCurrentFrame(), 8);
+        EXPECT_EQ(agent->throbberAnimationCurrentFrame(), 8); // the update animation runs backwards
 
         agent->utils()->updateFinishedWithStatus(status);
 
         EXPECT_FALSE(agent->throbberAnimationTimer()->isActive());
-        EXPECT_EQ(agent->throbberStatusItem()->image().cacheKey(), agent->throbberWatchingImage().cacheKey());
+        EXPECT_EQ(shownImage(), agent->throbberWatchingImage().cacheKey());
         EXPECT_FALSE(agent->utils()->updating());
         EXPECT_FALSE(agent->readyToScan()) << "scanning resumes only through the engine check";
-        if (key) {
-            ASSERT_EQ(notifications.delivered.size(), 1) << status;
-            EXPECT_TRUE(notifications.delivered.first().first.isEmpty());
-            EXPECT_EQ(notifications.delivered.first().second, Localization::text(key));
-        } else {
-            EXPECT_TRUE(notifications.delivered.isEmpty());
-        }
+        using Delivered = QList<QPair<QString, QString>>;
+        EXPECT_EQ(notifications.delivered, (message ? Delivered{{QString(), Localization::text(message)}} : Delivered()));
         // The check that follows finds the engine and tries its daemon again.
-        EXPECT_TRUE(QTest::qWaitFor(
-            [&] {
-                return log.count(QStringLiteral("-[KorvaneVarden_AppDelegate clamdFailedToStart]")) == failedStartsBefore + 1;
-            },
-            10000))
-            << status;
+        EXPECT_TRUE(QTest::qWaitFor([&] { return log.count(failedStart) == failedStarts + 1; }, 10000));
     }
 }
 
@@ -122,15 +106,6 @@ TEST_F(EngineReactionsTest, EachDaemonReportThatFindsItRunningContinuesTheStartu
     agent->setReadyToScan(false);
     agent->clamdStarted();
     EXPECT_TRUE(agent->readyToScan());
-}
-
-TEST_F(EngineReactionsTest, UpdateProgressChangesNothingOnScreen)
-{
-    const qint64 before = agent->throbberStatusItem()->image().cacheKey();
-    agent->updateProgressWithMessage(QStringLiteral("Downloading daily.cvd "));
-    agent->updateProgressWithPercentDone(45.0);
-    EXPECT_EQ(agent->throbberStatusItem()->image().cacheKey(), before);
-    EXPECT_TRUE(notifications.delivered.isEmpty());
 }
 
 } // namespace

@@ -4,21 +4,11 @@
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
 #include "platform/Localization.h"
-#include "platform/StatusItem.h"
 
 #include <QAction>
 #include <QMenu>
-#include <QTest>
 
 namespace {
-
-const QString companionDomain = QStringLiteral("org.korvane.Korvane");
-const QString agentDomain = QStringLiteral("org.korvane.KorvaneVarden");
-
-QVariantMap folder(const QString &path)
-{
-    return {{QStringLiteral("pathName"), path}, {QStringLiteral("WatchSubdirs"), true}};
-}
 
 class WatchingTest : public AgentFixture
 {
@@ -29,11 +19,6 @@ protected:
         agent->dispatcher()->dispatchTimer()->stop();
     }
 
-    void watch(const QVariantList &folders)
-    {
-        home.writeDomain(companionDomain, {{QStringLiteral("VardenFolderArray"), folders}});
-    }
-
     QStringList submenuTitles() const
     {
         QStringList titles;
@@ -42,7 +27,14 @@ protected:
         return titles;
     }
 
-    void deliver(qint32 flags, const QString &path, quint64 id = 7)
+    QStringList waiting() const
+    {
+        QStringList paths = agent->dispatcher()->waitingList().keys();
+        paths.sort();
+        return paths;
+    }
+
+    void deliver(qint32 flags, const QString &path, quint64 id)
     {
         SCEvent event(id, QDateTime::currentDateTime(), path, flags);
         agent->pathWatcherEventOccurred(agent->events(), &event);
@@ -65,7 +57,7 @@ TEST_F(WatchingTest, FoldersAreWatchedUnderTheirExpandedPathsAndListedInOrder)
     EXPECT_EQ(agent->events()->excludedPaths(),
               QStringList{home.path() + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")});
     EXPECT_EQ(agent->theLastEventSeen(), SCEvents::sinceNow);
-    EXPECT_EQ(agent->throbberStatusItem()->image().cacheKey(), agent->throbberWatchingImage().cacheKey());
+    EXPECT_EQ(shownImage(), agent->throbberWatchingImage().cacheKey());
 }
 
 TEST_F(WatchingTest, NothingToWatchExplainsAndQuits)
@@ -77,84 +69,58 @@ TEST_F(WatchingTest, NothingToWatchExplainsAndQuits)
     EXPECT_EQ(alerts.alerts.first().informativeText, Localization::text("NOTHING_TO_WATCH_MESSAGE."));
     EXPECT_EQ(alerts.alerts.first().defaultButton, Localization::text("OPEN_PREFS"));
     EXPECT_EQ(terminations, 1);
-    EXPECT_EQ(agent->throbberStatusItem()->image().cacheKey(), agent->throbberDefaultImage().cacheKey());
+    EXPECT_EQ(shownImage(), agent->throbberDefaultImage().cacheKey());
 }
 
-TEST_F(WatchingTest, EventFlagsDecideWhatHappensToThePath)
+TEST_F(WatchingTest, EventFlagsDecideWhetherThePathWaitsForAScan)
 {
     const QString file = home.writeFile("w/file", "12345");
-    const QString dir = home.filePath("w");
+    const QString dir = home.filePath("w"), oldName = home.filePath("w/old-name");
     watch({folder(dir)});
     agent->startWatching(nullptr);
 
-    deliver(0x100 | 0x200, file, 10); // created and removed: a removal
-    EXPECT_TRUE(agent->dispatcher()->waitingList().isEmpty());
-
-    deliver(0x800, home.filePath("w/old-name"), 11); // both names of a rename wait
-    deliver(0x800, file, 12);
-    EXPECT_EQ(agent->dispatcher()->waitingList().value(home.filePath("w/old-name"), 99), 0u);
-    EXPECT_EQ(agent->dispatcher()->waitingList().value(file), 5u);
+    deliver(0x100, file, 11); // created
+    EXPECT_EQ(waiting(), QStringList{file});
+    deliver(0x100 | 0x200, file, 12); // created and removed: a removal
+    EXPECT_TRUE(waiting().isEmpty());
+    deliver(0x800, oldName, 13); // both names of a rename wait
+    deliver(0x800, file, 14);
+    EXPECT_EQ(waiting(), (QStringList{file, oldName}));
 
     agent->dispatcher()->removeAllItems();
-    deliver(0x400, file, 13); // metadata only
-    EXPECT_TRUE(agent->dispatcher()->waitingList().isEmpty());
-    EXPECT_EQ(agent->theLastEventSeen(), 13u);
-
-    deliver(0x1000 | 0x20000, dir, 14);
-    EXPECT_TRUE(agent->dispatcher()->waitingList().isEmpty());
+    deliver(0x400, file, 15); // metadata only
+    deliver(0x1000 | 0x20000, dir, 16);
+    EXPECT_TRUE(waiting().isEmpty());
     EXPECT_TRUE(log.contains("modified dir ignore " + dir));
+    EXPECT_EQ(agent->theLastEventSeen(), 16u);
 
-    deliver(0x1000 | 0x20000 | 0x1, dir, 15);
-    EXPECT_TRUE(agent->dispatcher()->waitingList().contains(dir));
+    deliver(0x1000 | 0x20000 | 0x1, dir, 17);
+    deliver(0x1000, file, 18);
+    EXPECT_EQ(waiting(), (QStringList{dir, file}));
     EXPECT_TRUE(log.contains("modified dir with kFSEventStreamEventFlagMustScanSubDirs " + dir));
-
-    deliver(0x1000, file, 16);
-    EXPECT_TRUE(agent->dispatcher()->waitingList().contains(file));
 }
 
-TEST_F(WatchingTest, StopRecordsTheLastEventAndEmptiesTheMenu)
+TEST_F(WatchingTest, RestartKeepsWaitingPathsAndStopRecordsTheLastEventAndEmptiesTheMenu)
 {
     watch({folder(home.filePath("w"))});
-    home.writeFile("w/.keep", "");
+    const QString pending = home.writeFile("w/pending", "x");
     agent->startWatching(nullptr);
+    SCEvents *first = agent->events();
+    agent->addToWaitingList(pending);
+
+    agent->restartWatching(nullptr);
+    EXPECT_NE(agent->events(), first);
+    EXPECT_TRUE(agent->events()->isWatchingPaths());
+    EXPECT_EQ(submenuTitles(), QStringList{home.filePath("w")});
+    EXPECT_EQ(waiting(), QStringList{pending});
+
     deliver(0x400, home.filePath("w/a"), 4242);
-
     agent->stopWatching(nullptr);
-
     EXPECT_FALSE(agent->watching());
     EXPECT_FALSE(agent->events()->isWatchingPaths());
     EXPECT_TRUE(submenuTitles().isEmpty());
     EXPECT_EQ(home.readDomain(agentDomain).value(QStringLiteral("lastEvent")).toULongLong(), 4242u);
-    EXPECT_EQ(agent->throbberStatusItem()->image().cacheKey(), agent->throbberDefaultImage().cacheKey());
-}
-
-TEST_F(WatchingTest, RestartRefillsTheMenuWithAFreshStreamAndKeepsWaitingPaths)
-{
-    watch({folder(home.filePath("w"))});
-    const QString waiting = home.writeFile("w/waiting", "x");
-    agent->startWatching(nullptr);
-    SCEvents *first = agent->events();
-    agent->addToWaitingList(waiting);
-
-    agent->restartWatching(nullptr);
-
-    EXPECT_NE(agent->events(), first);
-    EXPECT_TRUE(agent->events()->isWatchingPaths());
-    EXPECT_EQ(submenuTitles(), QStringList{home.filePath("w")});
-    EXPECT_TRUE(agent->dispatcher()->waitingList().contains(waiting));
-}
-
-TEST_F(WatchingTest, AFileWrittenIntoAWatchedFolderReachesTheDispatcher)
-{
-    watch({folder(home.filePath("w"))});
-    home.writeFile("w/.keep", "");
-    agent->startWatching(nullptr);
-    agent->events()->flushEventStreamSync(); // returns once the folder is watched
-
-    const QString created = home.writeFile("w/new.txt", "hello");
-
-    EXPECT_TRUE(QTest::qWaitFor([&] { return agent->dispatcher()->waitingList().contains(created); }, 10000));
-    EXPECT_NE(agent->theLastEventSeen(), SCEvents::sinceNow);
+    EXPECT_EQ(shownImage(), agent->throbberDefaultImage().cacheKey());
 }
 
 } // namespace

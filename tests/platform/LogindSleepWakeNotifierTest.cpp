@@ -12,12 +12,6 @@
 
 namespace {
 
-const QString notRunning = QStringLiteral("logind is not running: sleep and wake are not watched until it appears");
-
-#define REQUIRE_DBUS_DAEMON()                                                                        \
-    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())                    \
-        GTEST_SKIP() << "dbus-daemon is not installed; it stands in for the system bus";
-
 void announceSleep(QDBusConnection &sender, bool sleeping)
 {
     QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/login1"),
@@ -29,77 +23,66 @@ void announceSleep(QDBusConnection &sender, bool sleeping)
     ASSERT_TRUE(sender.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.DBus")).isValid());
 }
 
-int countStartingWith(const LogCapture &log, const QString &prefix)
+// A dbus-daemon of the test's own stands in for the system bus.
+class LogindSleepWakeNotifierTest : public ::testing::Test
 {
-    int count = 0;
-    for (const QString &line : log.lines())
-        count += line.startsWith(prefix) ? 1 : 0;
-    return count;
-}
+protected:
+    void SetUp() override
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
+            GTEST_SKIP() << "dbus-daemon is not installed";
+        ASSERT_TRUE(bus.isRunning());
+    }
+
+    QDBusConnection logind()
+    {
+        QDBusConnection connection = bus.connect();
+        EXPECT_TRUE(connection.registerService(QStringLiteral("org.freedesktop.login1")));
+        return connection;
+    }
+
+    PrivateBus bus;
+    LogCapture log;
+};
 
 } // namespace
 
-TEST(LogindSleepWakeNotifierTest, TurnsPrepareForSleepIntoSleepAndWake)
+TEST_F(LogindSleepWakeNotifierTest, TurnsLogindsPrepareForSleepIntoWakeAndSleepAndIgnoresEveryoneElse)
 {
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    QDBusConnection logind = bus.connect();
-    ASSERT_TRUE(logind.registerService(QStringLiteral("org.freedesktop.login1")));
-    LogCapture log;
-    LogindSleepWakeNotifier notifier(bus.connect());
-    QSignalSpy sleeps(&notifier, &SleepWakeNotifier::willSleep);
-    QSignalSpy wakes(&notifier, &SleepWakeNotifier::didWake);
-
-    announceSleep(logind, true);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return sleeps.count() == 1; }, 10000));
-    EXPECT_EQ(wakes.count(), 0);
-
-    announceSleep(logind, false);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return wakes.count() == 1; }, 10000));
-    EXPECT_EQ(sleeps.count(), 1);
-    EXPECT_TRUE(notifier.isWatching());
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
-}
-
-TEST(LogindSleepWakeNotifierTest, IgnoresPrepareForSleepFromAnyoneButLogind)
-{
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    QDBusConnection logind = bus.connect();
-    ASSERT_TRUE(logind.registerService(QStringLiteral("org.freedesktop.login1")));
+    QDBusConnection login = logind();
     QDBusConnection impostor = bus.connect();
     LogindSleepWakeNotifier notifier(bus.connect());
     QSignalSpy sleeps(&notifier, &SleepWakeNotifier::willSleep);
     QSignalSpy wakes(&notifier, &SleepWakeNotifier::didWake);
 
+    // logind speaks after the impostor, so once it is heard the impostor would have been too.
     announceSleep(impostor, true);
-    // logind's signal comes after the impostor's, so once it is heard the other would have been too.
-    announceSleep(logind, false);
+    announceSleep(login, false);
     EXPECT_TRUE(QTest::qWaitFor([&] { return wakes.count() == 1; }, 10000));
     EXPECT_EQ(sleeps.count(), 0);
+
+    announceSleep(impostor, false);
+    announceSleep(login, true);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return sleeps.count() == 1; }, 10000));
+    EXPECT_EQ(wakes.count(), 1);
+    EXPECT_TRUE(notifier.isWatching());
+    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
 }
 
-TEST(LogindSleepWakeNotifierTest, WithoutLogindLogsOnceAndHearsItOnceItAppears)
+TEST_F(LogindSleepWakeNotifierTest, WithoutLogindLogsOnceAndHearsItOnceItAppears)
 {
-    REQUIRE_DBUS_DAEMON();
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isRunning());
-    LogCapture log;
     LogindSleepWakeNotifier notifier(bus.connect());
     QSignalSpy sleeps(&notifier, &SleepWakeNotifier::willSleep);
-    EXPECT_EQ(log.count(notRunning), 1);
-    EXPECT_EQ(log.lines().size(), 1);
+    EXPECT_EQ(log.lines(),
+              QStringList{QStringLiteral("logind is not running: sleep and wake are not watched until it appears")});
 
-    QDBusConnection logind = bus.connect();
-    ASSERT_TRUE(logind.registerService(QStringLiteral("org.freedesktop.login1")));
-    announceSleep(logind, true);
+    QDBusConnection login = logind();
+    announceSleep(login, true);
     EXPECT_TRUE(QTest::qWaitFor([&] { return sleeps.count() == 1; }, 10000));
     EXPECT_EQ(log.lines().size(), 1);
 }
 
-TEST(LogindSleepWakeNotifierTest, WithoutSystemBusLogsOnceAndNeverEmits)
+TEST(LogindWithoutSystemBusTest, LogsOnceAndNeverEmits)
 {
     const QString name = QStringLiteral("no-system-bus");
     LogCapture log;
@@ -110,8 +93,8 @@ TEST(LogindSleepWakeNotifierTest, WithoutSystemBusLogsOnceAndNeverEmits)
         QCoreApplication::processEvents();
 
         EXPECT_FALSE(notifier.isWatching());
-        EXPECT_EQ(countStartingWith(log, QStringLiteral("no system bus: sleep and wake are not watched")), 1);
-        EXPECT_EQ(log.lines().size(), 1);
+        ASSERT_EQ(log.lines().size(), 1);
+        EXPECT_TRUE(log.lines().first().startsWith(QStringLiteral("no system bus: sleep and wake are not watched")));
         EXPECT_EQ(sleeps.count() + wakes.count(), 0);
     }
     QDBusConnection::disconnectFromBus(name);

@@ -1,30 +1,30 @@
 #include "platform/PropertyList.h"
 #include "platform/UserDefaults.h"
 #include "platform/UserDefaultsController.h"
-
 #include "tests/support/TemporaryHome.h"
 
 #include <QFile>
-
 #include <gtest/gtest.h>
 
 namespace {
 
 const QString own = QStringLiteral(KORVANE_AGENT_ID);
 
-QVariantMap readDomain()
+class UserDefaultsControllerTest : public ::testing::Test
 {
-    return PropertyList::readFile(UserDefaults::pathForDomain(own)).toMap();
-}
+protected:
+    static QVariantMap readDomain() { return PropertyList::readFile(UserDefaults::pathForDomain(own)).toMap(); }
+
+    TemporaryHome home;
+    UserDefaults defaults{own};
+    UserDefaultsController controller{&defaults};
+};
 
 } // namespace
 
-TEST(UserDefaultsControllerTest, BufferedValueIsSeenBeforeCommitAndGoneAfterRevert)
+TEST_F(UserDefaultsControllerTest, BufferedValueIsSeenBeforeCommitAndGoneAfterRevert)
 {
-    TemporaryHome home;
-    UserDefaults defaults(own);
     defaults.registerDefaults({{"interval", qint64(60)}});
-    UserDefaultsController controller(&defaults);
     controller.setAppliesImmediately(false);
 
     controller.setValue(qint64(5), "interval");
@@ -38,14 +38,14 @@ TEST(UserDefaultsControllerTest, BufferedValueIsSeenBeforeCommitAndGoneAfterReve
     EXPECT_EQ(controller.value("interval"), QVariant(qint64(60)));
 }
 
-TEST(UserDefaultsControllerTest, BufferedRemovalHidesTheStoredAndInitialValue)
+TEST_F(UserDefaultsControllerTest, StoredValueWinsOverTheInitialOneAndABufferedRemovalHidesBothUntilTheCommit)
 {
-    TemporaryHome home;
-    ASSERT_TRUE(PropertyList::writeXmlFile(UserDefaults::pathForDomain(own), QVariantMap {{"path", "/stored"}}));
-    UserDefaults defaults(own);
-    UserDefaultsController controller(&defaults);
-    controller.setInitialValues({{"path", "/initial"}});
+    ASSERT_TRUE(PropertyList::writeXmlFile(UserDefaults::pathForDomain(own), QVariantMap{{"path", "/stored"}}));
+    controller.setInitialValues({{"path", "/initial"}, {"only initial", "initial"}});
     controller.setAppliesImmediately(false);
+    EXPECT_EQ(controller.value("path"), QVariant("/stored"));
+    EXPECT_EQ(controller.value("only initial"), QVariant("initial"));
+    EXPECT_FALSE(controller.value("nowhere").isValid());
 
     controller.setValue(QVariant(), "path");
     EXPECT_FALSE(controller.value("path").isValid());
@@ -57,23 +57,15 @@ TEST(UserDefaultsControllerTest, BufferedRemovalHidesTheStoredAndInitialValue)
     EXPECT_EQ(controller.value("path"), QVariant("/initial"));
 }
 
-TEST(UserDefaultsControllerTest, StoreSearchOrderComesBeforeInitialValues)
+TEST_F(UserDefaultsControllerTest, EachWayOfApplyingWritesTheFileThatAnotherStoreSees)
 {
-    TemporaryHome home;
-    UserDefaults defaults(own);
-    defaults.registerDefaults({{"registered", "store"}});
-    UserDefaultsController controller(&defaults);
-    controller.setInitialValues({{"registered", "initial"}, {"only initial", "initial"}});
-    EXPECT_EQ(controller.value("registered"), QVariant("store"));
-    EXPECT_EQ(controller.value("only initial"), QVariant("initial"));
-    EXPECT_FALSE(controller.value("nowhere").isValid());
-}
+    EXPECT_TRUE(controller.appliesImmediately());
+    controller.setValue(qint64(3), "now");
+    EXPECT_FALSE(controller.hasUnappliedChanges());
+    EXPECT_EQ(readDomain(), QVariantMap({{"now", qint64(3)}}));
+    controller.setValue(QVariant(), "now");
+    EXPECT_TRUE(readDomain().isEmpty());
 
-TEST(UserDefaultsControllerTest, CommitWritesTheFileThatAnotherStoreSees)
-{
-    TemporaryHome home;
-    UserDefaults defaults(own);
-    UserDefaultsController controller(&defaults);
     controller.setAppliesImmediately(false);
     controller.setValue(true, "saved");
     ASSERT_TRUE(controller.save());
@@ -85,17 +77,4 @@ TEST(UserDefaultsControllerTest, CommitWritesTheFileThatAnotherStoreSees)
     controller.setAppliesImmediately(true);
     EXPECT_FALSE(controller.hasUnappliedChanges());
     EXPECT_EQ(UserDefaults(own).objectForKey("switched"), QVariant("buffered"));
-}
-
-TEST(UserDefaultsControllerTest, ApplyingImmediatelyWritesEachValueThrough)
-{
-    TemporaryHome home;
-    UserDefaults defaults(own);
-    UserDefaultsController controller(&defaults);
-    EXPECT_TRUE(controller.appliesImmediately());
-    controller.setValue(qint64(3), "now");
-    EXPECT_FALSE(controller.hasUnappliedChanges());
-    EXPECT_EQ(readDomain(), QVariantMap({{"now", qint64(3)}}));
-    controller.setValue(QVariant(), "now");
-    EXPECT_TRUE(readDomain().isEmpty());
 }
