@@ -6,6 +6,7 @@
 #include "platform/ApplicationHost.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/FileSystemWatcher.h"
 #include "platform/Localization.h"
 #include "platform/NamedImage.h"
 #include "platform/SleepWakeNotifier.h"
@@ -39,14 +40,6 @@ const QString quitNotification = QStringLiteral("KorvaneVardenShouldQuit");
 const QString hasQuitNotification = QStringLiteral("KorvaneVardenHasQuit");
 const QString notificationObject = QStringLiteral("KorvaneVarden");
 const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
-
-// The platform's file-event flags that decide what becomes of an event.
-constexpr qint32 mustScanSubDirs = 0x00000001;
-constexpr qint32 itemCreated = 0x00000100;
-constexpr qint32 itemRemoved = 0x00000200;
-constexpr qint32 itemRenamed = 0x00000800;
-constexpr qint32 itemModified = 0x00001000;
-constexpr qint32 itemIsDir = 0x00020000;
 
 // How long adding or removing folders waits for the companion to come up.
 constexpr int companionWaitSeconds = 30;
@@ -350,17 +343,18 @@ void KorvaneVarden_AppDelegate::restartWatching(QObject *)
 
 void KorvaneVarden_AppDelegate::pathWatcherEventOccurred(SCEvents *, SCEvent *event)
 {
-    const qint32 flags = event->eventFlags();
+    using Flag = FileSystemWatcher::Flag;
+    const quint32 flags = quint32(event->eventFlags());
     const QString path = event->eventPath();
-    if (flags & itemRemoved) {
+    if (flags & Flag::ItemRemoved) {
         _dispatcher->removeFromWaitingList(path);
-    } else if (flags & (itemCreated | itemRenamed)) {
+    } else if (flags & (Flag::ItemCreated | Flag::ItemRenamed)) {
         _dispatcher->addToWaitingList(path);
-    } else if (!(flags & itemModified)) {
+    } else if (!(flags & Flag::ItemModified)) {
         // Metadata, ownership and other changes without new content.
-    } else if (!(flags & itemIsDir)) {
+    } else if (!(flags & Flag::ItemIsDir)) {
         _dispatcher->addToWaitingList(path);
-    } else if (flags & mustScanSubDirs) {
+    } else if (flags & Flag::MustScanSubDirs) {
         SystemLog::log(QStringLiteral("modified dir with kFSEventStreamEventFlagMustScanSubDirs %1").arg(path));
         _dispatcher->addToWaitingList(path);
     } else {
