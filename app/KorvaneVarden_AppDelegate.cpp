@@ -512,7 +512,7 @@ void KorvaneVarden_AppDelegate::showInfectionListWindow(QObject *)
 void KorvaneVarden_AppDelegate::removeSelectedFromInfectedList(QObject *)
 {
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
-    list->removeObjectsAtRows(list->selectionIndexes());
+    list->remove();
     list->clearSelection();
 }
 

@@ -1,5 +1,7 @@
 #include "BenchTable.h"
 
+#include "platform/SystemLog.h"
+
 #include <QTextStream>
 
 #include <algorithm>
@@ -66,4 +68,9 @@ QString BenchTable::seconds(double ms)
 QString BenchTable::megabytes(qint64 kb)
 {
     return QStringLiteral("%1 MB").arg(double(kb) / 1024.0, 0, 'f', 1);
+}
+
+void BenchTable::progress(const QString &text)
+{
+    SystemLog::log(QStringLiteral("bench: ") + text);
 }

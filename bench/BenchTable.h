@@ -20,6 +20,8 @@ public:
 
     static QString seconds(double ms);
     static QString megabytes(qint64 kb);
+    // A progress line for the log, apart from the table on standard output.
+    static void progress(const QString &text);
 
 private:
     struct Row

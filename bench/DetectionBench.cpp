@@ -34,11 +34,6 @@ constexpr int burstInfectedEvery = 100;
 constexpr double notificationLatencyMs = 3000;
 constexpr double dispatcherTickMs = 1000;
 
-void progress(const QString &text)
-{
-    SystemLog::log(QStringLiteral("bench: ") + text);
-}
-
 // Writes and closes path; answers the moment close() returned, or a negative
 // value when the file could not be written.
 double writeWhole(const QString &path, const QByteArray &contents)
@@ -91,7 +86,7 @@ bool DetectionBench::run()
     BenchAgent agent(_enginePath, _watched);
     QString error;
     if (!agent.start(&error)) {
-        progress(error);
+        BenchTable::progress(error);
         _table.add(QStringLiteral("agent starts against the daemon"), error, QStringLiteral("starts"), false);
         return false;
     }
@@ -110,7 +105,7 @@ double DetectionBench::targetMs(double clamdscanMs)
 
 void DetectionBench::measureLatency(BenchAgent &agent)
 {
-    progress(QStringLiteral("detection latency: %1 files, one at a time").arg(latencyFiles));
+    BenchTable::progress(QStringLiteral("detection latency: %1 files, one at a time").arg(latencyFiles));
     QList<double> latencies;
     QString reference;
     for (int i = 0; i < latencyFiles; ++i) {
@@ -120,14 +115,14 @@ void DetectionBench::measureLatency(BenchAgent &agent)
         const QString path = QStringLiteral("%1/latency/eicar-%2.com").arg(_watched).arg(i, 2, 10, QLatin1Char('0'));
         const double closed = writeWhole(path, EngineFixture::eicarContents());
         if (closed < 0) {
-            progress(QStringLiteral("cannot write ") + path);
+            BenchTable::progress(QStringLiteral("cannot write ") + path);
             continue;
         }
         reference = path;
         if (agent.waitUntilListed({path}, 60000))
             latencies.append(agent.listedAt(path) - closed);
         else
-            progress(QStringLiteral("not listed within 60 s: ") + path);
+            BenchTable::progress(QStringLiteral("not listed within 60 s: ") + path);
     }
 
     // The engine's share of one file: a plain clamdscan of it, the median of
@@ -160,7 +155,7 @@ void DetectionBench::measureLatency(BenchAgent &agent)
 
 void DetectionBench::measureSlowWriters(BenchAgent &agent)
 {
-    progress(QStringLiteral("slow writers: %1 files, infected bytes %2 ms after opening")
+    BenchTable::progress(QStringLiteral("slow writers: %1 files, infected bytes %2 ms after opening")
                  .arg(slowWriters)
                  .arg(slowWriterDelayMs));
     struct Writer
@@ -196,7 +191,7 @@ void DetectionBench::measureSlowWriters(BenchAgent &agent)
     QStringList paths;
     for (const Writer &writer : writers) {
         if (writer.failed)
-            progress(QStringLiteral("cannot write ") + writer.path);
+            BenchTable::progress(QStringLiteral("cannot write ") + writer.path);
         paths.append(writer.path);
     }
     agent.waitUntilListed(paths, 60000);
@@ -215,7 +210,7 @@ void DetectionBench::measureSlowWriters(BenchAgent &agent)
 
 void DetectionBench::measureBurst(BenchAgent &agent)
 {
-    progress(QStringLiteral("burst: %1 files at once, one in %2 infected").arg(burstFiles).arg(burstInfectedEvery));
+    BenchTable::progress(QStringLiteral("burst: %1 files at once, one in %2 infected").arg(burstFiles).arg(burstInfectedEvery));
     QStringList all;
     QStringList infected;
     for (int i = 0; i < burstFiles; ++i) {
@@ -244,7 +239,7 @@ void DetectionBench::measureBurst(BenchAgent &agent)
     EventWait::until([&] { return writer->isFinished(); }, 300000);
     writer->wait();
     if (unwritten)
-        progress(QStringLiteral("burst: %1 files could not be written").arg(unwritten));
+        BenchTable::progress(QStringLiteral("burst: %1 files could not be written").arg(unwritten));
 
     agent.waitUntilListed(infected, 300000);
     agent.waitUntilIdle(120000);
@@ -261,7 +256,7 @@ void DetectionBench::measureBurst(BenchAgent &agent)
     for (const QString &path : agent.listedPaths())
         wronglyListed += path.contains(QLatin1String("/burst/")) && !infected.contains(path);
 
-    progress(QStringLiteral("burst: plain clamdscan --file-list over the same files"));
+    BenchTable::progress(QStringLiteral("burst: plain clamdscan --file-list over the same files"));
     const QString listPath = _watched + QStringLiteral("/../burst.list");
     QFile list(listPath);
     if (list.open(QIODevice::WriteOnly | QIODevice::Truncate))
@@ -301,7 +296,7 @@ double DetectionBench::clamdscan(const QStringList &arguments, QStringList *foun
     const double elapsed = BenchClock::nowMs() - started;
     // Exit status 1 means something was found.
     if (process.exitCode() > 1) {
-        progress(QStringLiteral("clamdscan failed: ") + QString::fromLocal8Bit(process.readAllStandardError()));
+        BenchTable::progress(QStringLiteral("clamdscan failed: ") + QString::fromLocal8Bit(process.readAllStandardError()));
         return -1;
     }
     for (const QByteArray &line : process.readAllStandardOutput().split('\n')) {

@@ -23,11 +23,6 @@ constexpr double allowedRatio = 1.5;
 constexpr double allowedStallMs = 100;
 constexpr double allowedIdlePercent = 0.5;
 
-void progress(const QString &text)
-{
-    SystemLog::log(QStringLiteral("bench: ") + text);
-}
-
 template<typename T>
 T median(QList<T> values)
 {
@@ -92,12 +87,12 @@ void WatchBench::run(bool compareSetup, bool measureIdle)
 
 qint64 WatchBench::build(const Tree &tree, const QString &path) const
 {
-    progress(QStringLiteral("making the %1 tree in %2").arg(tree.name, path));
+    BenchTable::progress(QStringLiteral("making the %1 tree in %2").arg(tree.name, path));
     FolderTree::remove(path);
     const double started = BenchClock::nowMs();
     const qint64 folders = tree.fanouts.isEmpty() ? FolderTree::makeDeep(path, tree.chains, tree.depth)
                                                   : FolderTree::makeWide(path, tree.fanouts);
-    progress(QStringLiteral("%1 folders in %2 ms").arg(folders).arg(BenchClock::nowMs() - started, 0, 'f', 0));
+    BenchTable::progress(QStringLiteral("%1 folders in %2 ms").arg(folders).arg(BenchClock::nowMs() - started, 0, 'f', 0));
     return folders;
 }
 
@@ -107,7 +102,7 @@ void WatchBench::compare(const Tree &tree, const QString &path, qint64 folders)
     QList<Probe> theirs;
     // Alternating, so that a burst of other work on the machine hits both.
     for (int round = 0; round < rounds; ++round) {
-        progress(QStringLiteral("%1: round %2 of %3").arg(tree.name).arg(round + 1).arg(rounds));
+        BenchTable::progress(QStringLiteral("%1: round %2 of %3").arg(tree.name).arg(round + 1).arg(rounds));
         ours.append(probeOurs(path));
         theirs.append(probeInotifywait(path));
     }
@@ -173,7 +168,7 @@ WatchBench::Probe WatchBench::probeInotifywait(const QString &path) const
     Probe probe;
     const QString program = QStandardPaths::findExecutable(QStringLiteral("inotifywait"));
     if (program.isEmpty()) {
-        progress(QStringLiteral("inotifywait is not installed (inotify-tools)"));
+        BenchTable::progress(QStringLiteral("inotifywait is not installed (inotify-tools)"));
         return probe;
     }
     QProcess process;
@@ -197,7 +192,7 @@ WatchBench::Probe WatchBench::probeInotifywait(const QString &path) const
         probe.hwmKb = ProcessStatus::memoryKb(process.processId(), "VmHWM");
         probe.rssKb = ProcessStatus::memoryKb(process.processId(), "VmRSS");
     } else {
-        progress(QStringLiteral("inotifywait did not establish its watches (%1): %2")
+        BenchTable::progress(QStringLiteral("inotifywait did not establish its watches (%1): %2")
                      .arg(process.state() == QProcess::NotRunning ? QStringLiteral("exit status %1").arg(process.exitCode())
                                                                   : QStringLiteral("still running"),
                           QString::fromLocal8Bit(said).simplified()));
@@ -212,7 +207,7 @@ WatchBench::Probe WatchBench::probeInotifywait(const QString &path) const
 
 void WatchBench::idle(const Tree &tree, const QString &path, qint64 folders)
 {
-    progress(QStringLiteral("idle: the agent watching %1 for %2 s").arg(tree.name).arg(idleSeconds));
+    BenchTable::progress(QStringLiteral("idle: the agent watching %1 for %2 s").arg(tree.name).arg(idleSeconds));
     const QHash<QString, QString> values = runProbe(
         {QStringLiteral("--probe-idle"), path, QStringLiteral("--engine"), _enginePath, QStringLiteral("--seconds"),
          QString::number(idleSeconds)},
@@ -244,7 +239,7 @@ QHash<QString, QString> WatchBench::runProbe(const QStringList &arguments, int t
     process.start(_program, arguments);
     QHash<QString, QString> values;
     if (!process.waitForFinished(timeoutMs) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        progress(QStringLiteral("probe %1 failed: %2").arg(arguments.join(QLatin1Char(' ')), process.errorString()));
+        BenchTable::progress(QStringLiteral("probe %1 failed: %2").arg(arguments.join(QLatin1Char(' ')), process.errorString()));
         process.kill();
         process.waitForFinished();
         return values;
