@@ -84,6 +84,19 @@ public:
     // A click on one of the agent's notifications.
     void userNotificationCenterDidActivateNotification();
 
+    // The file actions on the selected rows.
+    void deleteFile(QObject *sender);
+    void quarantineFile(QObject *sender);
+    bool quarantineFileAtIndex(int row);
+    void putBack(QObject *sender);
+    void revealInFinder(QObject *sender);
+    // -1 not in a mail store, 0 the user declined, 1 the user confirmed.
+    int checkIfLooksLikeMailAndPromptForFile(const QString &path);
+
+    // The path popup beside the selected row.
+    void showInfectedPath(QObject *sender);
+    void hideFloatingPathWindow(QObject *sender);
+
     void forwardAnimation();
     void reverseAnimation();
     void startUpdateAnimation() override;

@@ -10,6 +10,7 @@
 #include "platform/UserDefaultsController.h"
 #include "platform/SystemLog.h"
 #include "platform/UserNotificationCenter.h"
+#include "platform/Trash.h"
 #include "platform/UserFolders.h"
 #include "platform/Workspace.h"
 
@@ -267,6 +268,24 @@ void QXUtils::determineQuarantineSettings()
 void QXUtils::determineWhatToExcludeFromThisScan()
 {
     // Exclusions arrive with the scan policy.
+}
+
+bool QXUtils::checkIfPathLooksLikeEmail(const QString &path) const
+{
+    for (const QString &store : _emailDirPaths) {
+        if (path.startsWith(store))
+            return true;
+    }
+    return false;
+}
+
+bool QXUtils::isFileInTrash(const QString &path) const
+{
+    for (const QString &folder : Trash::sharedTrash()->trashFolders()) {
+        if (path.startsWith(folder))
+            return true;
+    }
+    return false;
 }
 
 void QXUtils::postToNotificationCenterWithTitle(const QString &title, const QString &message)

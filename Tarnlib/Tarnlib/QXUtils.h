@@ -60,6 +60,10 @@ public:
     void stop();
     void determineQuarantineSettings();
     void determineWhatToExcludeFromThisScan();
+    // Whether a path lies in one of the mail programs' message stores.
+    bool checkIfPathLooksLikeEmail(const QString &path) const;
+    // Whether a path lies in one of the current user's Trash folders.
+    bool isFileInTrash(const QString &path) const;
     void postToNotificationCenterWithTitle(const QString &title, const QString &message);
 
     // Questions the delegate answers.

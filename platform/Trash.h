@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// The current user's Trash, by the freedesktop Trash specification: the
+// home Trash and, on every mounted volume, "$topdir/.Trash/$uid" and
+// "$topdir/.Trash-$uid". Never another user's.
+class Trash
+{
+public:
+    virtual ~Trash() = default;
+
+    static Trash *sharedTrash();
+    // Tests install their own; nullptr returns to the real one.
+    static void setSharedTrash(Trash *trash);
+
+    // Every Trash folder of the current user that a file could be in, the
+    // home Trash first, then one or two per mounted volume. Folders are
+    // named whether or not they exist yet; nothing is created.
+    virtual QStringList trashFolders() const = 0;
+};
