@@ -1,0 +1,31 @@
+#include "MountedTmpfs.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/mount.h>
+
+MountedTmpfs::MountedTmpfs(qint64 sizeBytes)
+{
+    if (!_dir.isValid()) {
+        _reason = QStringLiteral("no temporary folder");
+        return;
+    }
+    const QByteArray options = "size=" + QByteArray::number(sizeBytes) + ",mode=0700";
+    if (::mount("korvane-test", QFile::encodeName(_dir.path()).constData(), "tmpfs", MS_NOSUID | MS_NODEV,
+                options.constData())
+        != 0) {
+        _reason = QStringLiteral("cannot mount a tmpfs here (%1); run as root to test a second file system")
+                      .arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return;
+    }
+    _mounted = true;
+}
+
+MountedTmpfs::~MountedTmpfs()
+{
+    // Lazily, so that a file a failed test left open cannot keep it mounted.
+    if (_mounted)
+        ::umount2(QFile::encodeName(_dir.path()).constData(), MNT_DETACH);
+}

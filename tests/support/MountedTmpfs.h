@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+#include <QTemporaryDir>
+
+// A small tmpfs of its own, mounted on a fresh temporary folder for one
+// test: a second file system (moves across it fail) that can be filled up.
+// Mounting needs CAP_SYS_ADMIN; where it is not allowed, isMounted() is
+// false and reason() says why, so the test can skip with that message.
+class MountedTmpfs
+{
+public:
+    explicit MountedTmpfs(qint64 sizeBytes = 1024 * 1024);
+    ~MountedTmpfs();
+
+    bool isMounted() const { return _mounted; }
+    QString reason() const { return _reason; }
+    QString path() const { return _dir.path(); }
+
+private:
+    QTemporaryDir _dir;
+    bool _mounted = false;
+    QString _reason;
+};
