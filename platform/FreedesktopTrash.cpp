@@ -117,9 +117,10 @@ QString FreedesktopTrash::homeTrash()
 
 QStringList FreedesktopTrash::volumeRoots()
 {
-    static const QList<QByteArray> pseudo{"proc", "sysfs", "devpts", "cgroup", "cgroup2", "securityfs", "debugfs",
-                                          "tracefs", "pstore", "bpf", "mqueue", "hugetlbfs", "configfs",
-                                          "fusectl", "binfmt_misc", "autofs", "devtmpfs", "nsfs", "efivarfs"};
+    static const QList<QByteArray> pseudo{"proc",       "sysfs",     "devpts",   "cgroup",  "cgroup2",
+                                          "securityfs", "debugfs",   "tracefs",  "pstore",  "bpf",
+                                          "mqueue",     "hugetlbfs", "configfs", "fusectl", "binfmt_misc",
+                                          "autofs",     "devtmpfs",  "nsfs",     "efivarfs"};
     QStringList roots;
     for (const QStorageInfo &volume : QStorageInfo::mountedVolumes()) {
         if (!volume.isValid() || pseudo.contains(volume.fileSystemType()))
@@ -190,7 +191,8 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
         }
         recordedPath = realPath.mid(base.size() + 1);
     }
-    if (!privateFolder(trash + QStringLiteral("/files"), error) || !privateFolder(trash + QStringLiteral("/info"), error))
+    if (!privateFolder(trash + QStringLiteral("/files"), error)
+        || !privateFolder(trash + QStringLiteral("/info"), error))
         return {};
 
     const QByteArray info = "[Trash Info]\nPath=" + QFile::encodeName(recordedPath).toPercentEncoding("/")

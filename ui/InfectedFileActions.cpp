@@ -46,8 +46,7 @@ int InfectedFileActions::checkIfLooksLikeMailAndPromptForFile(const QString &pat
 {
     if (!_utils->checkIfPathLooksLikeEmail(path))
         return -1;
-    const QString message =
-        Localization::text("ARE_YOU_SURE").replace(QLatin1String("%@"), QFileInfo(path).fileName());
+    const QString message = Localization::text("ARE_YOU_SURE").replace(QLatin1String("%@"), QFileInfo(path).fileName());
     const int answer = AlertPresenter::sharedPresenter()->runModal(
         {message, Localization::text("NO"), Localization::text("YES"), QString(), QString()});
     return answer == AlertPresenter::DefaultReturn ? 0 : 1;
@@ -118,14 +117,16 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     const int mode = FileMove::regularFileMode(path);
     const int error = FileMove::moveWithoutReplacing(path, target);
     if (error != 0) {
-        SystemLog::log(QStringLiteral("could not quarantine %1 to %2: %3").arg(path, target, FileMove::errorText(error)));
+        SystemLog::log(
+            QStringLiteral("could not quarantine %1 to %2: %3").arg(path, target, FileMove::errorText(error)));
         SystemBeep::beep();
         return false;
     }
     // Folders keep their bits: without them nobody could look inside.
     if (mode >= 0) {
         if (!FileMove::setMode(target, mode & ~0111))
-            SystemLog::log(QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
+            SystemLog::log(
+                QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
         item.insert(fileModeKey, QString::number(mode, 8));
     }
     item.insert(statusKey, Localization::text("QUARANTINED"));

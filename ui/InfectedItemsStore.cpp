@@ -15,8 +15,8 @@
 
 namespace {
 
-const QStringList requiredKeys{QStringLiteral("fileName"), QStringLiteral("infectionName"),
-                               QStringLiteral("status"), QStringLiteral("filePath")};
+const QStringList requiredKeys{QStringLiteral("fileName"), QStringLiteral("infectionName"), QStringLiteral("status"),
+                               QStringLiteral("filePath")};
 
 QStringList storedKeys()
 {
