@@ -99,20 +99,6 @@ TEST_F(FreedesktopTrashTest, ATakenNameGetsANumberAndAFileWithoutItsRecordStillH
     EXPECT_EQ(trash.trashFolders().first(), folder);
 }
 
-TEST_F(FreedesktopTrashTest, NumberedNamesKeepTheExtension)
-{
-    const struct
-    {
-        const char *name;
-        const char *numbered;
-    } cases[] = {{"invoice.pdf", "invoice.2.pdf"},
-                 {"archive.tar.gz", "archive.tar.2.gz"},
-                 {"README", "README.2"},
-                 {".bashrc", ".bashrc.2"}};
-    for (const auto &c : cases)
-        EXPECT_EQ(FreedesktopTrash::numberedName(c.name, 2), QString(c.numbered)) << c.name;
-}
-
 TEST_F(FreedesktopTrashTest, AFileOnAnotherVolumeGoesToThatVolumesTrashWithAPathRelativeToItsTop)
 {
     const struct
@@ -204,24 +190,6 @@ TEST_F(FreedesktopTrashTest, AFileThatCannotBeTrashedStaysWhereItWasAndLeavesNoR
         const QString info = volume.path() + "/.Trash-" + uid() + "/info";
         EXPECT_TRUE(QDir(info).entryList(QDir::Files).isEmpty()) << c.name;
     }
-}
-
-TEST_F(FreedesktopTrashTest, ForgettingATrashedFileDropsOnlyItsOwnRecord)
-{
-    const QString folder = home.filePath(".local/share/Trash");
-    const QString kept = trash.moveToTrash(home.writeFile("a/x.com", "a"), &error);
-    const QString taken = trash.moveToTrash(home.writeFile("b/x.com", "b"), &error);
-    ASSERT_TRUE(QFile::rename(taken, home.filePath("b/x.com")));
-
-    trash.forgetTrashedFile(taken);
-    // Paths outside a Trash name no record.
-    writeFile(home.filePath("files/x.com"), "not trashed");
-    writeFile(home.filePath("info/x.com.trashinfo"), "not a record of ours");
-    trash.forgetTrashedFile(home.filePath("files/x.com"));
-
-    EXPECT_EQ(QDir(folder + "/info").entryList(QDir::Files), QStringList{"x.com.trashinfo"});
-    EXPECT_TRUE(QFileInfo::exists(home.filePath("info/x.com.trashinfo")));
-    EXPECT_EQ(kept, folder + "/files/x.com");
 }
 
 } // namespace
