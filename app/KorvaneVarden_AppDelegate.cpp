@@ -20,6 +20,8 @@
 #include "platform/AlertPresenter.h"
 #include "platform/Workspace.h"
 #include "ui/EngineStatusReactions.h"
+#include "ui/InfectedFileActions.h"
+#include "ui/InfectedItemsStore.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/ScanLogRotator.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -71,6 +73,13 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _dispatcher = new Dispatcher(this, this);
     _engineStatusReactions = new EngineStatusReactions(this, this);
     _scanLogRotator = std::make_unique<ScanLogRotator>(_utils);
+    QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
+    _infectedFileActions =
+        new InfectedFileActions(list, _utils, [this](const QString &text) { appendToConsole(text); }, this);
+    // Rows kept from the last run still wait for the user.
+    _infectedItemsStore = new InfectedItemsStore(list, InfectedItemsStore::defaultPath(), this);
+    if (list->rowCount() > 0)
+        _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
 
     _throbberAnimationTimer.setInterval(125);
     // Filled while watching; the status menu shows it once it exists.
@@ -528,13 +537,35 @@ void KorvaneVarden_AppDelegate::userNotificationCenterDidActivateNotification()
     showInfectionListWindow(this);
 }
 
-// Not built yet: the file actions.
-void KorvaneVarden_AppDelegate::deleteFile(QObject *) {}
-void KorvaneVarden_AppDelegate::quarantineFile(QObject *) {}
-bool KorvaneVarden_AppDelegate::quarantineFileAtIndex(int) { return false; }
-void KorvaneVarden_AppDelegate::putBack(QObject *) {}
-void KorvaneVarden_AppDelegate::revealInFinder(QObject *) {}
-int KorvaneVarden_AppDelegate::checkIfLooksLikeMailAndPromptForFile(const QString &) { return -1; }
+void KorvaneVarden_AppDelegate::deleteFile(QObject *)
+{
+    _infectedFileActions->deleteFile();
+}
+
+void KorvaneVarden_AppDelegate::quarantineFile(QObject *)
+{
+    _infectedFileActions->quarantineFile();
+}
+
+bool KorvaneVarden_AppDelegate::quarantineFileAtIndex(int row)
+{
+    return _infectedFileActions->quarantineFileAtIndex(row);
+}
+
+void KorvaneVarden_AppDelegate::putBack(QObject *)
+{
+    _infectedFileActions->putBack();
+}
+
+void KorvaneVarden_AppDelegate::revealInFinder(QObject *)
+{
+    _infectedFileActions->revealInFinder();
+}
+
+int KorvaneVarden_AppDelegate::checkIfLooksLikeMailAndPromptForFile(const QString &path)
+{
+    return _infectedFileActions->checkIfLooksLikeMailAndPromptForFile(path);
+}
 
 // Not built yet: the path popup.
 void KorvaneVarden_AppDelegate::showInfectedPath(QObject *) {}

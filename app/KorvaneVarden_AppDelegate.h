@@ -17,6 +17,8 @@
 
 class Dispatcher;
 class EngineStatusReactions;
+class InfectedFileActions;
+class InfectedItemsStore;
 class InfectedItemsWindow;
 class QAction;
 class QMenu;
@@ -195,5 +197,7 @@ private:
     QToolBar *_toolbar = nullptr;
     bool _needGfslogger = false;
     EngineStatusReactions *_engineStatusReactions;
+    InfectedFileActions *_infectedFileActions;
+    InfectedItemsStore *_infectedItemsStore;
     std::unique_ptr<ScanLogRotator> _scanLogRotator;
 };

@@ -4,8 +4,12 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDesktopServices>
 #include <QFile>
+#include <QFileInfo>
 #include <QUrl>
 #include <QProcess>
 #include <QRegularExpression>
@@ -102,4 +106,28 @@ bool DesktopEntryWorkspace::isApplicationActive(const QString &identifier)
 bool DesktopEntryWorkspace::openFile(const QString &path)
 {
     return QDesktopServices::openUrl(QUrl::fromLocalFile(path));
+}
+
+bool DesktopEntryWorkspace::selectFile(const QString &path)
+{
+    const QUrl folder = QUrl::fromLocalFile(QFileInfo(path).path());
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return QDesktopServices::openUrl(folder);
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+        QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+    call << QStringList{QUrl::fromLocalFile(path).toString(QUrl::FullyEncoded)} << QString();
+    // Not waited for: a file manager started for the call may take a while,
+    // and the main thread must not hang on it.
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(call));
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, [folder](QDBusPendingCallWatcher *finished) {
+        if (finished->isError()) {
+            SystemLog::log(QStringLiteral("no file manager showed the file (%1); opening %2")
+                               .arg(finished->error().message(), folder.toLocalFile()));
+            QDesktopServices::openUrl(folder);
+        }
+        finished->deleteLater();
+    });
+    return true;
 }

@@ -11,6 +11,9 @@ public:
     bool launchAppWithBundleIdentifier(const QString &identifier) override;
     bool isApplicationActive(const QString &identifier) override;
     bool openFile(const QString &path) override;
+    // Through the file manager's org.freedesktop.FileManager1 service; where
+    // none answers, the file's folder is opened instead.
+    bool selectFile(const QString &path) override;
 
     // The program and arguments of a desktop entry's Exec line, with its
     // field codes dropped; empty when the entry cannot be used.

@@ -19,4 +19,12 @@ public:
     // home Trash first, then one or two per mounted volume. Folders are
     // named whether or not they exist yet; nothing is created.
     virtual QStringList trashFolders() const = 0;
+
+    // Moves a file or folder into the current user's Trash for its volume
+    // and answers its new path inside that Trash's files/ folder. On failure
+    // answers an empty string, sets *error, and the file stays where it was.
+    virtual QString moveToTrash(const QString &path, QString *error) = 0;
+    // After a trashed file was taken out again by hand: drops its record in
+    // the Trash. Paths outside a Trash's files/ folder are left alone.
+    virtual void forgetTrashedFile(const QString &pathInTrash) = 0;
 };

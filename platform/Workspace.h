@@ -20,6 +20,9 @@ public:
     virtual bool isApplicationActive(const QString &identifier) = 0;
     // Hands a file or folder to the desktop's default program for it.
     virtual bool openFile(const QString &path) = 0;
+    // Shows the file selected in a file viewer window of its own. Answers
+    // whether it could be handed on; the viewer may come up later.
+    virtual bool selectFile(const QString &path) = 0;
 
     // A folder that the desktop shows as one file: an application or
     // document bundle, named with one of the package extensions.

@@ -108,6 +108,7 @@ public:
     void setUpdateLogPath(const QString &path) { _updateLogPath = path; }
     QString pathToScanLog() const override { return _pathToScanLog; }
     QString quarantineLocation() const override { return _quarantineLocation; }
+    void setQuarantineLocation(const QString &path) { _quarantineLocation = path; }
     QString additionalCmdArgs() const override { return _additionalCmdArgs; }
     bool hasAdditionalCmdArgs() const override { return _hasAdditionalCmdArgs; }
     // Set by the engine checker on its thread, read by the other workers.

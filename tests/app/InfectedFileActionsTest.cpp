@@ -1,0 +1,365 @@
+#include "AgentFixture.h"
+
+#include "platform/Localization.h"
+#include "platform/NamedImage.h"
+#include "tests/support/FakeFileManager.h"
+#include "tests/support/MountedTmpfs.h"
+#include "ui/InfectedItemsStore.h"
+#include "ui/InfectedItemsWindow.h"
+#include "ui/QXTInfectedViewArrayController.h"
+#include "ui/QXTTableView.h"
+
+#include <QDBusConnection>
+#include <QDir>
+#include <QDirIterator>
+#include <QItemSelectionModel>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <functional>
+#include <sys/stat.h>
+
+namespace {
+
+int modeOf(const QString &path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
+}
+
+void fill(const QString &folder)
+{
+    QFile filler(folder + "/filler");
+    if (filler.open(QIODevice::WriteOnly))
+        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) { }
+}
+
+class InfectedFileActionsTest : public AgentFixture
+{
+protected:
+    void SetUp() override
+    {
+        AgentFixture::SetUp();
+        restart(false);
+    }
+
+    // A second controller in the same home, as after a quit or a reboot.
+    void restart(bool quitFirst = true)
+    {
+        if (quitFirst) {
+            agent.reset();
+            agent = std::make_unique<KorvaneVarden_AppDelegate>(engines());
+        }
+        agent->applicationDidFinishLaunching();
+        list = agent->infectedList();
+    }
+
+    // A listed file whose contents are its own path, so each can be counted.
+    QString infected(const QString &path)
+    {
+        const QString absolute = path.startsWith('/') ? path : home.filePath(path);
+        QDir().mkpath(QFileInfo(absolute).path());
+        QFile file(absolute);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(absolute.toUtf8()) > 0);
+        agent->addToInfectedListTheFile(QFileInfo(absolute).fileName(), absolute, "Korvane.Test.Eicar", "");
+        return absolute;
+    }
+
+    void select(std::initializer_list<int> rows) const
+    {
+        for (int row : rows)
+            agent->infectionListTableView()->selectionModel()->select(
+                list->index(row, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    }
+    void selectAll() const { agent->infectionListTableView()->selectAll(); }
+    InfectedItem row(int index) const { return list->arrangedObjects().value(index); }
+    QString value(int index, const char *key) const { return row(index).value(key).toString(); }
+    QString trash() const { return home.filePath(".local/share/Trash"); }
+    QString quarantine(const QString &folder = "Quarantine") const
+    {
+        QDir().mkpath(home.filePath(folder));
+        agent->utils()->setQuarantineLocation(home.filePath(folder));
+        return home.filePath(folder);
+    }
+
+    // Walks the folders: a move that lost or doubled a file shows here.
+    int copiesOf(const QByteArray &contents, const QString &otherRoot = {}) const
+    {
+        int copies = 0;
+        for (const QString &root : {home.path(), otherRoot}) {
+            QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+            while (!root.isEmpty() && it.hasNext()) {
+                QFile file(it.next());
+                copies += file.open(QIODevice::ReadOnly) && file.readAll() == contents;
+            }
+        }
+        return copies;
+    }
+    bool eachOnce(const QStringList &files) const
+    {
+        return std::all_of(files.begin(), files.end(), [this](const QString &f) { return copiesOf(f.toUtf8()) == 1; });
+    }
+
+    QXTInfectedViewArrayController *list = nullptr;
+};
+
+TEST_F(InfectedFileActionsTest, DeleteTrashesTheSelectionAndPutBackReturnsEachFileUnderTheNameItWasFoundBy)
+{
+    const QStringList files{infected("a/eicar.com"), infected("b/eicar.com"), infected("c/keep.com"),
+                            infected(".local/share/Trash/files/old.com")};
+    const InfectedItem untouched = row(2);
+    select({0, 1, 3});
+
+    agent->deleteFile(nullptr);
+
+    EXPECT_EQ(value(0, "filePath"), trash() + "/files/eicar.com");
+    EXPECT_EQ(value(1, "filePath"), trash() + "/files/eicar.2.com");
+    for (int i : {0, 1}) {
+        EXPECT_EQ(value(i, "status"), Localization::text("TRASHED"));
+        EXPECT_EQ(value(i, "originalFilePath"), files[i]);
+    }
+    EXPECT_EQ(row(2), untouched);
+    EXPECT_EQ(value(3, "filePath"), files[3]);
+    EXPECT_EQ(value(3, "status"), QString());
+    EXPECT_TRUE(list->selectionIndexes().isEmpty());
+    EXPECT_TRUE(eachOnce(files));
+
+    select({0, 1, 2});
+    agent->putBack(nullptr);
+
+    for (int i : {0, 1}) {
+        EXPECT_EQ(value(i, "filePath"), files[i]);
+        EXPECT_EQ(value(i, "status"), QString());
+        EXPECT_EQ(value(i, "originalFilePath"), QString());
+    }
+    EXPECT_EQ(list->selectionIndexes(), QList<int>({0, 1, 2}));
+    EXPECT_EQ(alerts.beeps, 0);
+    // The Trash forgets what was taken out of it.
+    EXPECT_TRUE(QDir(trash() + "/info").entryList(QDir::Files).isEmpty());
+    EXPECT_TRUE(eachOnce(files));
+}
+
+TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPutBackRestoresTheMode)
+{
+    const QString folder = quarantine();
+    home.writeFile("Quarantine/invoice.pdf", "occupant");
+    const QStringList files{infected("x/invoice.pdf"), infected("y/invoice.pdf"), infected("z/plain"),
+                            infected("w/trashed.com")};
+    ::chmod(QFile::encodeName(files[0]), 0750);
+    select({3});
+    agent->deleteFile(nullptr);
+    selectAll();
+
+    agent->quarantineFile(nullptr);
+
+    const QRegularExpressionMatch stamp = QRegularExpression("^invoice (\\d\\d\\.\\d\\d\\.\\d\\d)\\.pdf$")
+                                              .match(QFileInfo(value(0, "filePath")).fileName());
+    ASSERT_TRUE(stamp.hasMatch()) << value(0, "filePath").toStdString();
+    EXPECT_EQ(value(1, "filePath"), folder + "/invoice " + stamp.captured(1) + ' ' + stamp.captured(1) + ".pdf");
+    EXPECT_EQ(value(2, "filePath"), folder + "/plain");
+    for (int i : {0, 1, 2}) {
+        EXPECT_EQ(value(i, "status"), Localization::text("QUARANTINED"));
+        EXPECT_EQ(value(i, "originalFilePath"), files[i]);
+    }
+    EXPECT_EQ(value(3, "status"), Localization::text("TRASHED"));
+    EXPECT_EQ(modeOf(value(0, "filePath")), 0640);
+    EXPECT_TRUE(list->selectionIndexes().isEmpty());
+    EXPECT_FALSE(agent->quarantineFileAtIndex(0));
+    EXPECT_EQ(copiesOf("occupant"), 1);
+    EXPECT_TRUE(eachOnce(files));
+
+    selectAll();
+    agent->putBack(nullptr);
+
+    for (int i : {0, 1, 2, 3})
+        EXPECT_EQ(value(i, "filePath"), files[i]);
+    EXPECT_EQ(modeOf(files[0]), 0750);
+    EXPECT_EQ(alerts.beeps, 0);
+    EXPECT_TRUE(eachOnce(files));
+}
+
+TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTheyWere)
+{
+    enum Action { Quarantine, Delete, PutBack };
+    const QString taken = "File %1 cannot be put back to %2 as something already exists in that location.";
+    const QString prevented = "Something prevented %1 from being put back to %2. Please investigate this and put "
+                              "the file back manually.";
+    const auto vanish
+        = [this](const QString &file, const QString &) { QFile::rename(value(0, "filePath"), file + "~"); };
+    const struct
+    {
+        const char *name;
+        Action action;
+        bool needsVolume;
+        QString message;
+        std::function<void(const QString &file, const QString &volume)> spoil;
+    } cases[] = {
+        {"quarantine without a folder",
+         Quarantine,
+         false,
+         {},
+         [this](const QString &, const QString &) { agent->utils()->setQuarantineLocation({}); }},
+        {"quarantine into a folder that vanished",
+         Quarantine,
+         false,
+         {},
+         [this](const QString &, const QString &) { QDir(agent->utils()->quarantineLocation()).removeRecursively(); }},
+        {"quarantine onto another file system",
+         Quarantine,
+         true,
+         {},
+         [this](const QString &, const QString &volume) { agent->utils()->setQuarantineLocation(volume); }},
+        {"quarantine of a file that vanished", Quarantine, false, {}, vanish},
+        {"delete of a file that vanished", Delete, false, {}, vanish},
+        {"delete on a full disk", Delete, true, {}, [](const QString &, const QString &volume) { fill(volume); }},
+        {"put back onto a taken name", PutBack, false, taken,
+         [](const QString &file, const QString &) {
+             QFile newcomer(file);
+             newcomer.open(QIODevice::WriteOnly);
+         }},
+        {"put back into a folder that vanished", PutBack, false, prevented,
+         [](const QString &file, const QString &) { QDir(QFileInfo(file).path()).removeRecursively(); }},
+        {"put back of a file that vanished", PutBack, false, prevented, vanish},
+    };
+    int number = 0;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const QString folder = QStringLiteral("case%1").arg(++number);
+        std::unique_ptr<MountedTmpfs> volume;
+        if (c.needsVolume) {
+            volume = std::make_unique<MountedTmpfs>(64 * 1024);
+            if (!volume->isMounted()) {
+                std::cout << "skipped " << c.name << ": " << volume->reason().toStdString() << '\n';
+                continue;
+            }
+        }
+        agent->clearInfectedList(nullptr);
+        quarantine(folder + "-Quarantine");
+        const bool onVolume = c.action == Delete && volume;
+        const QString file = infected((onVolume ? volume->path() : home.filePath(folder)) + "/eicar.com");
+        if (c.action == PutBack) {
+            select({0});
+            agent->quarantineFile(nullptr);
+        }
+        const InfectedItem before = row(0);
+        c.spoil(file, volume ? volume->path() : QString());
+        const int beeps = alerts.beeps;
+        select({0});
+
+        c.action == Quarantine   ? agent->quarantineFile(nullptr)
+            : c.action == Delete ? agent->deleteFile(nullptr)
+                                 : agent->putBack(nullptr);
+
+        EXPECT_EQ(row(0), before);
+        EXPECT_EQ(alerts.beeps, beeps + 1);
+        if (!c.message.isEmpty()) {
+            EXPECT_TRUE(log.contains("appendToConsole:" + c.message.arg(before.value("filePath").toString(), file)));
+        }
+        EXPECT_EQ(copiesOf(file.toUtf8(), volume ? volume->path() : QString()), 1);
+    }
+}
+
+TEST_F(InfectedFileActionsTest, AFileInAMailStoreIsMovedOnlyWhenTheUserSaysYesOncePerFile)
+{
+    EXPECT_EQ(agent->checkIfLooksLikeMailAndPromptForFile(home.filePath("Downloads/x")), -1);
+    const QStringList files{infected(".thunderbird/p/Mail/Inbox"), infected("Maildir/cur/1.eml"),
+                            infected("Downloads/x.com")};
+    // The default button is "No".
+    alerts.answers = {AlertPresenter::DefaultReturn, AlertPresenter::AlternateReturn};
+    selectAll();
+    agent->deleteFile(nullptr);
+
+    ASSERT_EQ(alerts.alerts.size(), 2);
+    const AlertPresenter::Alert &asked = alerts.alerts.first();
+    EXPECT_EQ(asked.messageText, Localization::text("ARE_YOU_SURE").replace("%@", "Inbox"));
+    EXPECT_EQ(QStringList({asked.defaultButton, asked.alternateButton, asked.otherButton}),
+              QStringList({Localization::text("NO"), Localization::text("YES"), QString()}));
+    EXPECT_EQ(value(0, "filePath"), files[0]);
+    EXPECT_EQ(value(1, "filePath"), trash() + "/files/1.eml");
+    EXPECT_EQ(value(2, "filePath"), trash() + "/files/x.com");
+
+    quarantine();
+    alerts.answers = {AlertPresenter::DefaultReturn};
+    EXPECT_FALSE(agent->quarantineFileAtIndex(0));
+    EXPECT_EQ(alerts.alerts.size(), 3);
+    EXPECT_EQ(value(0, "filePath"), files[0]);
+    EXPECT_TRUE(eachOnce(files));
+}
+
+TEST_F(InfectedFileActionsTest, RevealAsksTheFileManagerToShowEachSelectedFileAndChangesNothing)
+{
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "file-manager");
+    {
+        FakeFileManager fileManager(bus);
+        ASSERT_TRUE(fileManager.isRegistered());
+        infected("a/one.com");
+        infected("b/two.com");
+        infected("c/50% off.com");
+        select({0, 2});
+        const QList<InfectedItem> before = list->arrangedObjects();
+
+        agent->revealInFinder(nullptr);
+
+        ASSERT_TRUE(QTest::qWaitFor([&] { return fileManager.calls().size() == 2; }, 10000));
+        EXPECT_EQ(fileManager.calls().at(0).uris, QStringList{"file://" + home.filePath("a/one.com")});
+        EXPECT_EQ(fileManager.calls().at(1).uris, QStringList{"file://" + home.filePath("c/50%25%20off.com")});
+        EXPECT_EQ(fileManager.calls().at(1).startupId, QString(""));
+        EXPECT_EQ(list->arrangedObjects(), before);
+        EXPECT_EQ(list->selectionIndexes(), QList<int>({0, 2}));
+    }
+    QDBusConnection::disconnectFromBus("file-manager");
+}
+
+TEST_F(InfectedFileActionsTest, TheListSurvivesARestartAndFilesCanBePutBackThen)
+{
+    quarantine();
+    const QStringList files{infected("a/run.sh"), infected("b/doc.pdf"), infected("c/left.com")};
+    ::chmod(QFile::encodeName(files[0]), 0755);
+    select({0});
+    agent->quarantineFile(nullptr);
+    select({1});
+    agent->deleteFile(nullptr);
+    const QList<InfectedItem> before = list->arrangedObjects();
+
+    restart();
+
+    EXPECT_EQ(list->arrangedObjects(), before);
+    EXPECT_EQ(agent->throbberWatchingImage().pixmap(16).toImage(),
+              NamedImage::imageNamed("watchingWithAlert").pixmap(16).toImage());
+    selectAll();
+    agent->putBack(nullptr);
+    for (int i : {0, 1, 2})
+        EXPECT_EQ(value(i, "filePath"), files[i]);
+    EXPECT_EQ(modeOf(files[0]), 0755);
+    EXPECT_TRUE(eachOnce(files));
+
+    agent->clearInfectedList(nullptr);
+    restart();
+    EXPECT_EQ(list->rowCount(), 0);
+}
+
+TEST_F(InfectedFileActionsTest, AListFileThatCannotBeReadIsKeptAsideAndTheAgentStartsEmpty)
+{
+    const QString path = InfectedItemsStore::defaultPath();
+    const QByteArray malformed[] = {
+        R"({"items": [{"fileName": "a")",
+        R"({"items": [{"fileName": "a", "infectionName": "N", "status": "", "filePath": 7}]})",
+    };
+    const QString aside[] = {path + ".malformed", path + ".malformed-2"};
+    for (int i : {0, 1}) {
+        home.writeFile(path.mid(home.path().size() + 1), malformed[i]);
+        restart();
+
+        EXPECT_EQ(list->rowCount(), 0);
+        QFile kept(aside[i]);
+        ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+        EXPECT_EQ(kept.readAll(), malformed[i]);
+        EXPECT_TRUE(log.anyContains(aside[i]));
+    }
+
+    infected("a/new.com");
+    restart();
+    EXPECT_EQ(list->rowCount(), 1);
+}
+
+} // namespace

@@ -1,0 +1,180 @@
+#include "InfectedFileActions.h"
+
+#include "QXTInfectedViewArrayController.h"
+#include "Tarnlib/Tarnlib/QXUtils.h"
+#include "platform/AlertPresenter.h"
+#include "platform/FileMove.h"
+#include "platform/Localization.h"
+#include "platform/SystemBeep.h"
+#include "platform/SystemLog.h"
+#include "platform/Trash.h"
+#include "platform/Workspace.h"
+
+#include <QFileInfo>
+#include <QTime>
+
+#include <cerrno>
+
+const QString InfectedFileActions::fileModeKey = QStringLiteral("fileMode");
+
+namespace {
+
+const QString filePathKey = QStringLiteral("filePath");
+const QString originalFilePathKey = QStringLiteral("originalFilePath");
+const QString statusKey = QStringLiteral("status");
+
+// A name that only starts with a dot has no extension.
+QString extensionOf(const QString &path)
+{
+    const QString name = QFileInfo(path).fileName();
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    return dot > 0 ? name.mid(dot + 1) : QString();
+}
+
+} // namespace
+
+InfectedFileActions::InfectedFileActions(QXTInfectedViewArrayController *list, QXUtils *utils,
+                                         std::function<void(const QString &)> console, QObject *parent)
+    : QObject(parent)
+    , _list(list)
+    , _utils(utils)
+    , _console(std::move(console))
+{
+}
+
+int InfectedFileActions::checkIfLooksLikeMailAndPromptForFile(const QString &path)
+{
+    if (!_utils->checkIfPathLooksLikeEmail(path))
+        return -1;
+    const QString message = Localization::text("ARE_YOU_SURE").replace(QLatin1String("%@"), QFileInfo(path).fileName());
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {message, Localization::text("NO"), Localization::text("YES"), QString(), QString()});
+    return answer == AlertPresenter::DefaultReturn ? 0 : 1;
+}
+
+void InfectedFileActions::deleteFile()
+{
+    for (int row : _list->selectionIndexes()) {
+        InfectedItem item = _list->arrangedObjects().value(row);
+        const QString path = item.value(filePathKey).toString();
+        if (_utils->isFileInTrash(path) || checkIfLooksLikeMailAndPromptForFile(path) == 0)
+            continue;
+        QString error;
+        const QString trashed = Trash::sharedTrash()->moveToTrash(path, &error);
+        if (trashed.isEmpty()) {
+            SystemLog::log(QStringLiteral("could not move %1 to the Trash: %2").arg(path, error));
+            SystemBeep::beep();
+            continue;
+        }
+        // A quarantined file sent on to the Trash comes back to quarantine,
+        // where it stays without its execute bits.
+        item.remove(fileModeKey);
+        item.insert(statusKey, Localization::text("TRASHED"));
+        item.insert(originalFilePathKey, path);
+        item.insert(filePathKey, trashed);
+        _list->replaceObjectAtRow(row, item);
+    }
+    _list->clearSelection();
+}
+
+void InfectedFileActions::quarantineFile()
+{
+    for (int row : _list->selectionIndexes())
+        quarantineFileAtIndex(row);
+    _list->clearSelection();
+}
+
+QString InfectedFileActions::stampedName(const QString &target, const QString &stamp)
+{
+    const QString extension = extensionOf(target);
+    if (extension.isEmpty())
+        return target + QLatin1Char(' ') + stamp;
+    return target.chopped(extension.size() + 1) + QLatin1Char(' ') + stamp + QLatin1Char('.') + extension;
+}
+
+bool InfectedFileActions::quarantineFileAtIndex(int row)
+{
+    if (row < 0 || row >= _list->rowCount())
+        return false;
+    InfectedItem item = _list->arrangedObjects().at(row);
+    const QString path = item.value(filePathKey).toString();
+    if (checkIfLooksLikeMailAndPromptForFile(path) == 0)
+        return false;
+    if (!item.value(statusKey).toString().isEmpty())
+        return false;
+
+    const QString folder = _utils->quarantineLocation();
+    if (folder.isEmpty()) {
+        SystemLog::log(QStringLiteral("could not quarantine %1: no quarantine folder is set").arg(path));
+        SystemBeep::beep();
+        return false;
+    }
+    QString target = folder + QLatin1Char('/') + QFileInfo(path).fileName();
+    const QString stamp = QTime::currentTime().toString(QStringLiteral("HH.mm.ss"));
+    while (FileMove::exists(target))
+        target = stampedName(target, stamp);
+
+    const int mode = FileMove::regularFileMode(path);
+    const int error = FileMove::moveWithoutReplacing(path, target);
+    if (error != 0) {
+        SystemLog::log(
+            QStringLiteral("could not quarantine %1 to %2: %3").arg(path, target, FileMove::errorText(error)));
+        SystemBeep::beep();
+        return false;
+    }
+    // Folders keep their bits: without them nobody could look inside.
+    if (mode >= 0) {
+        if (!FileMove::setMode(target, mode & ~0111))
+            SystemLog::log(
+                QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
+        item.insert(fileModeKey, QString::number(mode, 8));
+    }
+    item.insert(statusKey, Localization::text("QUARANTINED"));
+    item.insert(originalFilePathKey, path);
+    item.insert(filePathKey, target);
+    _list->replaceObjectAtRow(row, item);
+    return true;
+}
+
+void InfectedFileActions::putBack()
+{
+    for (int row : _list->selectionIndexes()) {
+        InfectedItem item = _list->arrangedObjects().value(row);
+        const QString path = item.value(filePathKey).toString();
+        const QString home = item.value(originalFilePathKey).toString();
+        if (home.isEmpty() || home == path)
+            continue;
+        int error = FileMove::exists(home) ? EEXIST : FileMove::moveWithoutReplacing(path, home);
+        if (error == EEXIST) {
+            SystemBeep::beep();
+            _console(QStringLiteral("File %1 cannot be put back to %2 as something already exists in that location.")
+                         .arg(path, home));
+            continue;
+        }
+        if (error != 0) {
+            SystemLog::log(QStringLiteral("could not move %1 to %2: %3").arg(path, home, FileMove::errorText(error)));
+            SystemBeep::beep();
+            _console(QStringLiteral("Something prevented %1 from being put back to %2. Please investigate this and put "
+                                    "the file back manually.")
+                         .arg(path, home));
+            continue;
+        }
+        bool knownMode = false;
+        const int mode = item.value(fileModeKey).toString().toInt(&knownMode, 8);
+        if (knownMode && !FileMove::setMode(home, mode))
+            SystemLog::log(QStringLiteral("could not give %1 back its mode %2: %3")
+                               .arg(home, QString::number(mode, 8), FileMove::errorText(errno)));
+        Trash::sharedTrash()->forgetTrashedFile(path);
+        item.insert(statusKey, QString(""));
+        item.insert(filePathKey, home);
+        item.insert(originalFilePathKey, QString(""));
+        item.remove(fileModeKey);
+        _list->replaceObjectAtRow(row, item);
+    }
+}
+
+void InfectedFileActions::revealInFinder()
+{
+    for (const InfectedItem &item : _list->selectedObjects())
+        Workspace::sharedWorkspace()->selectFile(item.value(filePathKey).toString());
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "InfectedItem.h"
+
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+class QXTInfectedViewArrayController;
+class QXUtils;
+
+// What the user does with the listed files: move them to the Trash or into
+// the quarantine folder, put them back where they were found, or show them
+// in the file viewer. Each move is a rename within one file system; one
+// that fails beeps and leaves the file and its row as they were.
+class InfectedFileActions : public QObject
+{
+    Q_OBJECT
+public:
+    // console takes the messages of put back.
+    InfectedFileActions(QXTInfectedViewArrayController *list, QXUtils *utils,
+                        std::function<void(const QString &)> console, QObject *parent = nullptr);
+
+    void deleteFile();
+    void quarantineFile();
+    bool quarantineFileAtIndex(int row);
+    void putBack();
+    void revealInFinder();
+    // -1 not in a mail store, 0 the user declined, 1 the user confirmed.
+    int checkIfLooksLikeMailAndPromptForFile(const QString &path);
+
+    // The row's key for the permission bits a quarantined file had, in
+    // octal, so that put back can give them back.
+    static const QString fileModeKey;
+    // The quarantine name for a taken target: "invoice.pdf" at 14:03:27
+    // becomes "invoice 14.03.27.pdf".
+    static QString stampedName(const QString &target, const QString &stamp);
+
+private:
+    QXTInfectedViewArrayController *_list;
+    QXUtils *_utils;
+    std::function<void(const QString &)> _console;
+};
