@@ -2,9 +2,25 @@
 
 #include "UserFolders.h"
 
+#include <QFile>
 #include <QStorageInfo>
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+// "$topdir/.Trash" counts only as a real folder with the sticky bit, not a
+// symbolic link: anyone who can write to the volume could make one.
+bool isSharedTrashUsable(const QString &top)
+{
+    struct stat status;
+    if (::lstat(QFile::encodeName(top + QStringLiteral("/.Trash")).constData(), &status) != 0)
+        return false;
+    return S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX);
+}
+
+} // namespace
 
 QString FreedesktopTrash::homeTrash()
 {
@@ -31,7 +47,9 @@ QStringList FreedesktopTrash::trashFolders() const
     QStringList folders{homeTrash()};
     for (const QString &root : volumeRoots()) {
         const QString top = root == QLatin1String("/") ? QString() : root;
-        folders << top + QStringLiteral("/.Trash/") + uid << top + QStringLiteral("/.Trash-") + uid;
+        if (isSharedTrashUsable(top))
+            folders << top + QStringLiteral("/.Trash/") + uid;
+        folders << top + QStringLiteral("/.Trash-") + uid;
     }
     return folders;
 }
