@@ -170,8 +170,6 @@ void KorvaneVarden_AppDelegate::startScan()
     _utils->determineWhatToExcludeFromThisScan();
     // The daemon's client takes no exclusions, so they are applied here.
     const QStringList toScan = _utils->leaveExcludedPathsOutOfBatch(itemsToScan);
-    if (toScan.size() < itemsToScan.size())
-        SystemLog::log(QStringLiteral("left out of this scan: %1").arg(itemsToScan.size() - toScan.size()));
     if (toScan.isEmpty()) {
         _utils->setScanning(false);
         _readyToScan = true;

@@ -359,16 +359,55 @@ QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch) cons
         folders << quarantine;
 
     QStringList kept;
-    for (const QString &path : batch) {
-        const bool excluded
-            = std::any_of(folders.begin(), folders.end(),
-                          [&](const QString &folder) { return isPathInsideFolder(path, folder); })
-            || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
-                           [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
-        if (!excluded)
-            kept << path;
-    }
+    int leftOut = 0;
+    for (const QString &path : batch)
+        kept << withoutExcludedParts(path, folders, leftOut);
+    if (leftOut > 0)
+        SystemLog::log(QStringLiteral("left out of this scan: %1").arg(leftOut));
     return kept;
+}
+
+bool QXUtils::isExcludedPath(const QString &path, const QStringList &folders) const
+{
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return isPathInsideFolder(path, folder); })
+        || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
+                       [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
+}
+
+QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const
+{
+    const QFileInfo info(path);
+    const bool isFolder = info.isDir() && !info.isSymLink();
+    const QString asFolder = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
+    // A pattern that names a folder with its trailing "/" covers the folder too.
+    if (isExcludedPath(path, folders) || (isFolder && isExcludedPath(asFolder, folders))) {
+        ++leftOut;
+        return {};
+    }
+    if (!isFolder)
+        return {path};
+
+    // The daemon scans a folder whole, so one holding something excluded is
+    // replaced by what it holds less that. Only the branches that lead to an
+    // excluded entry are opened; the rest stay single paths.
+    const bool mayHoldExcluded
+        = !_counterExcludes.isEmpty()
+        || std::any_of(folders.begin(), folders.end(), [&](const QString &folder) { return folder.startsWith(asFolder); });
+    if (!mayHoldExcluded)
+        return {path};
+    // Links and special files are left out as the daemon leaves them out of a folder.
+    const QStringList names
+        = QDir(path).entryList(QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
+    QStringList inside;
+    bool changed = false;
+    for (const QString &name : names) {
+        const QString child = asFolder + name;
+        const QStringList part = withoutExcludedParts(child, folders, leftOut);
+        changed = changed || part != QStringList{child};
+        inside << part;
+    }
+    return changed ? inside : QStringList{path};
 }
 
 void QXUtils::postToNotificationCenterWithTitle(const QString &title, const QString &message)

@@ -64,9 +64,10 @@ public:
     bool checkIfPathLooksLikeEmail(const QString &path) const;
     // Whether a path lies in one of the current user's Trash folders.
     bool isFileInTrash(const QString &path) const;
-    // The batch less what this scan leaves out: paths that satisfy one of
-    // the counterExcludes, and paths in the quarantine folder or the Trash,
-    // which the user put there after a scan found them.
+    // The batch less what this scan leaves out, logging how much: paths
+    // that satisfy one of the counterExcludes, and paths in the quarantine
+    // folder or the Trash, which the user put there after a scan found them.
+    // A folder that holds such paths is replaced by the rest of its contents.
     QStringList leaveExcludedPathsOutOfBatch(const QStringList &batch) const;
     void postToNotificationCenterWithTitle(const QString &title, const QString &message);
 
@@ -150,6 +151,8 @@ public:
 
 private:
     static bool isPathInsideFolder(const QString &path, const QString &folder);
+    bool isExcludedPath(const QString &path, const QStringList &folders) const;
+    QStringList withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
     void recordNeedsExit1FreshclamFlag(bool flag);

@@ -2,6 +2,7 @@
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "platform/Localization.h"
 #include "tests/support/FreshPreferences.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/MountedTmpfs.h"
 
 #include <QDir>
@@ -302,6 +303,34 @@ TEST_F(QXUtilsScanPolicyTest, BatchLosesExcludedMailQuarantinedAndTrashedPathsAn
     utils.determineWhatToExcludeFromThisScan();
     EXPECT_EQ(utils.leaveExcludedPathsOutOfBatch(batch),
               QStringList{mail} + QStringList{home.filePath("Quarantine/eicar.com")} + kept);
+}
+
+TEST_F(QXUtilsScanPolicyTest, FolderHoldingExcludedEntriesIsOpenedOnlyAlongTheBranchesThatLeadToThem)
+{
+    LogCapture log;
+    for (const char *file : {"W/Clean/a.txt", "W/Clean/b/c.txt", "W/Mixed/keep.txt", "W/Mixed/Private/eicar.com",
+                             "W/Mixed/deep/Private/eicar.com", "W/Mixed/deep/ok.txt", "W/AllPrivate/Private/eicar.com",
+                             ".local/share/Trash/files/eicar.com"})
+        home.writeFile(file, "x");
+    ASSERT_TRUE(QFile::link(home.filePath("W/Clean"), home.filePath("W/Mixed/link")));
+
+    prefer({{QStringLiteral("ExcludePatterns"), QVariantList{record("/Private/")}}});
+    utils.determineQuarantineSettings();
+    utils.determineWhatToExcludeFromThisScan();
+    EXPECT_EQ(utils.leaveExcludedPathsOutOfBatch(
+                  {home.filePath("W/Clean"), home.filePath("W/Mixed"), home.filePath("W/AllPrivate")}),
+              (QStringList{home.filePath("W/Clean"), home.filePath("W/Mixed/deep/ok.txt"),
+                           home.filePath("W/Mixed/keep.txt")}));
+    EXPECT_TRUE(log.contains(QStringLiteral("left out of this scan: 3"))) << log.lines().join('\n').toStdString();
+
+    // Without exclusion rules only the way down to the Trash is opened.
+    prefer({});
+    utils.determineWhatToExcludeFromThisScan();
+    const QStringList kept = utils.leaveExcludedPathsOutOfBatch({home.path()});
+    EXPECT_TRUE(kept.contains(home.filePath("W"))) << kept.join(' ').toStdString();
+    EXPECT_FALSE(kept.contains(home.path()));
+    for (const QString &path : kept)
+        EXPECT_FALSE(path.startsWith(home.filePath(".local/share/Trash"))) << path.toStdString();
 }
 
 } // namespace
