@@ -393,12 +393,13 @@ QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList
     // excluded entry are opened; the rest stay single paths.
     const bool mayHoldExcluded
         = !_counterExcludes.isEmpty()
-        || std::any_of(folders.begin(), folders.end(), [&](const QString &folder) { return folder.startsWith(asFolder); });
+        || std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return folder.startsWith(asFolder); });
     if (!mayHoldExcluded)
         return {path};
     // Links and special files are left out as the daemon leaves them out of a folder.
-    const QStringList names
-        = QDir(path).entryList(QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
+    const QStringList names = QDir(path).entryList(
+        QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
     QStringList inside;
     bool changed = false;
     for (const QString &name : names) {

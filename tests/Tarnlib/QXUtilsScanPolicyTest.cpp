@@ -109,7 +109,8 @@ TEST_F(QXUtilsScanPolicyTest, RecordsKeepTheirOrderMailStoresComeLastWhenMailIsN
     EXPECT_TRUE(utils.counterExcludes().isEmpty());
 
     prefer({{QStringLiteral("ScanEmail"), false},
-            {QStringLiteral("ExcludePatterns"), QVariantList{record("b.c"), record("x", false, false), record("^/tmp/", true)}}});
+            {QStringLiteral("ExcludePatterns"),
+             QVariantList{record("b.c"), record("x", false, false), record("^/tmp/", true)}}});
     for (int call = 0; call < 2; ++call) {
         utils.determineWhatToExcludeFromThisScan();
         EXPECT_FALSE(utils.scanEmailFiles());

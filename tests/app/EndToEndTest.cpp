@@ -169,8 +169,9 @@ TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhil
 {
     const QVariantMap privateFolder{{QStringLiteral("excludePattern"), QStringLiteral("/Watched/Private/")},
                                     {QStringLiteral("excludeEnabled"), true}};
-    home.writeDomain(companionDomain, {{QStringLiteral("VardenFolderArray"), QVariantList{folder(QStringLiteral("~/Watched"))}},
-                                       {QStringLiteral("ExcludePatterns"), QVariantList{privateFolder}}});
+    home.writeDomain(companionDomain,
+                     {{QStringLiteral("VardenFolderArray"), QVariantList{folder(QStringLiteral("~/Watched"))}},
+                      {QStringLiteral("ExcludePatterns"), QVariantList{privateFolder}}});
     const QString hidden = write("Private/eicar.com");
     const QString beside = write("eicar.com");
 

@@ -30,8 +30,8 @@ TEST_F(AgentFixture, BatchLosesItsExcludedPathsBeforeTheScanAndOneLeftEmptyStart
 
         const QStringList logged = log.lines().mid(before);
         EXPECT_TRUE(logged.contains(QStringLiteral("itemsToScan.count: %1").arg(row.batch.size())));
-        EXPECT_EQ(logged.filter(QStringLiteral("left out of this scan: ")),
-                  row.leftOut ? QStringList{QStringLiteral("left out of this scan: %1").arg(row.leftOut)} : QStringList{});
+        const QStringList leftOut{QStringLiteral("left out of this scan: %1").arg(row.leftOut)};
+        EXPECT_EQ(logged.filter(QStringLiteral("left out of this scan: ")), row.leftOut ? leftOut : QStringList{});
         const bool scanStarted = row.leftOut < row.batch.size();
         EXPECT_EQ(agent->utils()->scanning(), scanStarted);
         EXPECT_EQ(agent->readyToScan(), !scanStarted);
