@@ -336,9 +336,9 @@ bool QXUtils::checkIfPathLooksLikeEmail(const QString &path) const
 
 bool QXUtils::isPathInsideFolder(const QString &path, const QString &folder)
 {
-    // A separator must follow, or ".Trash-1" would hold user 1000's Trash.
     if (folder.isEmpty())
         return false;
+    // A separator must follow, or ".Trash-1" would hold user 1000's Trash.
     const QString inside = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
     return path == folder || path.startsWith(inside);
 }

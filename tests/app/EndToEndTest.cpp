@@ -178,7 +178,7 @@ TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhil
     ASSERT_TRUE(waitUntilListed(beside));
     ASSERT_TRUE(QTest::qWaitFor([&] { return log.anyContains(QStringLiteral("left out of this scan: ")); }, 30000));
     ASSERT_TRUE(waitUntilIdle());
-    EXPECT_EQ(listedPaths(), QStringList{beside}) << log.lines().join("\n").toStdString();
+    EXPECT_EQ(listedPaths(), QStringList{beside});
 
     QFile scanLog(agent->utils()->pathToScanLog());
     ASSERT_TRUE(scanLog.open(QIODevice::ReadOnly));
