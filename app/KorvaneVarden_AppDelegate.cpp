@@ -177,7 +177,14 @@ void KorvaneVarden_AppDelegate::startScan()
     _utils->setScanning(true);
     _utils->determineQuarantineSettings();
     _utils->determineWhatToExcludeFromThisScan();
-    _utils->scanFiles(itemsToScan);
+    // The daemon's client takes no exclusions, so they are applied here.
+    const QStringList toScan = _utils->leaveExcludedPathsOutOfBatch(itemsToScan);
+    if (toScan.isEmpty()) {
+        _utils->setScanning(false);
+        _readyToScan = true;
+        return;
+    }
+    _utils->scanFiles(toScan);
 }
 
 void KorvaneVarden_AppDelegate::scanStarted()

@@ -73,6 +73,8 @@ bool privateFolder(const QString &path, QString *error)
     return true;
 }
 
+// "$topdir/.Trash" counts only as a real folder (lstat: no link) with the
+// sticky bit: anyone who can write to the volume could make one.
 bool stickyFolder(const QString &path)
 {
     struct stat info;
@@ -136,7 +138,9 @@ QStringList FreedesktopTrash::trashFolders() const
     QStringList folders{homeTrash()};
     for (const QString &root : volumeRoots()) {
         const QString top = root == QLatin1String("/") ? QString() : root;
-        folders << top + QStringLiteral("/.Trash/") + uid << top + QStringLiteral("/.Trash-") + uid;
+        if (stickyFolder(top + QStringLiteral("/.Trash")))
+            folders << top + QStringLiteral("/.Trash/") + uid;
+        folders << top + QStringLiteral("/.Trash-") + uid;
     }
     return folders;
 }

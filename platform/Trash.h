@@ -17,7 +17,9 @@ public:
 
     // Every Trash folder of the current user that a file could be in, the
     // home Trash first, then one or two per mounted volume. Folders are
-    // named whether or not they exist yet; nothing is created.
+    // named whether or not they exist yet; nothing is created. A volume's
+    // "$topdir/.Trash/$uid" is named only when "$topdir/.Trash" is a sticky
+    // folder and no symbolic link, as freedesktop.org requires.
     virtual QStringList trashFolders() const = 0;
 
     // Moves a file or folder into the current user's Trash for its volume

@@ -13,6 +13,14 @@ QString fromEnvironment(const char *name, const QString &fallback)
     return value;
 }
 
+// The home folder to put before "/...": empty for a home of "/", so that
+// no path begins with "//".
+QString homePrefix()
+{
+    const QString home = QDir::homePath();
+    return home == QLatin1String("/") ? QString() : home;
+}
+
 } // namespace
 
 QString UserFolders::home()
@@ -42,7 +50,7 @@ QString UserFolders::launchAgents()
 
 QStringList UserFolders::mailStores()
 {
-    const QString h = home();
+    const QString h = homePrefix();
     return {h + QStringLiteral("/.thunderbird"), h + QStringLiteral("/.local/share/evolution/mail"),
             h + QStringLiteral("/.local/share/local-mail"), h + QStringLiteral("/.local/share/geary"),
             h + QStringLiteral("/.claws-mail"), h + QStringLiteral("/Maildir")};
@@ -53,6 +61,6 @@ QString UserFolders::expandTilde(const QString &path)
     if (path == QLatin1String("~"))
         return home();
     if (path.startsWith(QLatin1String("~/")))
-        return home() + path.mid(1);
+        return homePrefix() + path.mid(1);
     return path;
 }

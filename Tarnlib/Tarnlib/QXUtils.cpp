@@ -21,6 +21,8 @@
 #include <QThreadPool>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace {
 
 QVariantMap exclusionRecord(const char *commentKey, const QString &pattern, bool regEx)
@@ -262,12 +264,65 @@ void QXUtils::stop()
 
 void QXUtils::determineQuarantineSettings()
 {
-    // Quarantine settings arrive with the scan policy.
+    _quarantineFiles = readPreferenceForKey(QStringLiteral("QuarantineInfected")).toBool();
+    _quarantineLocation = QString();
+    QVariant folder = readPreferenceForKey(QStringLiteral("QuarantineFolder"));
+    if (folder.typeId() == QMetaType::QVariantMap)
+        folder = folder.toMap().value(QStringLiteral("path"));
+    // Anything but a string names no folder.
+    if (folder.typeId() == QMetaType::QString)
+        _quarantineLocation = UserFolders::expandTilde(folder.toString());
+
+    if (!_quarantineFiles)
+        return;
+    if (!_quarantineLocation.isEmpty() && _quarantineLocation != QLatin1String("/")
+        && QFileInfo::exists(_quarantineLocation))
+        return;
+    _quarantineFiles = false;
+    appendToConsole(Localization::text("QUARANTINE_PROBLEM"));
+}
+
+QString QXUtils::escapedLiteralPattern(const QString &pattern)
+{
+    QString escaped = pattern;
+    escaped.remove(QLatin1Char('~'));
+    // The backslash first, so that the ones added below stay single.
+    escaped.replace(QLatin1String("\\"), QLatin1String("\\\\"));
+    for (const char *special : {"[", "^", "$", ".", "|", "?", "*", "+", "(", ")"})
+        escaped.replace(QLatin1String(special), QStringLiteral("\\") + QLatin1String(special));
+    return escaped;
 }
 
 void QXUtils::determineWhatToExcludeFromThisScan()
 {
-    // Exclusions arrive with the scan policy.
+    QStringList arguments;
+    QList<QXExclusionPredicate> predicates;
+    const QVariantList records = readPreferenceForKey(QStringLiteral("ExcludePatterns")).toList();
+    for (const QVariant &entry : records) {
+        const QVariantMap record = entry.toMap();
+        const QString pattern = record.value(QStringLiteral("excludePattern")).toString();
+        if (!record.value(QStringLiteral("excludeEnabled")).toBool() || pattern.isEmpty())
+            continue;
+        if (record.value(QStringLiteral("excludeRegEx")).toBool()) {
+            arguments << QStringLiteral("--exclude=%1").arg(pattern) << QStringLiteral("--exclude-dir=%1").arg(pattern);
+            predicates << QXExclusionPredicate::matching(pattern);
+        } else {
+            const QString escaped = escapedLiteralPattern(pattern);
+            arguments << QStringLiteral("--exclude=%1").arg(escaped) << QStringLiteral("--exclude-dir=%1").arg(escaped);
+            predicates << QXExclusionPredicate::containing(pattern);
+        }
+    }
+
+    _scanEmailFiles = readPreferenceForKey(QStringLiteral("ScanEmail")).toBool();
+    if (!_scanEmailFiles) {
+        for (const QString &store : _emailDirPaths) {
+            arguments << QStringLiteral("--exclude-dir=%1").arg(store);
+            predicates << QXExclusionPredicate::containing(store);
+        }
+    }
+
+    _exclusionStrings = arguments;
+    _counterExcludes = predicates;
 }
 
 bool QXUtils::checkIfPathLooksLikeEmail(const QString &path) const
@@ -279,13 +334,81 @@ bool QXUtils::checkIfPathLooksLikeEmail(const QString &path) const
     return false;
 }
 
+bool QXUtils::isPathInsideFolder(const QString &path, const QString &folder)
+{
+    if (folder.isEmpty())
+        return false;
+    // A separator must follow, or ".Trash-1" would hold user 1000's Trash.
+    const QString inside = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
+    return path == folder || path.startsWith(inside);
+}
+
 bool QXUtils::isFileInTrash(const QString &path) const
 {
-    for (const QString &folder : Trash::sharedTrash()->trashFolders()) {
-        if (path.startsWith(folder))
-            return true;
+    const QStringList folders = Trash::sharedTrash()->trashFolders();
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return isPathInsideFolder(path, folder); });
+}
+
+QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch) const
+{
+    QStringList folders = Trash::sharedTrash()->trashFolders();
+    // "/" is an unusable quarantine folder and must not leave everything out.
+    const QString quarantine = QDir::cleanPath(_quarantineLocation);
+    if (!_quarantineLocation.isEmpty() && quarantine != QLatin1String("/"))
+        folders << quarantine;
+
+    QStringList kept;
+    int leftOut = 0;
+    for (const QString &path : batch)
+        kept << withoutExcludedParts(path, folders, leftOut);
+    if (leftOut > 0)
+        SystemLog::log(QStringLiteral("left out of this scan: %1").arg(leftOut));
+    return kept;
+}
+
+bool QXUtils::isExcludedPath(const QString &path, const QStringList &folders) const
+{
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return isPathInsideFolder(path, folder); })
+        || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
+                       [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
+}
+
+QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const
+{
+    const QFileInfo info(path);
+    const bool isFolder = info.isDir() && !info.isSymLink();
+    const QString asFolder = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
+    // A pattern that names a folder with its trailing "/" covers the folder too.
+    if (isExcludedPath(path, folders) || (isFolder && isExcludedPath(asFolder, folders))) {
+        ++leftOut;
+        return {};
     }
-    return false;
+    if (!isFolder)
+        return {path};
+
+    // The daemon scans a folder whole, so one holding something excluded is
+    // replaced by what it holds less that. Only the branches that lead to an
+    // excluded entry are opened; the rest stay single paths.
+    const bool mayHoldExcluded
+        = !_counterExcludes.isEmpty()
+        || std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return folder.startsWith(asFolder); });
+    if (!mayHoldExcluded)
+        return {path};
+    // Links and special files are left out as the daemon leaves them out of a folder.
+    const QStringList names = QDir(path).entryList(
+        QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
+    QStringList inside;
+    bool changed = false;
+    for (const QString &name : names) {
+        const QString child = asFolder + name;
+        const QStringList part = withoutExcludedParts(child, folders, leftOut);
+        changed = changed || part != QStringList{child};
+        inside << part;
+    }
+    return changed ? inside : QStringList{path};
 }
 
 void QXUtils::postToNotificationCenterWithTitle(const QString &title, const QString &message)
@@ -378,7 +501,7 @@ void QXUtils::updateProgressBar()
 
 void QXUtils::appendToConsole(const QString &text)
 {
-    if (_delegate->respondsTo(QXUtilsDelegate::Optional::AppendToConsole))
+    if (_delegate && _delegate->respondsTo(QXUtilsDelegate::Optional::AppendToConsole))
         _delegate->appendToConsole(text);
 }
 

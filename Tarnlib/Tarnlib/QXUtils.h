@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QXEngineCheckerDelegate.h"
+#include "QXExclusionPredicate.h"
 #include "QXScannerDelegate.h"
 #include "QXUpdaterDelegate.h"
 
@@ -8,7 +9,6 @@
 #include <QMutex>
 #include <QObject>
 #include <QPair>
-#include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -64,6 +64,11 @@ public:
     bool checkIfPathLooksLikeEmail(const QString &path) const;
     // Whether a path lies in one of the current user's Trash folders.
     bool isFileInTrash(const QString &path) const;
+    // The batch less what this scan leaves out, logging how much: paths
+    // that satisfy one of the counterExcludes, and paths in the quarantine
+    // folder or the Trash, which the user put there after a scan found them.
+    // A folder that holds such paths is replaced by the rest of its contents.
+    QStringList leaveExcludedPathsOutOfBatch(const QStringList &batch) const;
     void postToNotificationCenterWithTitle(const QString &title, const QString &message);
 
     // Questions the delegate answers.
@@ -123,7 +128,7 @@ public:
     bool useClamd() const override { return _useClamd; }
     bool quarantineFiles() const override { return _quarantineFiles; }
     QStringList exclusionStrings() const override { return _exclusionStrings; }
-    QList<QRegularExpression> counterExcludes() const { return _counterExcludes; }
+    QList<QXExclusionPredicate> counterExcludes() const { return _counterExcludes; }
     QStringList exclusionStringsForRootVolScan() const override { return _exclusionStringsForRootVolScan; }
     bool scanning() const { return _scanning; }
     void setScanning(bool flag) { _scanning = flag; }
@@ -142,7 +147,13 @@ public:
     UserDefaultsController *preferences() const { return _preferences; }
     QStringList emailDirPaths() const { return _emailDirPaths; }
 
+    // A literal exclusion pattern made safe for the engine's regular expressions.
+    static QString escapedLiteralPattern(const QString &pattern);
+
 private:
+    static bool isPathInsideFolder(const QString &path, const QString &folder);
+    bool isExcludedPath(const QString &path, const QStringList &folders) const;
+    QStringList withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
     void recordNeedsExit1FreshclamFlag(bool flag);
@@ -171,7 +182,7 @@ private:
     bool _wantUpdatePercentages = false;
     bool _quarantineFiles = false;
     QStringList _exclusionStrings;
-    QList<QRegularExpression> _counterExcludes;
+    QList<QXExclusionPredicate> _counterExcludes;
     QStringList _exclusionStringsForRootVolScan;
     bool _scanning = false;
     bool _updating = false;

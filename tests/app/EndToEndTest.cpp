@@ -165,4 +165,26 @@ TEST_F(EndToEndTest, RestartingTheWatchLosesNoFileThatIsAlreadyWaiting)
     ASSERT_TRUE(waitUntilListed(late));
 }
 
+TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhileOneBesideItIs)
+{
+    const QVariantMap privateFolder{{QStringLiteral("excludePattern"), QStringLiteral("/Watched/Private/")},
+                                    {QStringLiteral("excludeEnabled"), true}};
+    home.writeDomain(companionDomain,
+                     {{QStringLiteral("VardenFolderArray"), QVariantList{folder(QStringLiteral("~/Watched"))}},
+                      {QStringLiteral("ExcludePatterns"), QVariantList{privateFolder}}});
+    const QString hidden = write("Private/eicar.com");
+    const QString beside = write("eicar.com");
+
+    ASSERT_TRUE(waitUntilListed(beside));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log.anyContains(QStringLiteral("left out of this scan: ")); }, 30000));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_EQ(listedPaths(), QStringList{beside});
+
+    QFile scanLog(agent->utils()->pathToScanLog());
+    ASSERT_TRUE(scanLog.open(QIODevice::ReadOnly));
+    const QByteArray logged = scanLog.readAll();
+    EXPECT_TRUE(logged.contains(beside.toUtf8() + ": "));
+    EXPECT_FALSE(logged.contains(hidden.toUtf8())) << logged.toStdString();
+}
+
 } // namespace
