@@ -21,6 +21,8 @@
 #include "platform/Workspace.h"
 #include "ui/EngineStatusReactions.h"
 #include "ui/InfectedItemsWindow.h"
+#include "ui/PathPopup.h"
+#include "ui/QXAttachedWindow.h"
 #include "ui/ScanLogRotator.h"
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
@@ -71,6 +73,9 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _dispatcher = new Dispatcher(this, this);
     _engineStatusReactions = new EngineStatusReactions(this, this);
     _scanLogRotator = std::make_unique<ScanLogRotator>(_utils);
+    _pathPopup = new PathPopup(_infectionListWindow, this);
+    connect(_infectionListWindow->dataSource(), &QXTInfectedViewArrayController::willRemoveSelectedObjects, this,
+            [this] { hideFloatingPathWindow(nullptr); });
 
     _throbberAnimationTimer.setInterval(125);
     // Filled while watching; the status menu shows it once it exists.
@@ -511,6 +516,7 @@ void KorvaneVarden_AppDelegate::showInfectionListWindow(QObject *)
 
 void KorvaneVarden_AppDelegate::removeSelectedFromInfectedList(QObject *)
 {
+    hideFloatingPathWindow(this);
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
     list->remove();
     list->clearSelection();
@@ -521,6 +527,7 @@ void KorvaneVarden_AppDelegate::clearInfectedList(QObject *)
     _infectionListWindow->dataSource()->removeAllObjects();
     _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watching"));
     _throbberStatusItem->setImage(_throbberWatchingImage);
+    hideFloatingPathWindow(this);
 }
 
 void KorvaneVarden_AppDelegate::userNotificationCenterDidActivateNotification()
@@ -536,9 +543,33 @@ void KorvaneVarden_AppDelegate::putBack(QObject *) {}
 void KorvaneVarden_AppDelegate::revealInFinder(QObject *) {}
 int KorvaneVarden_AppDelegate::checkIfLooksLikeMailAndPromptForFile(const QString &) { return -1; }
 
-// Not built yet: the path popup.
-void KorvaneVarden_AppDelegate::showInfectedPath(QObject *) {}
-void KorvaneVarden_AppDelegate::hideFloatingPathWindow(QObject *) {}
+void KorvaneVarden_AppDelegate::showInfectedPath(QObject *)
+{
+    // A click into the popup closes it, once the click is handled.
+    if (QXAttachedWindow *popup = _pathPopup->showForSelectedRow())
+        connect(popup, &QXAttachedWindow::didBecomeKey, this, [this] { hideFloatingPathWindow(nullptr); },
+                Qt::QueuedConnection);
+}
+
+void KorvaneVarden_AppDelegate::hideFloatingPathWindow(QObject *)
+{
+    _pathPopup->hide();
+}
+
+QXAttachedWindow *KorvaneVarden_AppDelegate::attachedWindow() const
+{
+    return _pathPopup->attachedWindow();
+}
+
+QWidget *KorvaneVarden_AppDelegate::popupFloaterView() const
+{
+    return _pathPopup->popupFloaterView();
+}
+
+QLabel *KorvaneVarden_AppDelegate::popupFloaterTextField() const
+{
+    return _pathPopup->popupFloaterTextField();
+}
 
 // The agent counts no files.
 void KorvaneVarden_AppDelegate::fileCounterReturned(qint64) {}

@@ -18,12 +18,15 @@
 class Dispatcher;
 class EngineStatusReactions;
 class InfectedItemsWindow;
+class PathPopup;
 class QAction;
+class QLabel;
 class QMenu;
 class QThreadPool;
 class QToolBar;
 class QXTInfectedViewArrayController;
 class QXTTableView;
+class QXAttachedWindow;
 class SCEvents;
 class ScanLogRotator;
 class StatusItem;
@@ -162,6 +165,9 @@ public:
     QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
     QToolBar *toolbar() const { return _toolbar; }
     bool needGfslogger() const { return _needGfslogger; }
+    QXAttachedWindow *attachedWindow() const;
+    QWidget *popupFloaterView() const;
+    QLabel *popupFloaterTextField() const;
 
 private:
     void observeCompanionAndWorkspace();
@@ -196,4 +202,6 @@ private:
     bool _needGfslogger = false;
     EngineStatusReactions *_engineStatusReactions;
     std::unique_ptr<ScanLogRotator> _scanLogRotator;
+    // Holds attachedWindow, popupFloaterView and popupFloaterTextField.
+    PathPopup *_pathPopup;
 };
