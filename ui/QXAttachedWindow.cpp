@@ -1,5 +1,6 @@
 #include "QXAttachedWindow.h"
 
+#include <QBitmap>
 #include <QGuiApplication>
 #include <QPainter>
 #include <QScreen>
@@ -388,6 +389,16 @@ QPainterPath QXAttachedWindow::_makeBackgroundPath() const
 void QXAttachedWindow::_updateBackground()
 {
     _backgroundPath = _makeBackgroundPath();
+    // Without a compositor the see-through parts would show black: the mask
+    // cuts them away, keeping a pixel around the shape for its smooth edge.
+    QBitmap mask(size());
+    mask.fill(Qt::color0);
+    QPainter painter(&mask);
+    painter.setPen(QPen(Qt::color1, 2));
+    painter.setBrush(Qt::color1);
+    painter.drawPath(_backgroundPath);
+    painter.end();
+    setMask(mask);
     update();
 }
 
