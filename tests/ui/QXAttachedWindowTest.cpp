@@ -183,7 +183,7 @@ TEST_F(AttachedWindowTest, TheCornerBesideAnArrowAtItIsSharpOnlyWhenAskedTo)
     }
 }
 
-TEST_F(AttachedWindowTest, TheShapeIsFilledAndBorderedAndTheArrowDrawnOnlyWhenAsked)
+TEST_F(AttachedWindowTest, TheShapeIsFilledBorderedAndCutOutAndTheArrowDrawnOnlyWhenAsked)
 {
     for (bool arrow : {true, false}) {
         SCOPED_TRACE(arrow ? "with arrow" : "without arrow");
@@ -201,6 +201,10 @@ TEST_F(AttachedWindowTest, TheShapeIsFilledAndBorderedAndTheArrowDrawnOnlyWhenAs
         EXPECT_EQ(image.pixelColor(60, 15).alpha(), 0);
         EXPECT_EQ(image.pixelColor(0, 0).alpha(), 0);
         EXPECT_EQ(image.pixelColor(102, 10).alpha() > 0, arrow);
+        // Outside the shape the window is cut away, also for clicks.
+        EXPECT_TRUE(window->mask().contains(QPoint(102, 40)));
+        EXPECT_FALSE(window->mask().contains(QPoint(0, 0)));
+        EXPECT_EQ(window->mask().contains(QPoint(102, 10)), arrow);
     }
 }
 
