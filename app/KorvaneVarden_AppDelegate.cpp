@@ -23,6 +23,8 @@
 #include "ui/InfectedFileActions.h"
 #include "ui/InfectedItemsStore.h"
 #include "ui/InfectedItemsWindow.h"
+#include "ui/PathPopup.h"
+#include "ui/QXAttachedWindow.h"
 #include "ui/ScanLogRotator.h"
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
@@ -80,6 +82,9 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _infectedItemsStore = new InfectedItemsStore(list, InfectedItemsStore::defaultPath(), this);
     if (list->rowCount() > 0)
         _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
+    _pathPopup = new PathPopup(_infectionListWindow, this);
+    connect(_infectionListWindow->dataSource(), &QXTInfectedViewArrayController::willRemoveSelectedObjects, this,
+            [this] { hideFloatingPathWindow(nullptr); });
 
     _throbberAnimationTimer.setInterval(125);
     // Filled while watching; the status menu shows it once it exists.
@@ -527,6 +532,7 @@ void KorvaneVarden_AppDelegate::showInfectionListWindow(QObject *)
 
 void KorvaneVarden_AppDelegate::removeSelectedFromInfectedList(QObject *)
 {
+    hideFloatingPathWindow(this);
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
     list->remove();
     list->clearSelection();
@@ -537,6 +543,7 @@ void KorvaneVarden_AppDelegate::clearInfectedList(QObject *)
     _infectionListWindow->dataSource()->removeAllObjects();
     _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watching"));
     _throbberStatusItem->setImage(_throbberWatchingImage);
+    hideFloatingPathWindow(this);
 }
 
 void KorvaneVarden_AppDelegate::userNotificationCenterDidActivateNotification()
@@ -574,9 +581,33 @@ int KorvaneVarden_AppDelegate::checkIfLooksLikeMailAndPromptForFile(const QStrin
     return _infectedFileActions->checkIfLooksLikeMailAndPromptForFile(path);
 }
 
-// Not built yet: the path popup.
-void KorvaneVarden_AppDelegate::showInfectedPath(QObject *) {}
-void KorvaneVarden_AppDelegate::hideFloatingPathWindow(QObject *) {}
+void KorvaneVarden_AppDelegate::showInfectedPath(QObject *)
+{
+    // A click into the popup closes it, once the click is handled.
+    if (QXAttachedWindow *popup = _pathPopup->showForSelectedRow())
+        connect(popup, &QXAttachedWindow::didBecomeKey, this, [this] { hideFloatingPathWindow(nullptr); },
+                Qt::QueuedConnection);
+}
+
+void KorvaneVarden_AppDelegate::hideFloatingPathWindow(QObject *)
+{
+    _pathPopup->hide();
+}
+
+QXAttachedWindow *KorvaneVarden_AppDelegate::attachedWindow() const
+{
+    return _pathPopup->attachedWindow();
+}
+
+QWidget *KorvaneVarden_AppDelegate::popupFloaterView() const
+{
+    return _pathPopup->popupFloaterView();
+}
+
+QLabel *KorvaneVarden_AppDelegate::popupFloaterTextField() const
+{
+    return _pathPopup->popupFloaterTextField();
+}
 
 // The agent counts no files.
 void KorvaneVarden_AppDelegate::fileCounterReturned(qint64) {}

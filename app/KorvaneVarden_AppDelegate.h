@@ -20,12 +20,15 @@ class EngineStatusReactions;
 class InfectedFileActions;
 class InfectedItemsStore;
 class InfectedItemsWindow;
+class PathPopup;
 class QAction;
+class QLabel;
 class QMenu;
 class QThreadPool;
 class QToolBar;
 class QXTInfectedViewArrayController;
 class QXTTableView;
+class QXAttachedWindow;
 class SCEvents;
 class ScanLogRotator;
 class StatusItem;
@@ -164,6 +167,9 @@ public:
     QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
     QToolBar *toolbar() const { return _toolbar; }
     bool needGfslogger() const { return _needGfslogger; }
+    QXAttachedWindow *attachedWindow() const;
+    QWidget *popupFloaterView() const;
+    QLabel *popupFloaterTextField() const;
 
 private:
     void observeCompanionAndWorkspace();
@@ -200,4 +206,6 @@ private:
     InfectedFileActions *_infectedFileActions;
     InfectedItemsStore *_infectedItemsStore;
     std::unique_ptr<ScanLogRotator> _scanLogRotator;
+    // Holds attachedWindow, popupFloaterView and popupFloaterTextField.
+    PathPopup *_pathPopup;
 };
