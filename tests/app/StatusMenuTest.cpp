@@ -106,93 +106,69 @@ protected:
     QXTInfectedViewArrayController *list = nullptr;
 };
 
-QString entry(const char *key, const char *action)
+// "KEY=action" per item, "-" per separator.
+QStringList items(const char *spec)
 {
-    return key ? Localization::text(key) + '|' + QLatin1String(action) : QStringLiteral("-");
+    QStringList items;
+    for (const QString &token : QString::fromLatin1(spec).split(' ', Qt::SkipEmptyParts))
+        items << (token == "-" ? token : Localization::text(token.section('=', 0, 0)) + '=' + token.section('=', 1));
+    return items;
 }
 
-QStringList describe(const QMenu *menu)
+QStringList items(const QMenu *menu)
 {
     QStringList items;
     for (const QAction *item : menu->actions())
-        items << (item->isSeparator() ? QStringLiteral("-") : item->text() + '|' + item->data().toString());
+        items << (item->isSeparator() ? QStringLiteral("-") : item->text() + '=' + item->data().toString());
     return items;
 }
 
 TEST_F(StatusMenuTest, BothMenusHoldTheirItemsInOrderAndAreWhereTheUserOpensThem)
 {
-    EXPECT_EQ(describe(agent->actionMenu()),
-              (QStringList{entry("SHOW_PATH", "showInfectedPath:"), entry("TOOLBAR_REVEAL", "revealInFinder:"),
-                           entry("TOOLBAR_QUARANTINE", "quarantineFile:"), entry("TOOLBAR_DELETE", "deleteFile:"),
-                           "-", entry("PUT_BACK", "putBack:"), "-",
-                           entry("REMOVE_FROM_LIST", "removeSelectedFromInfectedList:"),
-                           entry("TOOLBAR_INFECTIONLIST", "clearInfectedList:"), "-", entry("SELECT_ALL", "selectAll:"),
-                           entry("COPY", "copy:")}));
-    EXPECT_EQ(describe(agent->mainMenu()),
-              (QStringList{entry("ABOUT_MENU_ITEM", "about:"), "-", entry("FOLDERS_BEING_WATCHED", "doNothing:"),
-                           entry("ADD_REMOVE_MENU_ITEM", "addRemoveFolders:"), "-",
-                           entry("LAUNCH_KORVANE", "launchKorvane:"), entry("UPDATE_VIRUS_DEFINITIONS", "updateDefs:"),
-                           "-", entry("START_WATCHING", "startWatching:"), entry("STOP_WATCHING", "stopWatching:"),
-                           entry("RESTART_WATCHING", "restartWatching:"), "-",
-                           entry("SHOW_INFECTED_ITEMS", "showInfectionListWindow:"),
-                           entry("ACTION", "doNothingForActionMenu:"), "-", entry("OPEN_SCAN_LOG", "openScanLog:"),
-                           entry("OPEN_KORVANE_SCAN_LOG", "openKorvaneScanLog:"),
-                           entry("OPEN_UPDATE_LOG", "openUpdateLog:"), "-",
-                           entry("ABORT_SCANS_MENU_ITEM", "abortScans:"), entry("QUIT_MENU_ITEM", "quit:")}));
+    EXPECT_EQ(items(agent->actionMenu()),
+              items("SHOW_PATH=showInfectedPath: TOOLBAR_REVEAL=revealInFinder: TOOLBAR_QUARANTINE=quarantineFile: "
+                    "TOOLBAR_DELETE=deleteFile: - PUT_BACK=putBack: - REMOVE_FROM_LIST=removeSelectedFromInfectedList: "
+                    "TOOLBAR_INFECTIONLIST=clearInfectedList: - SELECT_ALL=selectAll: COPY=copy:"));
+    EXPECT_EQ(items(agent->mainMenu()),
+              items("ABOUT_MENU_ITEM=about: - FOLDERS_BEING_WATCHED=doNothing: ADD_REMOVE_MENU_ITEM=addRemoveFolders: - "
+                    "LAUNCH_KORVANE=launchKorvane: UPDATE_VIRUS_DEFINITIONS=updateDefs: - START_WATCHING=startWatching: "
+                    "STOP_WATCHING=stopWatching: RESTART_WATCHING=restartWatching: - "
+                    "SHOW_INFECTED_ITEMS=showInfectionListWindow: ACTION=doNothingForActionMenu: - "
+                    "OPEN_SCAN_LOG=openScanLog: OPEN_KORVANE_SCAN_LOG=openKorvaneScanLog: OPEN_UPDATE_LOG=openUpdateLog: "
+                    "- ABORT_SCANS_MENU_ITEM=abortScans: QUIT_MENU_ITEM=quit:"));
 
     EXPECT_EQ(agent->throbberStatusItem()->menu(), agent->mainMenu());
     EXPECT_EQ(item(agent->mainMenu(), "doNothing:")->menu(), agent->foldersBeingWatchedSubmenu());
     EXPECT_EQ(item(agent->mainMenu(), "doNothingForActionMenu:")->menu(), agent->actionMenu());
-
     // The action menu is the table's context menu too.
-    QXTTableView *table = agent->infectionListTableView();
-    emit table->customContextMenuRequested({4, 4});
+    emit agent->infectionListTableView()->customContextMenuRequested({4, 4});
     EXPECT_TRUE(agent->actionMenu()->isVisible());
     agent->actionMenu()->hide();
 }
 
 TEST_F(StatusMenuTest, EachItemIsEnabledExactlyInTheSituationsItsRuleNames)
 {
-    const QMap<QString, bool> ready{
-        {"about:", true},
-        {"doNothing:", false},
-        {"addRemoveFolders:", true},
-        {"launchKorvane:", true},
-        {"updateDefs:", true},
-        {"startWatching:", true},
-        {"stopWatching:", false},
-        {"restartWatching:", false},
-        {"showInfectionListWindow:", false},
-        {"doNothingForActionMenu:", false},
-        {"openScanLog:", false},
-        {"openKorvaneScanLog:", false},
-        {"openUpdateLog:", false},
-        {"abortScans:", false},
-        {"quit:", true},
-        {"showInfectedPath:", false},
-        {"revealInFinder:", false},
-        {"quarantineFile:", false},
-        {"deleteFile:", false},
-        {"putBack:", false},
-        {"removeSelectedFromInfectedList:", false},
-        {"clearInfectedList:", false},
-        {"selectAll:", false},
-        {"copy:", false},
-    };
+    const QStringList ready{"about:", "addRemoveFolders:", "launchKorvane:", "quit:", "startWatching:", "updateDefs:"};
+    const char *listed = "+showInfectionListWindow: +clearInfectedList:";
+    const char *selected = "+showInfectionListWindow: +clearInfectedList: +showInfectedPath: +revealInFinder: "
+                           "+removeSelectedFromInfectedList:";
     const QString trashed = UserFolders::dataHome() + QStringLiteral("/Trash/files/eicar.com");
-    const QMap<QString, bool> rowsListed{{"showInfectionListWindow:", true}, {"clearInfectedList:", true}};
-    auto selected = [&](QMap<QString, bool> changes) {
-        for (const char *action : {"showInfectedPath:", "revealInFinder:", "removeSelectedFromInfectedList:",
-                                   "showInfectionListWindow:", "clearInfectedList:"})
-            changes.insert(action, true);
-        return changes;
+    const auto writeLogs = [&] {
+        for (const QString &log : {scanLog(), korvaneScanLog(), home.filePath("freshclam.log")})
+            home.writeFile(QDir(home.path()).relativeFilePath(log), "log\n");
+    };
+    const auto focusTable = [&] {
+        agent->showInfectionListWindow(nullptr);
+        ASSERT_TRUE(QTest::qWaitForWindowActive(agent->infectionListWindow()));
+        agent->infectionListTableView()->setFocus();
     };
 
     struct Situation
     {
         const char *name;
         std::function<void()> arrange;
-        QMap<QString, bool> changes;
+        // Items enabled (+) or disabled (-) compared with the ready agent.
+        QStringList changes;
     };
     const QList<Situation> situations{
         {"ready, idle, nothing listed", [] {}, {}},
@@ -201,97 +177,71 @@ TEST_F(StatusMenuTest, EachItemIsEnabledExactlyInTheSituationsItsRuleNames)
              agent->setStartingUp(true);
              agent->setWatching(true);
              agent->utils()->setScanning(true);
-             for (const QString &log : {scanLog(), korvaneScanLog(), home.filePath("freshclam.log")})
-                 home.writeFile(QDir(home.path()).relativeFilePath(log), "log\n");
+             writeLogs();
              setQuarantineFolder();
              addRow("/x/eicar.com");
          },
-         [&] {
-             QMap<QString, bool> none;
-             for (const QString &action : ready.keys())
-                 none.insert(action, false);
-             return none;
-         }()},
+         {"-about: -addRemoveFolders: -launchKorvane: -quit: -startWatching: -updateDefs:"}},
         {"watching and scanning",
          [&] {
              agent->setWatching(true);
              agent->utils()->setScanning(true);
          },
-         {{"doNothing:", true},
-          {"updateDefs:", false},
-          {"startWatching:", false},
-          {"stopWatching:", true},
-          {"restartWatching:", true},
-          {"abortScans:", true}}},
-        {"updating", [&] { agent->utils()->setUpdating(true); }, {{"updateDefs:", false}}},
-        {"every log written",
-         [&] {
-             for (const QString &log : {scanLog(), korvaneScanLog(), home.filePath("freshclam.log")})
-                 home.writeFile(QDir(home.path()).relativeFilePath(log), "log\n");
-         },
-         {{"openScanLog:", true}, {"openKorvaneScanLog:", true}, {"openUpdateLog:", true}}},
+         {"+doNothing: -updateDefs: -startWatching: +stopWatching: +restartWatching: +abortScans:"}},
+        {"updating", [&] { agent->utils()->setUpdating(true); }, {"-updateDefs:"}},
+        {"every log written", writeLogs, {"+openScanLog: +openKorvaneScanLog: +openUpdateLog:"}},
         {"rows listed, none selected",
          [&] {
              addRow("/x/a", {}, {}, false);
              addRow("/x/b", {}, {}, false);
          },
-         rowsListed},
+         {listed}},
         {"an untouched row selected, with a quarantine folder",
          [&] {
              setQuarantineFolder();
              addRow("/x/eicar.com");
          },
-         selected({{"quarantineFile:", true}, {"deleteFile:", true}})},
+         {selected, "+quarantineFile: +deleteFile:"}},
         {"an untouched row selected, without a quarantine folder", [&] { addRow("/x/eicar.com"); },
-         selected({{"deleteFile:", true}})},
+         {selected, "+deleteFile:"}},
         {"a quarantined row selected",
          [&] {
              setQuarantineFolder();
              addRow(home.filePath("Quarantine/eicar.com"), "Quarantined", "/x/eicar.com");
          },
-         selected({{"deleteFile:", true}, {"putBack:", true}})},
+         {selected, "+deleteFile: +putBack:"}},
         {"a trashed row selected",
          [&] {
              setQuarantineFolder();
              addRow(trashed, "Trashed", "/x/eicar.com");
          },
-         selected({{"putBack:", true}})},
+         {selected, "+putBack:"}},
         {"a trashed and an untouched row selected",
          [&] {
              setQuarantineFolder();
              addRow(trashed, "Trashed", "/x/eicar.com");
              addRow("/x/other");
          },
-         selected({{"quarantineFile:", true}, {"deleteFile:", true}, {"putBack:", true}})},
+         {selected, "+quarantineFile: +deleteFile: +putBack:"}},
         {"rows put back, or whose original path is where they are",
          [&] {
              addRow("/x/a", {}, QStringLiteral(""));
              addRow("/x/b", "Quarantined", "/x/b");
          },
-         selected({{"deleteFile:", true}})},
+         {selected, "+deleteFile:"}},
         // The window stays key once shown, so these come last.
         {"the list window key, its table focused, nothing selected",
          [&] {
              addRow("/x/a", {}, {}, false);
-             agent->showInfectionListWindow(nullptr);
-             ASSERT_TRUE(QTest::qWaitForWindowActive(agent->infectionListWindow()));
-             agent->infectionListTableView()->setFocus();
+             focusTable();
          },
-         {{"doNothingForActionMenu:", true},
-          {"selectAll:", true},
-          {"showInfectionListWindow:", true},
-          {"clearInfectedList:", true}}},
+         {listed, "+doNothingForActionMenu: +selectAll:"}},
         {"the list window key, its table focused, a row selected",
          [&] {
              addRow("/x/a");
-             agent->showInfectionListWindow(nullptr);
-             ASSERT_TRUE(QTest::qWaitForWindowActive(agent->infectionListWindow()));
-             agent->infectionListTableView()->setFocus();
+             focusTable();
          },
-         selected({{"doNothingForActionMenu:", true},
-                   {"selectAll:", true},
-                   {"copy:", true},
-                   {"deleteFile:", true}})},
+         {selected, "+doNothingForActionMenu: +selectAll: +copy: +deleteFile:"}},
     };
 
     for (const Situation &situation : situations) {
@@ -306,9 +256,11 @@ TEST_F(StatusMenuTest, EachItemIsEnabledExactlyInTheSituationsItsRuleNames)
         home.writeDomain(companionDomain, {});
 
         situation.arrange();
-        QMap<QString, bool> expected = ready;
-        expected.insert(situation.changes);
-        EXPECT_EQ(enabledOnOpening(), expected.keys(true));
+        QStringList expected = ready;
+        for (const QString &change : situation.changes.join(' ').split(' ', Qt::SkipEmptyParts))
+            change.startsWith('+') ? void(expected << change.mid(1)) : void(expected.removeAll(change.mid(1)));
+        expected.sort();
+        EXPECT_EQ(enabledOnOpening(), expected);
     }
 }
 
@@ -357,42 +309,42 @@ TEST_F(StatusMenuTest, HoldingShiftAndAltWithTheMenuOpenShowsTheCompanionsScanLo
 TEST_F(StatusMenuTest, EachLogOpensInTheDesktopsProgramAndAMissingOrUnopenableOneBeeps)
 {
     RecordingWorkspace workspace;
+    enum Present { File, Folder, Nothing };
     struct Case
     {
         const char *name;
         void (KorvaneVarden_AppDelegate::*open)(QObject *);
-        QString written;
-        QString folder;
+        QString path;
+        Present present;
         bool opens;
-        QString opened;
     };
     const QString updateLog = home.filePath("freshclam.log");
+    using Agent = KorvaneVarden_AppDelegate;
     const QList<Case> cases{
-        {"our scan log", &KorvaneVarden_AppDelegate::openScanLog, scanLog(), {}, true, scanLog()},
-        {"the companion's scan log", &KorvaneVarden_AppDelegate::openKorvaneScanLog, korvaneScanLog(), {}, true,
-         korvaneScanLog()},
-        {"the update log", &KorvaneVarden_AppDelegate::openUpdateLog, updateLog, {}, true, updateLog},
-        {"a missing scan log", &KorvaneVarden_AppDelegate::openScanLog, {}, {}, true, {}},
-        {"a folder where the update log should be", &KorvaneVarden_AppDelegate::openUpdateLog, {}, updateLog, true, {}},
-        {"a log no program opens", &KorvaneVarden_AppDelegate::openUpdateLog, updateLog, {}, false, updateLog},
+        {"our scan log", &Agent::openScanLog, scanLog(), File, true},
+        {"the companion's scan log", &Agent::openKorvaneScanLog, korvaneScanLog(), File, true},
+        {"the update log", &Agent::openUpdateLog, updateLog, File, true},
+        {"a missing scan log", &Agent::openScanLog, scanLog(), Nothing, true},
+        {"a folder where the update log should be", &Agent::openUpdateLog, updateLog, Folder, true},
+        {"a log no program opens", &Agent::openUpdateLog, updateLog, File, false},
     };
     for (const Case &test : cases) {
         SCOPED_TRACE(test.name);
-        QDir(UserFolders::logs()).removeRecursively();
-        QDir(updateLog).removeRecursively();
-        QFile::remove(updateLog);
-        if (!test.written.isEmpty())
-            home.writeFile(QDir(home.path()).relativeFilePath(test.written), "log\n");
-        if (!test.folder.isEmpty())
-            QDir().mkpath(test.folder);
+        QDir(test.path).removeRecursively();
+        QFile::remove(test.path);
+        if (test.present == File)
+            home.writeFile(QDir(home.path()).relativeFilePath(test.path), "log\n");
+        else if (test.present == Folder)
+            QDir().mkpath(test.path);
         workspace.opens = test.opens;
         workspace.opened.clear();
         alerts.beeps = 0;
 
         (agent.get()->*test.open)(nullptr);
 
-        EXPECT_EQ(workspace.opened, test.opened.isEmpty() ? QStringList() : QStringList{test.opened});
-        EXPECT_EQ(alerts.beeps, test.opens && !test.opened.isEmpty() ? 0 : 1);
+        EXPECT_EQ(workspace.opened, test.present == File ? QStringList{test.path} : QStringList());
+        EXPECT_EQ(alerts.beeps, test.present == File && test.opens ? 0 : 1);
+        QFile::remove(test.path);
     }
     alerts.beeps = 0;
     agent->openLogFile(QString());

@@ -14,12 +14,10 @@ namespace {
 class FailingController : public EnablingRulesDelegate
 {
 public:
-    bool startingUp() const override { return starting; }
+    bool startingUp() const override { return false; }
     bool watching() const override { throw std::runtime_error("watching flag unreadable"); }
     QXUtils *utils() override { throw std::runtime_error("settings unreadable"); }
     InfectedItemsWindow *infectionListWindow() const override { throw std::runtime_error("list window gone"); }
-
-    bool starting = false;
 };
 
 TEST(EnablingRulesTest, AFaultInARuleIsLoggedWithThreeBeepsAndLeavesTheItemEnabled)
@@ -52,26 +50,6 @@ TEST(EnablingRulesTest, AFaultInARuleIsLoggedWithThreeBeepsAndLeavesTheItemEnabl
         EXPECT_EQ(beeps.beeps, 3);
         EXPECT_EQ(log.lines(), QStringList{QString::fromLatin1(test.reason)});
     }
-}
-
-TEST(EnablingRulesTest, WhileStartingUpMenuItemsAreOffBeforeAnyRuleIsAsked)
-{
-    FailingController controller;
-    controller.starting = true;
-    EnablingRules rules(&controller);
-    AnsweringAlertPresenter beeps;
-    QAction item;
-    for (const char *action : {"about:", "quit:", "doNothing:", "copy:"}) {
-        item.setData(QString::fromLatin1(action));
-        EXPECT_FALSE(rules.validateMenuItem(&item)) << action;
-    }
-    EXPECT_EQ(beeps.beeps, 0);
-}
-
-TEST(EnablingRulesTest, TheCompanionsScanLogLiesBesideOurs)
-{
-    EXPECT_EQ(EnablingRules::korvaneScanLogPath(QStringLiteral("/home/u/.local/state/korvane/KorvaneVarden-scan.log")),
-              QStringLiteral("/home/u/.local/state/korvane/korvane-scan.log"));
 }
 
 } // namespace
