@@ -488,7 +488,8 @@ void KorvaneVarden_AppDelegate::setupVardenMenus()
     add(menu, "ABOUT_MENU_ITEM", "about:", &Self::about);
     menu->addSeparator();
     addSubmenu(menu, _foldersBeingWatchedSubmenu, "FOLDERS_BEING_WATCHED", "doNothing:", &Self::doNothing);
-    add(menu, "ADD_REMOVE_MENU_ITEM", "addRemoveFolders:", [](Self *self, QObject *sender) { self->addRemoveFolders(sender); });
+    add(menu, "ADD_REMOVE_MENU_ITEM", "addRemoveFolders:",
+        [](Self *self, QObject *sender) { self->addRemoveFolders(sender); });
     menu->addSeparator();
     add(menu, "LAUNCH_KORVANE", "launchKorvane:", &Self::launchKorvane);
     add(menu, "UPDATE_VIRUS_DEFINITIONS", "updateDefs:", &Self::updateDefs);
@@ -532,9 +533,8 @@ void KorvaneVarden_AppDelegate::doNothingForActionMenu(QObject *) {}
 void KorvaneVarden_AppDelegate::about(QObject *)
 {
     if (!_aboutBox) {
-        _aboutBox = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("KorvaneVarden"),
-                                    QStringLiteral("<b>KorvaneVarden</b><p>%1</p>").arg(BundleInfo::shortVersionString()),
-                                    QMessageBox::Ok);
+        const QString text = QStringLiteral("<b>KorvaneVarden</b><p>%1</p>").arg(BundleInfo::shortVersionString());
+        _aboutBox = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("KorvaneVarden"), text, QMessageBox::Ok);
         _aboutBox->setIconPixmap(_throbberWatchingImage.pixmap(64));
         _aboutBox->setAttribute(Qt::WA_DeleteOnClose);
         _aboutBox->setModal(false);
@@ -587,9 +587,9 @@ void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
         return;
     }
     QProcess killall;
+    const QString name = QString::fromLocal8Bit(user->pw_name);
     killall.start(QStringLiteral("killall"),
-                  {QStringLiteral("-q"), QStringLiteral("-9"), QStringLiteral("-u"), QString::fromLocal8Bit(user->pw_name),
-                   scanProgram});
+                  {QStringLiteral("-q"), QStringLiteral("-9"), QStringLiteral("-u"), name, scanProgram});
     if (!killall.waitForFinished(5000)) {
         SystemLog::log(QStringLiteral("killall could not stop the scans: %1").arg(killall.errorString()));
         return;

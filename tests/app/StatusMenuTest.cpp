@@ -130,12 +130,13 @@ TEST_F(StatusMenuTest, BothMenusHoldTheirItemsInOrderAndAreWhereTheUserOpensThem
                     "TOOLBAR_DELETE=deleteFile: - PUT_BACK=putBack: - REMOVE_FROM_LIST=removeSelectedFromInfectedList: "
                     "TOOLBAR_INFECTIONLIST=clearInfectedList: - SELECT_ALL=selectAll: COPY=copy:"));
     EXPECT_EQ(items(agent->mainMenu()),
-              items("ABOUT_MENU_ITEM=about: - FOLDERS_BEING_WATCHED=doNothing: ADD_REMOVE_MENU_ITEM=addRemoveFolders: - "
-                    "LAUNCH_KORVANE=launchKorvane: UPDATE_VIRUS_DEFINITIONS=updateDefs: - START_WATCHING=startWatching: "
+              items("ABOUT_MENU_ITEM=about: - FOLDERS_BEING_WATCHED=doNothing: "
+                    "ADD_REMOVE_MENU_ITEM=addRemoveFolders: - LAUNCH_KORVANE=launchKorvane: "
+                    "UPDATE_VIRUS_DEFINITIONS=updateDefs: - START_WATCHING=startWatching: "
                     "STOP_WATCHING=stopWatching: RESTART_WATCHING=restartWatching: - "
                     "SHOW_INFECTED_ITEMS=showInfectionListWindow: ACTION=doNothingForActionMenu: - "
-                    "OPEN_SCAN_LOG=openScanLog: OPEN_KORVANE_SCAN_LOG=openKorvaneScanLog: OPEN_UPDATE_LOG=openUpdateLog: "
-                    "- ABORT_SCANS_MENU_ITEM=abortScans: QUIT_MENU_ITEM=quit:"));
+                    "OPEN_SCAN_LOG=openScanLog: OPEN_KORVANE_SCAN_LOG=openKorvaneScanLog: "
+                    "OPEN_UPDATE_LOG=openUpdateLog: - ABORT_SCANS_MENU_ITEM=abortScans: QUIT_MENU_ITEM=quit:"));
 
     EXPECT_EQ(agent->throbberStatusItem()->menu(), agent->mainMenu());
     EXPECT_EQ(item(agent->mainMenu(), "doNothing:")->menu(), agent->foldersBeingWatchedSubmenu());
@@ -442,7 +443,8 @@ TEST_F(StatusMenuTest, ScanAnimationRunsForwardFromFrameZeroAndAnUpdateBackwardF
         QList<int> frames;
     };
     const QList<Animation> animations{
-        {"scan", [&] { agent->scanStarted(); }, [&] { agent->forwardAnimation(); }, 1, {0, 1, 2, 3, 4, 5, 6, 7, 8, 0, 1}},
+        {"scan", [&] { agent->scanStarted(); }, [&] { agent->forwardAnimation(); }, 1,
+         {0, 1, 2, 3, 4, 5, 6, 7, 8, 0, 1}},
         {"update", [&] { agent->startUpdateAnimation(); }, [&] { agent->reverseAnimation(); }, -1,
          {8, 7, 6, 5, 4, 3, 2, 1, 0, 8, 7}},
     };

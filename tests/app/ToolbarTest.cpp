@@ -39,7 +39,8 @@ protected:
                          {"status", status}});
         const int row = list->rowCount() - 1;
         if (selected)
-            list->selectionModel()->select(list->index(row, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
+            list->selectionModel()->select(list->index(row, 0),
+                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
         return row;
     }
 
