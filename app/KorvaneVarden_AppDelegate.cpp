@@ -19,6 +19,7 @@
 #include "platform/UserNotificationCenter.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Workspace.h"
+#include "ui/AlternateMenuItem.h"
 #include "ui/EngineStatusReactions.h"
 #include "ui/InfectedFileActions.h"
 #include "ui/InfectedItemsStore.h"
@@ -29,13 +30,23 @@
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
 
+#include <QAction>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QMenu>
+#include <QMessageBox>
 #include <QProcess>
 #include <QThreadPool>
+#include <QToolBar>
+#include <QWindow>
+
+#include <functional>
+
+#include <pwd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -48,6 +59,7 @@ const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
 // How long adding or removing folders waits for the companion to come up.
 constexpr int companionWaitSeconds = 30;
 QString relaunchTool;
+QString scanProgram = QStringLiteral("clamdscan");
 
 } // namespace
 
@@ -95,6 +107,7 @@ KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()
 {
     stopObserving();
     _events.reset();
+    delete _mainMenu;
     delete _foldersBeingWatchedSubmenu;
     delete _infectionListWindow;
 }
@@ -123,6 +136,8 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
 
     _toolbar = _infectionListWindow->toolbar();
     _infectedList = qobject_cast<QXTInfectedViewArrayController *>(_infectionListTableView->model());
+    setupVardenMenus();
+    setupToolbar();
 
     UserNotificationCenter *notifications = UserNotificationCenter::defaultCenter();
     notifications->setFallbackStatusItem(_throbberStatusItem);
@@ -445,6 +460,273 @@ void KorvaneVarden_AppDelegate::launchKorvane(QObject *)
 void KorvaneVarden_AppDelegate::updateDefs(QObject *)
 {
     _utils->updateDefs();
+}
+
+void KorvaneVarden_AppDelegate::setupVardenMenus()
+{
+    // Each item names its operation in its data, which the enabling rules read.
+    const auto add = [this](QMenu *menu, const char *key, const char *action, auto operation) {
+        QAction *item = menu->addAction(Localization::text(key));
+        item->setData(QString::fromLatin1(action));
+        connect(item, &QAction::triggered, this, [this, item, operation] { std::invoke(operation, this, item); });
+        return item;
+    };
+    const auto addSubmenu = [this](QMenu *menu, QMenu *submenu, const char *key, const char *action, auto operation) {
+        QAction *item = menu->addMenu(submenu);
+        item->setText(Localization::text(key));
+        item->setData(QString::fromLatin1(action));
+        connect(item, &QAction::triggered, this, [this, item, operation] { std::invoke(operation, this, item); });
+    };
+    using Self = KorvaneVarden_AppDelegate;
+
+    _actionMenu = std::make_unique<QMenu>();
+    QMenu *actions = _actionMenu.get();
+    add(actions, "SHOW_PATH", "showInfectedPath:", &Self::showInfectedPath);
+    add(actions, "TOOLBAR_REVEAL", "revealInFinder:", &Self::revealInFinder);
+    add(actions, "TOOLBAR_QUARANTINE", "quarantineFile:", &Self::quarantineFile);
+    add(actions, "TOOLBAR_DELETE", "deleteFile:", &Self::deleteFile);
+    actions->addSeparator();
+    add(actions, "PUT_BACK", "putBack:", &Self::putBack);
+    actions->addSeparator();
+    add(actions, "REMOVE_FROM_LIST", "removeSelectedFromInfectedList:", &Self::removeSelectedFromInfectedList);
+    add(actions, "TOOLBAR_INFECTIONLIST", "clearInfectedList:", &Self::clearInfectedList);
+    actions->addSeparator();
+    // These two belong to the table, which enables them only while it has the focus.
+    QAction *selectAll = actions->addAction(Localization::text("SELECT_ALL"));
+    selectAll->setData(QStringLiteral("selectAll:"));
+    connect(selectAll, &QAction::triggered, _infectionListTableView, &QXTTableView::selectAll);
+    QAction *copy = actions->addAction(Localization::text("COPY"));
+    copy->setData(QStringLiteral("copy:"));
+    connect(copy, &QAction::triggered, _infectionListTableView, &QXTTableView::copy);
+
+    _infectionListTableView->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(_infectionListTableView, &QWidget::customContextMenuRequested, this, [this](const QPoint &at) {
+        _actionMenu->popup(_infectionListTableView->viewport()->mapToGlobal(at));
+    });
+
+    _mainMenu = new QMenu;
+    QMenu *menu = _mainMenu;
+    add(menu, "ABOUT_MENU_ITEM", "about:", &Self::about);
+    menu->addSeparator();
+    addSubmenu(menu, _foldersBeingWatchedSubmenu, "FOLDERS_BEING_WATCHED", "doNothing:", &Self::doNothing);
+    add(menu, "ADD_REMOVE_MENU_ITEM", "addRemoveFolders:",
+        [](Self *self, QObject *sender) { self->addRemoveFolders(sender); });
+    menu->addSeparator();
+    add(menu, "LAUNCH_KORVANE", "launchKorvane:", &Self::launchKorvane);
+    add(menu, "UPDATE_VIRUS_DEFINITIONS", "updateDefs:", &Self::updateDefs);
+    menu->addSeparator();
+    add(menu, "START_WATCHING", "startWatching:", &Self::startWatching);
+    add(menu, "STOP_WATCHING", "stopWatching:", &Self::stopWatching);
+    add(menu, "RESTART_WATCHING", "restartWatching:", &Self::restartWatching);
+    menu->addSeparator();
+    add(menu, "SHOW_INFECTED_ITEMS", "showInfectionListWindow:", &Self::showInfectionListWindow);
+    addSubmenu(menu, actions, "ACTION", "doNothingForActionMenu:", &Self::doNothingForActionMenu);
+    menu->addSeparator();
+    QAction *scanLog = add(menu, "OPEN_SCAN_LOG", "openScanLog:", &Self::openScanLog);
+    QAction *korvaneScanLog = add(menu, "OPEN_KORVANE_SCAN_LOG", "openKorvaneScanLog:", &Self::openKorvaneScanLog);
+    new AlternateMenuItem(menu, scanLog, korvaneScanLog);
+    add(menu, "OPEN_UPDATE_LOG", "openUpdateLog:", &Self::openUpdateLog);
+    menu->addSeparator();
+    add(menu, "ABORT_SCANS_MENU_ITEM", "abortScans:", &Self::abortScans);
+    add(menu, "QUIT_MENU_ITEM", "quit:", &Self::quit);
+
+    for (QMenu *validated : {_mainMenu, actions, _foldersBeingWatchedSubmenu})
+        connect(validated, &QMenu::aboutToShow, this, [this, validated] { validateMenu(validated); });
+    _throbberStatusItem->setMenu(_mainMenu);
+}
+
+void KorvaneVarden_AppDelegate::validateMenu(QMenu *menu)
+{
+    for (QAction *item : menu->actions()) {
+        if (!item->isSeparator())
+            item->setEnabled(validateMenuItem(item));
+    }
+}
+
+bool KorvaneVarden_AppDelegate::validateMenuItem(QAction *item)
+{
+    return _enablingRules.validateMenuItem(item);
+}
+
+void KorvaneVarden_AppDelegate::doNothing(QObject *) {}
+void KorvaneVarden_AppDelegate::doNothingForActionMenu(QObject *) {}
+
+void KorvaneVarden_AppDelegate::about(QObject *)
+{
+    if (!_aboutBox) {
+        const QString text = QStringLiteral("<b>KorvaneVarden</b><p>%1</p>").arg(BundleInfo::shortVersionString());
+        _aboutBox = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("KorvaneVarden"), text, QMessageBox::Ok);
+        _aboutBox->setIconPixmap(_throbberWatchingImage.pixmap(64));
+        _aboutBox->setAttribute(Qt::WA_DeleteOnClose);
+        _aboutBox->setModal(false);
+    }
+    _aboutBox->show();
+    _aboutBox->raise();
+    _aboutBox->activateWindow();
+}
+
+void KorvaneVarden_AppDelegate::openLogFile(const QString &path)
+{
+    if (path.isEmpty() || !QFileInfo(path).isFile() || !Workspace::sharedWorkspace()->openFile(path))
+        SystemBeep::beep();
+}
+
+void KorvaneVarden_AppDelegate::openScanLog(QObject *)
+{
+    openLogFile(_utils->pathToScanLog());
+}
+
+void KorvaneVarden_AppDelegate::openKorvaneScanLog(QObject *)
+{
+    openLogFile(EnablingRules::korvaneScanLogPath(_utils->pathToScanLog()));
+}
+
+void KorvaneVarden_AppDelegate::openUpdateLog(QObject *)
+{
+    openLogFile(_utils->updateLogPath());
+}
+
+void KorvaneVarden_AppDelegate::abortScans(QObject *sender)
+{
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {Localization::text("REALLY_ABORT_SCANS"), Localization::text("NO"), Localization::text("YES"), QString(),
+         Localization::text("CONFIRM_ABORT_SCANS_MESSAGE")});
+    if (answer == AlertPresenter::DefaultReturn) {
+        SystemLog::log(QStringLiteral("do nothing"));
+        return;
+    }
+    reallyAbortScans(sender);
+}
+
+void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
+{
+    _dispatcher->removeAllItems();
+    // Only the user's own scans: an agent running as root leaves other users' alone.
+    const passwd *user = getpwuid(getuid());
+    if (!user) {
+        SystemLog::log(QStringLiteral("no user name for uid %1: no scans were stopped").arg(getuid()));
+        return;
+    }
+    QProcess killall;
+    const QString name = QString::fromLocal8Bit(user->pw_name);
+    killall.start(QStringLiteral("killall"),
+                  {QStringLiteral("-q"), QStringLiteral("-9"), QStringLiteral("-u"), name, scanProgram});
+    if (!killall.waitForFinished(5000)) {
+        SystemLog::log(QStringLiteral("killall could not stop the scans: %1").arg(killall.errorString()));
+        return;
+    }
+    const QString errors = QString::fromLocal8Bit(killall.readAllStandardError()).trimmed();
+    if (!errors.isEmpty())
+        SystemLog::log(QStringLiteral("error:%1").arg(errors));
+}
+
+QString KorvaneVarden_AppDelegate::scanProgramName()
+{
+    return scanProgram;
+}
+
+void KorvaneVarden_AppDelegate::setScanProgramName(const QString &name)
+{
+    scanProgram = name;
+}
+
+void KorvaneVarden_AppDelegate::setupToolbar()
+{
+    try {
+        _toolbar->setObjectName(QStringLiteral("My Document Toolbar Identifier"));
+        _toolbar->setMovable(false);
+        _toolbar->setFloatable(false);
+        // No menu to hide it or change it.
+        _toolbar->setContextMenuPolicy(Qt::PreventContextMenu);
+        _toolbar->setToolButtonStyle(Qt::ToolButtonTextUnderIcon);
+        for (const QString &identifier : toolbarDefaultItemIdentifiers(_toolbar)) {
+            if (QAction *item = toolbarItemForItemIdentifier(_toolbar, identifier, true))
+                _toolbar->addAction(item);
+        }
+    } catch (const std::exception &fault) {
+        SystemLog::log(QString::fromUtf8(fault.what()));
+        for (int beep = 0; beep < 3; ++beep)
+            SystemBeep::beep();
+        _toolbar->clear();
+        _toolbar->hide();
+        return;
+    }
+
+    // The buttons follow every change of the rows, their values and the selection.
+    QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
+    connect(list, &QAbstractItemModel::rowsInserted, this, &KorvaneVarden_AppDelegate::validateToolbarItems);
+    connect(list, &QAbstractItemModel::rowsRemoved, this, &KorvaneVarden_AppDelegate::validateToolbarItems);
+    connect(list, &QAbstractItemModel::modelReset, this, &KorvaneVarden_AppDelegate::validateToolbarItems);
+    connect(list, &QAbstractItemModel::dataChanged, this, &KorvaneVarden_AppDelegate::validateToolbarItems);
+    connect(list->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &KorvaneVarden_AppDelegate::validateToolbarItems);
+    // Settings such as the quarantine folder change elsewhere: look again when the window comes up.
+    connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, &KorvaneVarden_AppDelegate::validateToolbarItems);
+    validateToolbarItems();
+}
+
+QStringList KorvaneVarden_AppDelegate::toolbarDefaultItemIdentifiers(QToolBar *) const
+{
+    return {ToolbarItemIdentifier::reveal, ToolbarItemIdentifier::quarantine, ToolbarItemIdentifier::trash,
+            ToolbarItemIdentifier::clearList};
+}
+
+QStringList KorvaneVarden_AppDelegate::toolbarAllowedItemIdentifiers(QToolBar *toolbar) const
+{
+    return toolbarDefaultItemIdentifiers(toolbar);
+}
+
+QAction *KorvaneVarden_AppDelegate::toolbarItemForItemIdentifier(QToolBar *toolbar, const QString &identifier, bool)
+{
+    struct Item
+    {
+        const QString &identifier;
+        const char *label;
+        const char *paletteLabel;
+        const char *toolTip;
+        const char *image;
+        const char *action;
+        void (KorvaneVarden_AppDelegate::*operation)(QObject *);
+    };
+    using Self = KorvaneVarden_AppDelegate;
+    const Item items[] = {
+        {ToolbarItemIdentifier::quarantine, "TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE_TOOLTIP",
+         "Quarantine", "quarantineFile:", &Self::quarantineFile},
+        {ToolbarItemIdentifier::trash, "TOOLBAR_DELETE", "TOOLBAR_DELETE", "TOOLBAR_DELETE_TOOLTIP", "Trash",
+         "deleteFile:", &Self::deleteFile},
+        {ToolbarItemIdentifier::reveal, "TOOLBAR_REVEAL", "TOOLBAR_REVEAL_FINDER", "TOOLBAR_REVEAL_TOOLTIP",
+         "MoreInFinder", "revealInFinder:", &Self::revealInFinder},
+        {ToolbarItemIdentifier::clearList, "TOOLBAR_INFECTIONLIST", "TOOLBAR_INFECTIONLIST",
+         "TOOLBAR_INFECTIONLIST_TOOLTIP", "ClearList", "clearInfectedList:", &Self::clearInfectedList},
+    };
+    for (const Item &entry : items) {
+        if (entry.identifier != identifier)
+            continue;
+        auto *item = new QAction(toolbar);
+        item->setObjectName(identifier);
+        // The button shows the label; the palette label names the item
+        // wherever it is listed, as in the toolbar's overflow menu.
+        item->setIconText(Localization::text(entry.label));
+        item->setText(Localization::text(entry.paletteLabel));
+        item->setToolTip(Localization::text(entry.toolTip));
+        item->setIcon(NamedImage::imageNamed(QString::fromLatin1(entry.image)));
+        item->setData(QString::fromLatin1(entry.action));
+        const auto operation = entry.operation;
+        connect(item, &QAction::triggered, this, [this, item, operation] { (this->*operation)(item); });
+        return item;
+    }
+    return nullptr;
+}
+
+bool KorvaneVarden_AppDelegate::validateToolbarItem(QAction *item)
+{
+    return _enablingRules.validateToolbarItem(item);
+}
+
+void KorvaneVarden_AppDelegate::validateToolbarItems()
+{
+    for (QAction *item : _toolbar->actions())
+        item->setEnabled(validateToolbarItem(item));
 }
 
 // There is no console window: console text goes to the system log.

@@ -4,6 +4,8 @@
 #include "events/SCEventListenerProtocol.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
+#include "ui/EnablingRules.h"
+#include "ui/EnablingRulesDelegate.h"
 #include "ui/EngineStatusReactionsDelegate.h"
 
 #include <QIcon>
@@ -24,6 +26,7 @@ class PathPopup;
 class QAction;
 class QLabel;
 class QMenu;
+class QMessageBox;
 class QThreadPool;
 class QToolBar;
 class QXTInfectedViewArrayController;
@@ -40,6 +43,7 @@ class KorvaneVarden_AppDelegate : public QObject,
                                   public DispatcherDelegate,
                                   public QXUtilsDelegate,
                                   public EngineStatusReactionsDelegate,
+                                  public EnablingRulesDelegate,
                                   public SCEventListenerProtocol
 {
     Q_OBJECT
@@ -61,6 +65,35 @@ public:
     // Menu commands.
     void launchKorvane(QObject *sender) override;
     void updateDefs(QObject *sender) override;
+
+    // The status item's menu and the action menu, built once at launch.
+    void setupVardenMenus();
+    // Asked for every item each time a menu opens.
+    bool validateMenuItem(QAction *item);
+    void doNothing(QObject *sender);
+    void doNothingForActionMenu(QObject *sender);
+    // Shows the about box without waiting for it.
+    void about(QObject *sender);
+    // Beeps when there is no file at the path or no program opens it.
+    void openLogFile(const QString &path);
+    void openScanLog(QObject *sender);
+    void openKorvaneScanLog(QObject *sender);
+    void openUpdateLog(QObject *sender);
+    void abortScans(QObject *sender);
+    void reallyAbortScans(QObject *sender);
+    // The engine's scan program, stopped by name when scans are aborted;
+    // tests name a program of their own so that no one else's scans stop.
+    static QString scanProgramName();
+    static void setScanProgramName(const QString &name);
+
+    // The infected-items window's toolbar.
+    void setupToolbar();
+    QStringList toolbarDefaultItemIdentifiers(QToolBar *toolbar) const;
+    QStringList toolbarAllowedItemIdentifiers(QToolBar *toolbar) const;
+    // Nothing for an identifier that names no item.
+    QAction *toolbarItemForItemIdentifier(QToolBar *toolbar, const QString &identifier,
+                                          bool willBeInsertedIntoToolbar);
+    bool validateToolbarItem(QAction *item);
 
     // Folder watching.
     void startWatching(QObject *sender);
@@ -152,9 +185,10 @@ public:
     void setThrobberWatchingImage(const QIcon &image) { _throbberWatchingImage = image; }
     QMenu *mainMenu() const { return _mainMenu; }
     QMenu *foldersBeingWatchedSubmenu() const { return _foldersBeingWatchedSubmenu; }
-    bool startingUp() const { return _startingUp; }
+    QMenu *actionMenu() const { return _actionMenu.get(); }
+    bool startingUp() const override { return _startingUp; }
     void setStartingUp(bool flag) { _startingUp = flag; }
-    bool watching() const { return _watching; }
+    bool watching() const override { return _watching; }
     void setWatching(bool flag) { _watching = flag; }
     void setWantScanStatusUpdates(bool flag) { _wantScanStatusUpdates = flag; }
     void setWantUpdatePercentages(bool flag) { _wantUpdatePercentages = flag; }
@@ -162,7 +196,7 @@ public:
     void setReadyToScan(bool flag) override { _readyToScan = flag; }
     bool startWatchingAfterSleep() const { return _startWatchingAfterSleep; }
     void setStartWatchingAfterSleep(bool flag) { _startWatchingAfterSleep = flag; }
-    InfectedItemsWindow *infectionListWindow() const { return _infectionListWindow; }
+    InfectedItemsWindow *infectionListWindow() const override { return _infectionListWindow; }
     QXTTableView *infectionListTableView() const { return _infectionListTableView; }
     QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
     QToolBar *toolbar() const { return _toolbar; }
@@ -174,6 +208,8 @@ public:
 private:
     void observeCompanionAndWorkspace();
     void stopObserving();
+    void validateMenu(QMenu *menu);
+    void validateToolbarItems();
 
     QThreadPool *_theOperationQueue;
     quint64 _theLastEventSeen = ~quint64(0);
@@ -188,6 +224,9 @@ private:
     QIcon _throbberWatchingImage;
     QMenu *_mainMenu = nullptr;
     QMenu *_foldersBeingWatchedSubmenu = nullptr;
+    std::unique_ptr<QMenu> _actionMenu;
+    EnablingRules _enablingRules{this};
+    QPointer<QMessageBox> _aboutBox;
     bool _startingUp = true;
     QXUtils *_utils;
     bool _watching = false;

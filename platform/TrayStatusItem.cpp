@@ -2,6 +2,7 @@
 
 #include "SystemLog.h"
 
+#include <QCursor>
 #include <QMenu>
 #include <QSystemTrayIcon>
 
@@ -10,6 +11,7 @@ TrayStatusItem::TrayStatusItem(QObject *parent)
     , _trayIcon(new QSystemTrayIcon(this))
 {
     connect(_trayIcon, &QSystemTrayIcon::messageClicked, this, &StatusItem::messageClicked);
+    connect(_trayIcon, &QSystemTrayIcon::activated, this, &TrayStatusItem::activated);
     _trayWait.setInterval(2000);
     connect(&_trayWait, &QTimer::timeout, this, &TrayStatusItem::showWhenTrayExists);
 }
@@ -38,6 +40,15 @@ void TrayStatusItem::setHighlightMode(bool)
 void TrayStatusItem::showMessage(const QString &title, const QString &message)
 {
     _trayIcon->showMessage(title, message, QSystemTrayIcon::Warning);
+}
+
+// Linux trays open the menu on a right click only; a left click activates
+// the icon, and opens the same menu here.
+void TrayStatusItem::activated(int reason)
+{
+    QMenu *menu = _trayIcon->contextMenu();
+    if (reason == QSystemTrayIcon::Trigger && menu && !menu->isVisible())
+        menu->popup(QCursor::pos());
 }
 
 bool TrayStatusItem::isShownInTray() const

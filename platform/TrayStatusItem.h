@@ -29,6 +29,7 @@ public:
 
 private:
     void showWhenTrayExists();
+    void activated(int reason);
 
     QSystemTrayIcon *_trayIcon;
     QIcon _alternateImage;

@@ -1,0 +1,151 @@
+#include "AgentFixture.h"
+
+#include "platform/Localization.h"
+#include "platform/UserFolders.h"
+#include "ui/InfectedItemsWindow.h"
+#include "ui/QXTInfectedViewArrayController.h"
+
+#include <QAction>
+#include <QToolBar>
+
+#include <functional>
+
+namespace {
+
+class ToolbarTest : public AgentFixture
+{
+protected:
+    void SetUp() override
+    {
+        AgentFixture::SetUp();
+        agent->applicationDidFinishLaunching();
+        toolbar = agent->toolbar();
+        list = agent->infectedList();
+    }
+
+    QList<bool> buttonsEnabled() const
+    {
+        QList<bool> enabled;
+        for (const QAction *item : toolbar->actions())
+            enabled << item->isEnabled();
+        return enabled;
+    }
+
+    int addRow(const QString &path, const QString &status = {}, bool selected = true)
+    {
+        list->addObject({{"fileName", QFileInfo(path).fileName()},
+                         {"filePath", path},
+                         {"infectionName", "Korvane.Test.Eicar"},
+                         {"status", status}});
+        const int row = list->rowCount() - 1;
+        if (selected)
+            list->selectionModel()->select(list->index(row, 0),
+                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        return row;
+    }
+
+    QToolBar *toolbar = nullptr;
+    QXTInfectedViewArrayController *list = nullptr;
+};
+
+TEST_F(ToolbarTest, FourFixedButtonsWithIconAndLabelInOrderAndNoItemForAnUnknownIdentifier)
+{
+    EXPECT_EQ(toolbar->objectName(), QStringLiteral("My Document Toolbar Identifier"));
+    EXPECT_FALSE(toolbar->isMovable());
+    EXPECT_FALSE(toolbar->isFloatable());
+    EXPECT_EQ(toolbar->contextMenuPolicy(), Qt::PreventContextMenu);
+    EXPECT_EQ(toolbar->toolButtonStyle(), Qt::ToolButtonTextUnderIcon);
+
+    struct Button
+    {
+        QString identifier;
+        const char *label, *paletteLabel, *toolTip, *action;
+    };
+    const QList<Button> buttons{
+        {"ViewInFinder Item Identifier", "TOOLBAR_REVEAL", "TOOLBAR_REVEAL_FINDER", "TOOLBAR_REVEAL_TOOLTIP",
+         "revealInFinder:"},
+        {"Quarantine Item Identifier", "TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE_TOOLTIP",
+         "quarantineFile:"},
+        {"Delete Item Identifier", "TOOLBAR_DELETE", "TOOLBAR_DELETE", "TOOLBAR_DELETE_TOOLTIP", "deleteFile:"},
+        {"Clear List Item Identifier", "TOOLBAR_INFECTIONLIST", "TOOLBAR_INFECTIONLIST",
+         "TOOLBAR_INFECTIONLIST_TOOLTIP", "clearInfectedList:"},
+    };
+    const QList<QAction *> items = toolbar->actions();
+    ASSERT_EQ(items.size(), buttons.size());
+    QStringList identifiers;
+    for (int i = 0; i < buttons.size(); ++i) {
+        SCOPED_TRACE(buttons[i].label);
+        identifiers << buttons[i].identifier;
+        EXPECT_EQ(items[i]->objectName(), buttons[i].identifier);
+        EXPECT_EQ(items[i]->iconText(), Localization::text(buttons[i].label));
+        EXPECT_EQ(items[i]->text(), Localization::text(buttons[i].paletteLabel));
+        EXPECT_EQ(items[i]->toolTip(), Localization::text(buttons[i].toolTip));
+        EXPECT_EQ(items[i]->data().toString(), QLatin1String(buttons[i].action));
+        EXPECT_FALSE(items[i]->icon().isNull());
+    }
+    EXPECT_EQ(agent->toolbarDefaultItemIdentifiers(toolbar), identifiers);
+    EXPECT_EQ(agent->toolbarAllowedItemIdentifiers(toolbar), identifiers);
+    EXPECT_EQ(agent->toolbarItemForItemIdentifier(toolbar, QStringLiteral("Print Item Identifier"), true), nullptr);
+    EXPECT_EQ(agent->toolbarItemForItemIdentifier(toolbar, QStringLiteral("delete item identifier"), true), nullptr);
+
+    // The buttons start the list's operations.
+    addRow("/x/a", {}, false);
+    items.last()->trigger();
+    EXPECT_EQ(list->rowCount(), 0);
+}
+
+TEST_F(ToolbarTest, ButtonsFollowTheListTheSelectionAndTheRowsStatusEvenWhileStartingUp)
+{
+    const QString trashed = UserFolders::dataHome() + QStringLiteral("/Trash/files/eicar.com");
+    struct Situation
+    {
+        const char *name;
+        std::function<void()> arrange;
+        QList<bool> revealQuarantineDeleteClear;
+    };
+    const QList<Situation> situations{
+        {"an empty list", [] {}, {false, false, false, false}},
+        {"rows, none selected",
+         [&] {
+             addRow("/x/a", {}, false);
+             addRow("/x/b", {}, false);
+         },
+         {false, false, false, true}},
+        {"an untouched row selected", [&] { addRow("/x/a"); }, {true, true, true, true}},
+        {"a quarantined row selected", [&] { addRow(home.filePath("Quarantine/a"), "Quarantined"); },
+         {true, false, true, true}},
+        {"a trashed row selected", [&] { addRow(trashed, "Trashed"); }, {true, false, false, true}},
+        {"an untouched row that is then quarantined",
+         [&] {
+             const int row = addRow("/x/a");
+             InfectedItem item = list->arrangedObjects().at(row);
+             item.insert("status", "Quarantined");
+             list->replaceObjectAtRow(row, item);
+         },
+         {true, false, true, true}},
+        {"a selected row removed again",
+         [&] {
+             addRow("/x/a", {}, false);
+             addRow("/x/b");
+             list->remove();
+         },
+         {false, false, false, true}},
+        {"no quarantine folder, an untouched row selected",
+         [&] {
+             home.writeDomain(companionDomain, {});
+             addRow("/x/a");
+         },
+         {true, false, true, true}},
+    };
+
+    ASSERT_TRUE(agent->startingUp());
+    for (const Situation &situation : situations) {
+        SCOPED_TRACE(situation.name);
+        home.writeDomain(companionDomain, {{QStringLiteral("QuarantineFolder"), QStringLiteral("~/Quarantine")}});
+        list->removeAllObjects();
+        situation.arrange();
+        EXPECT_EQ(buttonsEnabled(), situation.revealQuarantineDeleteClear);
+    }
+}
+
+} // namespace
