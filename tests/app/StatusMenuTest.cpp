@@ -36,6 +36,7 @@ public:
         opened << path;
         return opens;
     }
+    bool selectFile(const QString &) override { return false; }
 
     bool opens = true;
     QStringList opened;
