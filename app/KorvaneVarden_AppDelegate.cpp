@@ -822,9 +822,13 @@ void KorvaneVarden_AppDelegate::removeSelectedFromInfectedList(QObject *)
 
 void KorvaneVarden_AppDelegate::clearInfectedList(QObject *)
 {
-    _infectionListWindow->dataSource()->removeAllObjects();
-    _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watching"));
-    _throbberStatusItem->setImage(_throbberWatchingImage);
+    try {
+        _infectionListWindow->dataSource()->removeAllObjects();
+        _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watching"));
+        _throbberStatusItem->setImage(_throbberWatchingImage);
+    } catch (const std::exception &) {
+        SystemLog::log(QStringLiteral("Caught a crash here (clearInfectedList:). Hopefully we can just carry on..."));
+    }
     hideFloatingPathWindow(this);
 }
 
