@@ -469,8 +469,13 @@ void InotifyWatcher::Worker::note(const QByteArray &path, quint32 flags)
     const QString name = QFile::decodeName(path);
     const auto known = _batchIndex.constFind(name);
     if (known != _batchIndex.cend()) {
-        _batch[*known].flags |= flags;
-        return;
+        // Merged, a removal followed by a new file of the same name would read as a
+        // removal alone, so the removal goes out first in a batch of its own.
+        if (!(_batch.at(*known).flags & ItemRemoved) || !(flags & (ItemCreated | ItemRenamed))) {
+            _batch[*known].flags |= flags;
+            return;
+        }
+        closeBatch();
     }
     _batchIndex.insert(name, _batch.size());
     _batch.append({0, name, flags});

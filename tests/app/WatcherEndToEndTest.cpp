@@ -1,0 +1,83 @@
+#include "AgentFixture.h"
+
+#include "app/Dispatcher.h"
+#include "events/SCEvents.h"
+#include "tests/support/EngineFixture.h"
+#include "ui/QXTInfectedViewArrayController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+namespace {
+
+// The whole agent against the real daemon and real folder events, for the
+// ways a file written into a watched folder could escape the scanner.
+class WatcherEndToEndTest : public AgentFixture
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
+        QDir().mkpath(home.filePath("Watched"));
+        watch({folder(QStringLiteral("~/Watched"))});
+        AgentFixture::SetUp();
+        agent->applicationDidFinishLaunching();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
+        agent->events()->flushEventStreamSync();
+    }
+
+    QList<QXUtils::EngineCandidate> engines() override
+    {
+        const QString prefix = EngineFixture::shared().enginePath();
+        return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+    }
+
+    QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
+    {
+        return home.writeFile("Watched/" + name.toUtf8(), contents);
+    }
+
+    QStringList listedPaths() const
+    {
+        QStringList paths;
+        for (const InfectedItem &item : agent->infectedList()->arrangedObjects())
+            paths << item.value(QStringLiteral("filePath")).toString();
+        return paths;
+    }
+
+    bool waitUntilListed(const QStringList &paths)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                const QStringList listed = listedPaths();
+                return std::all_of(paths.begin(), paths.end(), [&](const QString &path) { return listed.contains(path); });
+            },
+            30000);
+    }
+
+    // Nothing waiting, ready or being scanned.
+    bool waitUntilIdle()
+    {
+        return QTest::qWaitFor(
+            [&] {
+                return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
+                    && !agent->utils()->scanning();
+            },
+            30000);
+    }
+};
+
+TEST_F(WatcherEndToEndTest, FileRemovedAndWrittenAgainWithinOneBatchIsScanned)
+{
+    const QString file = write("again.com", "harmless at first");
+    agent->events()->flushEventStreamSync();
+    ASSERT_TRUE(waitUntilIdle());
+    ASSERT_TRUE(QFile::remove(file));
+    QTest::qWait(500);
+    write("again.com");
+
+    EXPECT_TRUE(waitUntilListed({file})) << listedPaths().join(' ').toStdString();
+}
+
+} // namespace
