@@ -76,6 +76,7 @@ public:
     void begin();
     // With wait, finishes the walk and reads the queue dry before closing the batch.
     void flush(bool wait);
+    void holdReading(bool hold);
     QString description() const;
 
 private:
@@ -178,6 +179,13 @@ void InotifyWatcher::Worker::flush(bool wait)
         }
     }
     closeBatch();
+}
+
+void InotifyWatcher::Worker::holdReading(bool hold)
+{
+    _notifier->setEnabled(!hold);
+    if (!hold)
+        readQueueAndWalk();
 }
 
 QString InotifyWatcher::Worker::description() const
@@ -297,12 +305,13 @@ void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name
 
 void InotifyWatcher::Worker::overflowed()
 {
-    // Changes were lost: every root gets a must-scan event, and the trees are walked
-    // again so that folders created meanwhile get their watches.
+    // Changes were lost: every root becomes a modified folder to be scanned whole, and
+    // the trees are walked again so that folders created meanwhile get their watches.
     for (const QByteArray &root : std::as_const(_roots)) {
         for (auto folder = _folders.cbegin(); folder != _folders.cend(); ++folder) {
             if (folder->parent < 0 && folder->name == root) {
-                note(root, MustScanSubDirs | ItemIsDir);
+                NSLog(QStringLiteral("inotify queue overflowed: %1 is scanned whole").arg(QFile::decodeName(root)));
+                note(root, MustScanSubDirs | ItemModified | ItemIsDir);
                 _pending.insert(_pending.begin(), {-1, -1, root, root, Walk::Rescan});
                 break;
             }
@@ -556,6 +565,13 @@ void InotifyWatcher::flushAsync()
 {
     if (_worker)
         QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(false); }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::holdReading(bool hold)
+{
+    if (_worker)
+        QMetaObject::invokeMethod(_worker, [worker = _worker, hold] { worker->holdReading(hold); },
+                                  Qt::BlockingQueuedConnection);
 }
 
 QString InotifyWatcher::description() const

@@ -23,6 +23,10 @@ public:
     void flushAsync() override;
     QString description() const override;
 
+    // While held, the descriptor is not read, so the kernel's queue fills as it
+    // would behind a stalled thread; letting go reads what is there.
+    void holdReading(bool hold);
+
 private:
     class Worker;
 

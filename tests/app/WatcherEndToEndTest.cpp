@@ -2,11 +2,13 @@
 
 #include "app/Dispatcher.h"
 #include "events/SCEvents.h"
+#include "platform/InotifyWatcher.h"
 #include "tests/support/EngineFixture.h"
 #include "ui/QXTInfectedViewArrayController.h"
 
 #include <QDir>
 #include <QFile>
+#include <QPointer>
 #include <QTest>
 
 namespace {
@@ -18,6 +20,11 @@ class WatcherEndToEndTest : public AgentFixture
 protected:
     void SetUp() override
     {
+        FileSystemWatcher::setFactory([this](QObject *parent) {
+            auto *made = new InotifyWatcher(parent);
+            watcher = made;
+            return made;
+        });
         ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
         QDir().mkpath(home.filePath("Watched"));
         watch({folder(QStringLiteral("~/Watched"))});
@@ -31,6 +38,12 @@ protected:
     {
         const QString prefix = EngineFixture::shared().enginePath();
         return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+    }
+
+    void TearDown() override
+    {
+        AgentFixture::TearDown();
+        FileSystemWatcher::setFactory({});
     }
 
     QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
@@ -66,6 +79,9 @@ protected:
             },
             30000);
     }
+
+    // The agent's current watcher.
+    QPointer<InotifyWatcher> watcher;
 };
 
 TEST_F(WatcherEndToEndTest, FileRemovedAndWrittenAgainWithinOneBatchIsScanned)
@@ -78,6 +94,28 @@ TEST_F(WatcherEndToEndTest, FileRemovedAndWrittenAgainWithinOneBatchIsScanned)
     write("again.com");
 
     EXPECT_TRUE(waitUntilListed({file})) << listedPaths().join(' ').toStdString();
+}
+
+TEST_F(WatcherEndToEndTest, EveryFileWrittenWhileTheKernelQueueOverflowedIsScanned)
+{
+    ASSERT_FALSE(watcher.isNull());
+    write("older/.keep", "");
+    ASSERT_TRUE(waitUntilIdle());
+    QFile limit(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
+    ASSERT_TRUE(limit.open(QIODevice::ReadOnly));
+    const int queueLength = limit.readAll().trimmed().toInt();
+    ASSERT_GT(queueLength, 0);
+
+    watcher->holdReading(true);
+    // Each new file queues at least two events, so these alone overflow the queue.
+    for (int i = 0; i < queueLength / 2 + 100; ++i)
+        write(QStringLiteral("clean-%1.txt").arg(i), "clean");
+    const QStringList lost{write("top.com"), write("older/inside.com"), write("newer/inside.com")};
+    watcher->holdReading(false);
+
+    EXPECT_TRUE(waitUntilListed(lost)) << listedPaths().join(' ').toStdString();
+    // The folder made while events were lost is watched since.
+    EXPECT_TRUE(waitUntilListed({write("newer/later.com")})) << listedPaths().join(' ').toStdString();
 }
 
 } // namespace
