@@ -25,6 +25,10 @@
 
 namespace {
 
+// On the nearest existing parent of a missing root: whatever could make the root appear,
+// and the parent's own end.
+constexpr uint32_t lookoutChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
+
 constexpr uint32_t watchedChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE
     | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
 
@@ -37,6 +41,12 @@ QByteArray joined(const QByteArray &folder, const QByteArray &name)
     if (folder.endsWith('/'))
         return folder + name;
     return folder + '/' + name;
+}
+
+bool isFolder(const QByteArray &path)
+{
+    struct stat status;
+    return ::stat(path.constData(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 quint32 flagsForMask(uint32_t mask)
@@ -105,6 +115,8 @@ private:
     void handle(const inotify_event &event);
     void handleSelfEvent(int wd, uint32_t mask);
     void adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path);
+    void awaitRoot(const QByteArray &root);
+    void lookoutChanged(int wd, uint32_t mask);
     void overflowed();
     void walk(bool toTheEnd);
     void visit(PendingFolder folder);
@@ -128,6 +140,8 @@ private:
     QSet<int> _rescanned;
     // Folders re-homed by a rename inside the trees, until their IN_MOVE_SELF.
     QSet<int> _movedWithinTrees;
+    // Roots that are not there, by the watch on their nearest existing parent.
+    QHash<int, QList<QByteArray>> _lookouts;
     QList<FileSystemEvent> _batch;
     QHash<QString, qsizetype> _batchIndex;
     bool _settingUp = true;
@@ -230,6 +244,8 @@ void InotifyWatcher::Worker::handle(const inotify_event &event)
         overflowed();
         return;
     }
+    if (_lookouts.contains(event.wd))
+        lookoutChanged(event.wd, event.mask);
     if (!_folders.contains(event.wd))
         return;
     if (event.mask & IN_IGNORED) {
@@ -277,8 +293,61 @@ void InotifyWatcher::Worker::handleSelfEvent(int wd, uint32_t mask)
     }
     // A folder moved out of the trees: what happens at its new place is none of ours.
     // Removed folders lose their watches one by one through IN_IGNORED.
+    const QByteArray root = folder->parent < 0 ? folder->name : QByteArray();
     if (mask & IN_MOVE_SELF)
         forgetTree(wd);
+    if (!root.isEmpty())
+        awaitRoot(root);
+}
+
+void InotifyWatcher::Worker::awaitRoot(const QByteArray &root)
+{
+    for (QByteArray parent = root; parent != "/";) {
+        const qsizetype slash = parent.lastIndexOf('/');
+        if (slash < 0)
+            return;
+        parent = slash == 0 ? QByteArray("/") : parent.left(slash);
+        const int wd = inotify_add_watch(_fd, parent.constData(), lookoutChanges);
+        if (wd < 0 && (errno == ENOENT || errno == ENOTDIR))
+            continue;
+        if (wd < 0) {
+            NSLog(QStringLiteral("cannot wait for %1 to appear: %2").arg(QFile::decodeName(root), qt_error_string(errno)));
+            return;
+        }
+        if (!_lookouts[wd].contains(root))
+            _lookouts[wd].append(root);
+        break;
+    }
+    // It may have appeared before the parent's watch existed.
+    if (isFolder(root))
+        QMetaObject::invokeMethod(this, [this] {
+            lookoutChanged(-1, 0);
+            if (!_pending.empty())
+                walk(false);
+        }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::Worker::lookoutChanged(int wd, uint32_t mask)
+{
+    const QList<int> looked = wd < 0 ? _lookouts.keys() : QList<int>{wd};
+    QList<QByteArray> awaited;
+    for (int each : looked)
+        awaited.append(_lookouts.take(each));
+    for (const QByteArray &root : std::as_const(awaited)) {
+        if (isFolder(root)) {
+            NSLog(QStringLiteral("watching %1 again").arg(QFile::decodeName(root)));
+            // Listed as new, so that what it holds already is scanned.
+            _pending.push_back({-1, -1, root, root, Walk::New});
+        } else {
+            // Its parent may have gone, or a folder on the way to it appeared.
+            awaitRoot(root);
+        }
+    }
+    for (int each : looked) {
+        const bool gone = each == wd && (mask & IN_IGNORED);
+        if (!gone && !_lookouts.contains(each) && !_folders.contains(each))
+            inotify_rm_watch(_fd, each);
+    }
 }
 
 void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path)
@@ -419,6 +488,8 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
     if (folder.parent >= 0 && (error == ENOENT || error == ENOTDIR || error == ELOOP))
         return;
     NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(folder.path), qt_error_string(error)));
+    if (folder.parent < 0 && (error == ENOENT || error == ENOTDIR))
+        awaitRoot(folder.path);
 }
 
 void InotifyWatcher::Worker::forgetTree(int wd)

@@ -27,7 +27,8 @@ protected:
         });
         ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
         QDir().mkpath(home.filePath("Watched"));
-        watch({folder(QStringLiteral("~/Watched"))});
+        // The second folder is not there at the start.
+        watch({folder(QStringLiteral("~/Watched")), folder(QStringLiteral("~/Later/Inbox"))});
         AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
         ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
@@ -116,6 +117,22 @@ TEST_F(WatcherEndToEndTest, EveryFileWrittenWhileTheKernelQueueOverflowedIsScann
     EXPECT_TRUE(waitUntilListed(lost)) << listedPaths().join(' ').toStdString();
     // The folder made while events were lost is watched since.
     EXPECT_TRUE(waitUntilListed({write("newer/later.com")})) << listedPaths().join(' ').toStdString();
+}
+
+TEST_F(WatcherEndToEndTest, FolderThatIsMissingOrRemovedIsWatchedOnceItIsThereAndWhatItHoldsIsScanned)
+{
+    // Made elsewhere and moved into place whole, with an infected file already in it.
+    const QString inbox = home.filePath("Later/Inbox");
+    home.writeFile("Elsewhere/early.com", EngineFixture::eicarContents());
+    ASSERT_TRUE(QDir().mkpath(home.filePath("Later")));
+    ASSERT_TRUE(QDir().rename(home.filePath("Elsewhere"), inbox));
+    EXPECT_TRUE(waitUntilListed({inbox + "/early.com"})) << listedPaths().join(' ').toStdString();
+    EXPECT_TRUE(waitUntilListed({home.writeFile("Later/Inbox/late.com", EngineFixture::eicarContents())}));
+
+    ASSERT_TRUE(QDir(home.filePath("Watched")).removeRecursively());
+    const QString again = write("again.com");
+    EXPECT_TRUE(waitUntilListed({again})) << listedPaths().join(' ').toStdString();
+    EXPECT_TRUE(waitUntilListed({write("deeper/later.com")})) << listedPaths().join(' ').toStdString();
 }
 
 } // namespace
