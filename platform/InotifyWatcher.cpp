@@ -1,6 +1,8 @@
 #include "InotifyWatcher.h"
 
+#include "platform/Localization.h"
 #include "platform/SystemLog.h"
+#include "platform/UserNotificationCenter.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -80,7 +82,8 @@ qint64 watchLimit()
 class InotifyWatcher::Worker : public QObject
 {
 public:
-    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes);
+    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes,
+           qint64 watchBudget);
     ~Worker() override;
 
     void begin();
@@ -110,6 +113,7 @@ private:
         Walk walk;
     };
 
+    int addWatch(const QByteArray &path, uint32_t mask);
     void readQueue();
     void readQueueAndWalk();
     void handle(const inotify_event &event);
@@ -131,6 +135,7 @@ private:
     InotifyWatcher *const _owner;
     const int _fd;
     const int _latencyMs;
+    const qint64 _watchBudget;
     QList<QByteArray> _roots;
     QList<QByteArray> _unwatchedPrefixes;
     QSocketNotifier *_notifier = nullptr;
@@ -150,10 +155,11 @@ private:
 };
 
 InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs,
-                               const QStringList &unwatchedPrefixes)
+                               const QStringList &unwatchedPrefixes, qint64 watchBudget)
     : _owner(owner)
     , _fd(fd)
     , _latencyMs(latencyMs)
+    , _watchBudget(watchBudget)
 {
     for (const QString &root : roots)
         _roots.append(QFile::encodeName(root));
@@ -211,6 +217,15 @@ QString InotifyWatcher::Worker::description() const
         .arg(QString::number(_fd), QString::number(_folders.size()), roots.join(QStringLiteral(", ")),
              QString::number(_latencyMs / 1000.0), _settingUp ? QStringLiteral("setting up") : QStringLiteral("set up"),
              QString::number(_batch.size()));
+}
+
+int InotifyWatcher::Worker::addWatch(const QByteArray &path, uint32_t mask)
+{
+    if (_watchBudget >= 0 && _folders.size() >= _watchBudget) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return inotify_add_watch(_fd, path.constData(), mask);
 }
 
 void InotifyWatcher::Worker::readQueue()
@@ -356,7 +371,7 @@ void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name
     if (isUnwatched(path))
         return;
     // For a folder that is watched already the kernel answers its existing watch.
-    const int wd = inotify_add_watch(_fd, path.constData(), watchedChanges | IN_DONT_FOLLOW);
+    const int wd = addWatch(path, watchedChanges | IN_DONT_FOLLOW);
     if (wd < 0) {
         reportWatchFailure(errno, {-1, parent, name, path, Walk::New});
         return;
@@ -425,7 +440,7 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     const bool isRoot = folder.parent < 0;
     if (folder.wd < 0) {
         // Roots may be symbolic links to folders; nothing below them is followed.
-        const int wd = inotify_add_watch(_fd, folder.path.constData(), watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
+        const int wd = addWatch(folder.path, watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
         if (wd < 0) {
             reportWatchFailure(errno, folder);
             return;
@@ -476,11 +491,12 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
             return;
         _limitReported = true;
         const qint64 limit = watchLimit();
-        const QByteArray root = folder.parent < 0 ? folder.path : rootOf(folder.parent);
+        const qint64 suggested = qMax<qint64>(2 * limit, 524288);
+        const QString root = QFile::decodeName(folder.parent < 0 ? folder.path : rootOf(folder.parent));
         NSLog(QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders under %2 "
                              "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
-                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), QFile::decodeName(root),
-                       QString::number(qMax<qint64>(2 * limit, 524288))));
+                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), root, QString::number(suggested)));
+        _owner->reportWatchLimit(root, suggested);
         return;
     }
     // Below a root, a folder that vanished before its watch came, or a symbolic
@@ -597,7 +613,7 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
     QStringList cleanRoots;
     for (const QString &root : roots)
         cleanRoots.append(root.isEmpty() ? root : QDir::cleanPath(root));
-    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes);
+    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes, _watchBudget);
     _worker->moveToThread(&_thread);
     _thread.start();
     QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);
@@ -672,6 +688,17 @@ void InotifyWatcher::reportSetupFinished(qint64 watchedFolders)
     QMetaObject::invokeMethod(this, [this, watchedFolders] {
         if (_worker)
             emit setupFinished(watchedFolders);
+    }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::reportWatchLimit(const QString &root, qint64 suggestedLimit)
+{
+    // Files in the folders left out would never be scanned, so the user is told, not only the log.
+    QMetaObject::invokeMethod(this, [this, root, suggestedLimit] {
+        UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
+        if (_worker && center->canDeliver())
+            center->deliverNotification(Localization::text("WATCH_LIMIT_TITLE"),
+                                        Localization::text("WATCH_LIMIT_MESSAGE").arg(root, QString::number(suggestedLimit)));
     }, Qt::QueuedConnection);
 }
 
