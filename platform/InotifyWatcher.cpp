@@ -401,6 +401,8 @@ void InotifyWatcher::Worker::overflowed()
             }
         }
     }
+    // A missing root may have appeared among the lost events.
+    lookoutChanged(-1, 0);
 }
 
 void InotifyWatcher::Worker::walk(bool toTheEnd)

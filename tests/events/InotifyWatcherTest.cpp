@@ -11,7 +11,6 @@
 
 #include <sys/stat.h>
 
-#include <chrono>
 #include <memory>
 
 namespace {
@@ -111,15 +110,4 @@ TEST(InotifyWatcherTest, WatchLimitIsToldToTheUserOncePerStartAndWatchedFoldersK
         EXPECT_EQ(log.lines().filter(QStringLiteral("inotify watch limit reached")).size(), start) << log.lines().join('\n').toStdString();
         watcher.stop();
     }
-}
-
-TEST(InotifyWatcherTest, IdentifiersFollowTheClockAndNeverRepeat)
-{
-    using namespace std::chrono;
-    const auto before = quint64(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
-    const quint64 first = FileSystemWatcher::nextEventId();
-    const quint64 second = FileSystemWatcher::nextEventId();
-    // Growing with the clock keeps them growing across restarts of the program too.
-    EXPECT_GE(first, before);
-    EXPECT_GT(second, first);
 }
