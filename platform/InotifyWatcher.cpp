@@ -350,7 +350,7 @@ void InotifyWatcher::Worker::lookoutChanged(int wd, uint32_t mask)
         awaited.append(_lookouts.take(each));
     for (const QByteArray &root : std::as_const(awaited)) {
         if (isFolder(root)) {
-            NSLog(QStringLiteral("watching %1 again").arg(QFile::decodeName(root)));
+            NSLog(QStringLiteral("%1 is there: watching it").arg(QFile::decodeName(root)));
             // Listed as new, so that what it holds already is scanned.
             _pending.push_back({-1, -1, root, root, Walk::New});
         } else {
