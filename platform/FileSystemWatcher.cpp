@@ -4,10 +4,28 @@
 
 #include <atomic>
 #include <chrono>
+#include <utility>
+
+namespace {
+
+std::function<FileSystemWatcher *(QObject *)> &factory()
+{
+    static std::function<FileSystemWatcher *(QObject *)> maker;
+    return maker;
+}
+
+} // namespace
 
 FileSystemWatcher *FileSystemWatcher::create(QObject *parent)
 {
+    if (factory())
+        return factory()(parent);
     return new InotifyWatcher(parent);
+}
+
+void FileSystemWatcher::setFactory(std::function<FileSystemWatcher *(QObject *)> maker)
+{
+    factory() = std::move(maker);
 }
 
 quint64 FileSystemWatcher::nextEventId()

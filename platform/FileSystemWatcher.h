@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 // One path of a batch, with every change to it during the batch OR-ed into flags.
 struct FileSystemEvent
 {
@@ -40,6 +42,8 @@ public:
 
     // The watcher of this system; it lives on the calling thread.
     static FileSystemWatcher *create(QObject *parent = nullptr);
+    // Tests hand in their own maker; an empty one restores the system's.
+    static void setFactory(std::function<FileSystemWatcher *(QObject *parent)> factory);
 
     // Follows the clock in microseconds and never repeats within the process, so
     // identifiers grow across batches, watchers and restarts of the program.

@@ -1,6 +1,8 @@
 #include "InotifyWatcher.h"
 
+#include "platform/Localization.h"
 #include "platform/SystemLog.h"
+#include "platform/UserNotificationCenter.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -25,6 +27,10 @@
 
 namespace {
 
+// On the nearest existing parent of a missing root: whatever could make the root appear,
+// and the parent's own end.
+constexpr uint32_t lookoutChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
+
 constexpr uint32_t watchedChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE
     | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
 
@@ -37,6 +43,12 @@ QByteArray joined(const QByteArray &folder, const QByteArray &name)
     if (folder.endsWith('/'))
         return folder + name;
     return folder + '/' + name;
+}
+
+bool isFolder(const QByteArray &path)
+{
+    struct stat status;
+    return ::stat(path.constData(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 quint32 flagsForMask(uint32_t mask)
@@ -70,12 +82,14 @@ qint64 watchLimit()
 class InotifyWatcher::Worker : public QObject
 {
 public:
-    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes);
+    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes,
+           qint64 watchBudget);
     ~Worker() override;
 
     void begin();
     // With wait, finishes the walk and reads the queue dry before closing the batch.
     void flush(bool wait);
+    void holdReading(bool hold);
     QString description() const;
 
 private:
@@ -99,11 +113,14 @@ private:
         Walk walk;
     };
 
+    int addWatch(const QByteArray &path, uint32_t mask);
     void readQueue();
     void readQueueAndWalk();
     void handle(const inotify_event &event);
     void handleSelfEvent(int wd, uint32_t mask);
     void adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path);
+    void awaitRoot(const QByteArray &root);
+    void lookoutChanged(int wd, uint32_t mask);
     void overflowed();
     void walk(bool toTheEnd);
     void visit(PendingFolder folder);
@@ -118,6 +135,7 @@ private:
     InotifyWatcher *const _owner;
     const int _fd;
     const int _latencyMs;
+    const qint64 _watchBudget;
     QList<QByteArray> _roots;
     QList<QByteArray> _unwatchedPrefixes;
     QSocketNotifier *_notifier = nullptr;
@@ -127,6 +145,8 @@ private:
     QSet<int> _rescanned;
     // Folders re-homed by a rename inside the trees, until their IN_MOVE_SELF.
     QSet<int> _movedWithinTrees;
+    // Roots that are not there, by the watch on their nearest existing parent.
+    QHash<int, QList<QByteArray>> _lookouts;
     QList<FileSystemEvent> _batch;
     QHash<QString, qsizetype> _batchIndex;
     bool _settingUp = true;
@@ -135,10 +155,11 @@ private:
 };
 
 InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs,
-                               const QStringList &unwatchedPrefixes)
+                               const QStringList &unwatchedPrefixes, qint64 watchBudget)
     : _owner(owner)
     , _fd(fd)
     , _latencyMs(latencyMs)
+    , _watchBudget(watchBudget)
 {
     for (const QString &root : roots)
         _roots.append(QFile::encodeName(root));
@@ -180,6 +201,13 @@ void InotifyWatcher::Worker::flush(bool wait)
     closeBatch();
 }
 
+void InotifyWatcher::Worker::holdReading(bool hold)
+{
+    _notifier->setEnabled(!hold);
+    if (!hold)
+        readQueueAndWalk();
+}
+
 QString InotifyWatcher::Worker::description() const
 {
     QStringList roots;
@@ -189,6 +217,15 @@ QString InotifyWatcher::Worker::description() const
         .arg(QString::number(_fd), QString::number(_folders.size()), roots.join(QStringLiteral(", ")),
              QString::number(_latencyMs / 1000.0), _settingUp ? QStringLiteral("setting up") : QStringLiteral("set up"),
              QString::number(_batch.size()));
+}
+
+int InotifyWatcher::Worker::addWatch(const QByteArray &path, uint32_t mask)
+{
+    if (_watchBudget >= 0 && _folders.size() >= _watchBudget) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return inotify_add_watch(_fd, path.constData(), mask);
 }
 
 void InotifyWatcher::Worker::readQueue()
@@ -222,6 +259,8 @@ void InotifyWatcher::Worker::handle(const inotify_event &event)
         overflowed();
         return;
     }
+    if (_lookouts.contains(event.wd))
+        lookoutChanged(event.wd, event.mask);
     if (!_folders.contains(event.wd))
         return;
     if (event.mask & IN_IGNORED) {
@@ -269,8 +308,61 @@ void InotifyWatcher::Worker::handleSelfEvent(int wd, uint32_t mask)
     }
     // A folder moved out of the trees: what happens at its new place is none of ours.
     // Removed folders lose their watches one by one through IN_IGNORED.
+    const QByteArray root = folder->parent < 0 ? folder->name : QByteArray();
     if (mask & IN_MOVE_SELF)
         forgetTree(wd);
+    if (!root.isEmpty())
+        awaitRoot(root);
+}
+
+void InotifyWatcher::Worker::awaitRoot(const QByteArray &root)
+{
+    for (QByteArray parent = root; parent != "/";) {
+        const qsizetype slash = parent.lastIndexOf('/');
+        if (slash < 0)
+            return;
+        parent = slash == 0 ? QByteArray("/") : parent.left(slash);
+        const int wd = inotify_add_watch(_fd, parent.constData(), lookoutChanges);
+        if (wd < 0 && (errno == ENOENT || errno == ENOTDIR))
+            continue;
+        if (wd < 0) {
+            NSLog(QStringLiteral("cannot wait for %1 to appear: %2").arg(QFile::decodeName(root), qt_error_string(errno)));
+            return;
+        }
+        if (!_lookouts[wd].contains(root))
+            _lookouts[wd].append(root);
+        break;
+    }
+    // It may have appeared before the parent's watch existed.
+    if (isFolder(root))
+        QMetaObject::invokeMethod(this, [this] {
+            lookoutChanged(-1, 0);
+            if (!_pending.empty())
+                walk(false);
+        }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::Worker::lookoutChanged(int wd, uint32_t mask)
+{
+    const QList<int> looked = wd < 0 ? _lookouts.keys() : QList<int>{wd};
+    QList<QByteArray> awaited;
+    for (int each : looked)
+        awaited.append(_lookouts.take(each));
+    for (const QByteArray &root : std::as_const(awaited)) {
+        if (isFolder(root)) {
+            NSLog(QStringLiteral("%1 is there: watching it").arg(QFile::decodeName(root)));
+            // Listed as new, so that what it holds already is scanned.
+            _pending.push_back({-1, -1, root, root, Walk::New});
+        } else {
+            // Its parent may have gone, or a folder on the way to it appeared.
+            awaitRoot(root);
+        }
+    }
+    for (int each : looked) {
+        const bool gone = each == wd && (mask & IN_IGNORED);
+        if (!gone && !_lookouts.contains(each) && !_folders.contains(each))
+            inotify_rm_watch(_fd, each);
+    }
 }
 
 void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name, const QByteArray &path)
@@ -279,7 +371,7 @@ void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name
     if (isUnwatched(path))
         return;
     // For a folder that is watched already the kernel answers its existing watch.
-    const int wd = inotify_add_watch(_fd, path.constData(), watchedChanges | IN_DONT_FOLLOW);
+    const int wd = addWatch(path, watchedChanges | IN_DONT_FOLLOW);
     if (wd < 0) {
         reportWatchFailure(errno, {-1, parent, name, path, Walk::New});
         return;
@@ -297,17 +389,20 @@ void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name
 
 void InotifyWatcher::Worker::overflowed()
 {
-    // Changes were lost: every root gets a must-scan event, and the trees are walked
-    // again so that folders created meanwhile get their watches.
+    // Changes were lost: every root becomes a modified folder to be scanned whole, and
+    // the trees are walked again so that folders created meanwhile get their watches.
     for (const QByteArray &root : std::as_const(_roots)) {
         for (auto folder = _folders.cbegin(); folder != _folders.cend(); ++folder) {
             if (folder->parent < 0 && folder->name == root) {
-                note(root, MustScanSubDirs | ItemIsDir);
+                NSLog(QStringLiteral("inotify queue overflowed: %1 is scanned whole").arg(QFile::decodeName(root)));
+                note(root, MustScanSubDirs | ItemModified | ItemIsDir);
                 _pending.insert(_pending.begin(), {-1, -1, root, root, Walk::Rescan});
                 break;
             }
         }
     }
+    // A missing root may have appeared among the lost events.
+    lookoutChanged(-1, 0);
 }
 
 void InotifyWatcher::Worker::walk(bool toTheEnd)
@@ -347,7 +442,7 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     const bool isRoot = folder.parent < 0;
     if (folder.wd < 0) {
         // Roots may be symbolic links to folders; nothing below them is followed.
-        const int wd = inotify_add_watch(_fd, folder.path.constData(), watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
+        const int wd = addWatch(folder.path, watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
         if (wd < 0) {
             reportWatchFailure(errno, folder);
             return;
@@ -398,11 +493,12 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
             return;
         _limitReported = true;
         const qint64 limit = watchLimit();
-        const QByteArray root = folder.parent < 0 ? folder.path : rootOf(folder.parent);
+        const qint64 suggested = qMax<qint64>(2 * limit, 524288);
+        const QString root = QFile::decodeName(folder.parent < 0 ? folder.path : rootOf(folder.parent));
         NSLog(QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders under %2 "
                              "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
-                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), QFile::decodeName(root),
-                       QString::number(qMax<qint64>(2 * limit, 524288))));
+                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), root, QString::number(suggested)));
+        _owner->reportWatchLimit(root, suggested);
         return;
     }
     // Below a root, a folder that vanished before its watch came, or a symbolic
@@ -410,6 +506,8 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
     if (folder.parent >= 0 && (error == ENOENT || error == ENOTDIR || error == ELOOP))
         return;
     NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(folder.path), qt_error_string(error)));
+    if (folder.parent < 0 && (error == ENOENT || error == ENOTDIR))
+        awaitRoot(folder.path);
 }
 
 void InotifyWatcher::Worker::forgetTree(int wd)
@@ -469,8 +567,13 @@ void InotifyWatcher::Worker::note(const QByteArray &path, quint32 flags)
     const QString name = QFile::decodeName(path);
     const auto known = _batchIndex.constFind(name);
     if (known != _batchIndex.cend()) {
-        _batch[*known].flags |= flags;
-        return;
+        // Merged, a removal followed by a new file of the same name would read as a
+        // removal alone, so the removal goes out first in a batch of its own.
+        if (!(_batch.at(*known).flags & ItemRemoved) || !(flags & (ItemCreated | ItemRenamed))) {
+            _batch[*known].flags |= flags;
+            return;
+        }
+        closeBatch();
     }
     _batchIndex.insert(name, _batch.size());
     _batch.append({0, name, flags});
@@ -512,7 +615,7 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
     QStringList cleanRoots;
     for (const QString &root : roots)
         cleanRoots.append(root.isEmpty() ? root : QDir::cleanPath(root));
-    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes);
+    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes, _watchBudget);
     _worker->moveToThread(&_thread);
     _thread.start();
     QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);
@@ -553,6 +656,13 @@ void InotifyWatcher::flushAsync()
         QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(false); }, Qt::QueuedConnection);
 }
 
+void InotifyWatcher::holdReading(bool hold)
+{
+    if (_worker)
+        QMetaObject::invokeMethod(_worker, [worker = _worker, hold] { worker->holdReading(hold); },
+                                  Qt::BlockingQueuedConnection);
+}
+
 QString InotifyWatcher::description() const
 {
     if (!_worker)
@@ -580,6 +690,17 @@ void InotifyWatcher::reportSetupFinished(qint64 watchedFolders)
     QMetaObject::invokeMethod(this, [this, watchedFolders] {
         if (_worker)
             emit setupFinished(watchedFolders);
+    }, Qt::QueuedConnection);
+}
+
+void InotifyWatcher::reportWatchLimit(const QString &root, qint64 suggestedLimit)
+{
+    // Files in the folders left out would never be scanned, so the user is told, not only the log.
+    QMetaObject::invokeMethod(this, [this, root, suggestedLimit] {
+        UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
+        if (_worker && center->canDeliver())
+            center->deliverNotification(Localization::text("WATCH_LIMIT_TITLE"),
+                                        Localization::text("WATCH_LIMIT_MESSAGE").arg(root, QString::number(suggestedLimit)));
     }, Qt::QueuedConnection);
 }
 

@@ -23,17 +23,26 @@ public:
     void flushAsync() override;
     QString description() const override;
 
+    // While held, the descriptor is not read, so the kernel's queue fills as it
+    // would behind a stalled thread; letting go reads what is there.
+    void holdReading(bool hold);
+    // From the next start, at most this many folders get a watch, as if the
+    // kernel's limit were reached there; negative for the kernel's own limit.
+    void setWatchBudget(qint64 folders) { _watchBudget = folders; }
+
 private:
     class Worker;
 
     // Called on the worker thread.
     void takeBatch(QList<FileSystemEvent> batch);
     void reportSetupFinished(qint64 watchedFolders);
+    void reportWatchLimit(const QString &root, qint64 suggestedLimit);
 
     void deliverBatches();
 
     QThread _thread;
     Worker *_worker = nullptr;
+    qint64 _watchBudget = -1;
     QMutex _inboxLock;
     QList<QList<FileSystemEvent>> _inbox;
 };

@@ -244,6 +244,14 @@
         <translation>KorvaneVarden cannot continue</translation>
     </message>
     <message>
+        <source>WATCH_LIMIT_MESSAGE</source>
+        <translation>New files in some folders under %1 are not scanned: the system’s limit of watched folders, fs.inotify.max_user_watches, is reached. Raise it, for example with: sudo sysctl fs.inotify.max_user_watches=%2</translation>
+    </message>
+    <message>
+        <source>WATCH_LIMIT_TITLE</source>
+        <translation>Some folders are not watched</translation>
+    </message>
+    <message>
         <source>YES</source>
         <translation>Yes</translation>
     </message>

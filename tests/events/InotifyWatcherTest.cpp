@@ -1,23 +1,21 @@
-#include "KernelSetting.h"
 #include "WatchedFolder.h"
 
 #include "platform/FileSystemWatcher.h"
+#include "platform/InotifyWatcher.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordingNotificationCenter.h"
 
-#include <QDirIterator>
 #include <QSignalSpy>
 #include <QTimer>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <memory>
 
 namespace {
 
-constexpr quint32 created = 0x100, mustScanSubDirs = 0x1, isDir = 0x20000;
+constexpr quint32 created = 0x100;
 
 // Every event a watcher hands out, merged per path over all batches.
 struct Collected
@@ -33,25 +31,6 @@ struct Collected
 
     QHash<QString, quint32> flags;
 };
-
-// The inotify watches the processes of this user hold right now.
-qint64 watchesInUse()
-{
-    qint64 count = 0;
-    QDirIterator processes(QStringLiteral("/proc"), QDir::Dirs | QDir::NoDotAndDotDot);
-    while (processes.hasNext()) {
-        const QFileInfo process(processes.next());
-        if (process.ownerId() != ::geteuid())
-            continue;
-        QDirIterator descriptors(process.filePath() + QStringLiteral("/fdinfo"), QDir::Files);
-        while (descriptors.hasNext()) {
-            QFile info(descriptors.next());
-            if (info.open(QIODevice::ReadOnly))
-                count += info.readAll().count("\ninotify wd:");
-        }
-    }
-    return count;
-}
 
 } // namespace
 
@@ -104,72 +83,31 @@ TEST(InotifyWatcherTest, SettingUpALargeTreeLeavesTheCallingThreadRunning)
     EXPECT_EQ(interruptedSetUp.count(), 0);
 }
 
-TEST(InotifyWatcherTest, WatchLimitIsLoggedOnceAndWatchedFoldersKeepReporting)
+TEST(InotifyWatcherTest, WatchLimitIsToldToTheUserOncePerStartAndWatchedFoldersKeepReporting)
 {
     WatchedFolder folder;
     for (int i = 0; i < 40; ++i)
         folder.makeFolder(QStringLiteral("d%1/inner").arg(i));
-    KernelSetting limit(QStringLiteral("/proc/sys/fs/inotify/max_user_watches"));
-    const qint64 lowLimit = watchesInUse() + 10;
     LogCapture log;
-    std::unique_ptr<FileSystemWatcher> watcher(FileSystemWatcher::create());
-    Collected collected(watcher.get());
+    RecordingNotificationCenter notifications;
+    InotifyWatcher watcher;
+    watcher.setWatchBudget(10);
+    Collected collected(&watcher);
 
-    if (!limit.set(lowLimit))
-        GTEST_SKIP() << limit.error().toStdString();
-    const bool started = watcher->start({folder.path()}, 0.2, {});
-    if (started)
-        watcher->flushSync();
-    limit.restore();
-    ASSERT_TRUE(started);
-
-    EXPECT_EQ(log.lines().filter(QStringLiteral("inotify watch limit reached")),
-              QStringList(QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders "
-                                         "under %2 are not watched; raise it with: sysctl fs.inotify.max_user_watches=524288")
-                              .arg(lowLimit)
-                              .arg(folder.path())));
-
-    const QString file = folder.writeFile(QStringLiteral("still-watched.txt"));
-    EXPECT_TRUE(eventually([&] { return collected.has(file, created); }));
-}
-
-TEST(InotifyWatcherTest, QueueOverflowAsksForAScanOfEveryRoot)
-{
-    WatchedFolder folder;
-    const QString first = folder.makeFolder(QStringLiteral("first"));
-    const QString second = folder.makeFolder(QStringLiteral("second"));
-    KernelSetting queue(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
-    std::unique_ptr<FileSystemWatcher> watcher(FileSystemWatcher::create());
-    Collected collected(watcher.get());
-
-    // The queue length is taken when the inotify instance is made, so the old value can return at once.
-    if (!queue.set(1))
-        GTEST_SKIP() << queue.error().toStdString();
-    const bool started = watcher->start({first, second}, 0.2, {});
-    queue.restore();
-    ASSERT_TRUE(started);
-    watcher->flushSync();
-
-    // A rename queues two events in one system call, one more than the queue holds.
-    const QString a = folder.writeFile(QStringLiteral("first/a"));
-    const QString b = folder.filePath(QStringLiteral("first/b"));
-    for (int i = 0; i < 100; ++i)
-        ASSERT_TRUE(i % 2 ? QFile::rename(b, a) : QFile::rename(a, b));
-    watcher->flushSync();
-
-    EXPECT_TRUE(collected.has(first, mustScanSubDirs | isDir));
-    EXPECT_TRUE(collected.has(second, mustScanSubDirs | isDir));
-    const QString file = folder.writeFile(QStringLiteral("second/later.txt"));
-    EXPECT_TRUE(eventually([&] { return collected.has(file, created); }));
-}
-
-TEST(InotifyWatcherTest, IdentifiersFollowTheClockAndNeverRepeat)
-{
-    using namespace std::chrono;
-    const auto before = quint64(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
-    const quint64 first = FileSystemWatcher::nextEventId();
-    const quint64 second = FileSystemWatcher::nextEventId();
-    // Growing with the clock keeps them growing across restarts of the program too.
-    EXPECT_GE(first, before);
-    EXPECT_GT(second, first);
+    for (int start = 1; start <= 2; ++start) {
+        ASSERT_TRUE(watcher.start({folder.path()}, 0.2, {}));
+        watcher.flushSync();
+        // A folder made now finds no room either: still one notice.
+        folder.makeFolder(QStringLiteral("late%1").arg(start));
+        watcher.flushSync();
+        const QString file = folder.writeFile(QStringLiteral("still-watched-%1.txt").arg(start));
+        EXPECT_TRUE(eventually([&] { return collected.has(file, created); }));
+        QCoreApplication::processEvents();
+        ASSERT_EQ(notifications.delivered.size(), start);
+        EXPECT_TRUE(notifications.delivered.last().second.contains(QStringLiteral("fs.inotify.max_user_watches")))
+            << notifications.delivered.last().second.toStdString();
+        EXPECT_TRUE(notifications.delivered.last().second.contains(folder.path()));
+        EXPECT_EQ(log.lines().filter(QStringLiteral("inotify watch limit reached")).size(), start) << log.lines().join('\n').toStdString();
+        watcher.stop();
+    }
 }

@@ -314,6 +314,18 @@ TEST_F(SCEventsWatchingTest, IdentifiersGrowAndTheLastEventIsTheLastRecordOfTheL
     EXPECT_GT(events.lastEvent().value_or(SCEvent()).eventId(), listener.events.last().eventId());
 }
 
+TEST_F(SCEventsWatchingTest, FilesArrivingSteadilyDoNotHoldBackTheirBatch)
+{
+    events.setNotificationLatency(1.0);
+    watch({folder.path()});
+    // A new file five times within each latency, for several latencies.
+    for (int i = 0; i < 40 && listener.events.isEmpty(); ++i) {
+        folder.writeFile(QStringLiteral("steady-%1.txt").arg(i));
+        QTest::qWait(200);
+    }
+    EXPECT_FALSE(listener.events.isEmpty()) << "no batch went out while files kept arriving";
+}
+
 TEST_F(SCEventsWatchingTest, DelegateMayStopTheStreamWhileBeingCalled)
 {
     struct StoppingListener : RecordingListener
@@ -325,9 +337,14 @@ TEST_F(SCEventsWatchingTest, DelegateMayStopTheStreamWhileBeingCalled)
         }
     } stopper;
     events.setDelegate(&stopper);
+    events.setNotificationLatency(0.05);
     watch({folder.path()});
+    // This thread holds still while the watcher closes two batches, so that both
+    // are handed over in one go and the second is still to come when the stop comes.
     folder.writeFile("one.txt");
+    QThread::msleep(500);
     folder.writeFile("two.txt");
+    QThread::msleep(500);
 
     ASSERT_TRUE(eventually([&] { return !events.isWatchingPaths(); }));
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);

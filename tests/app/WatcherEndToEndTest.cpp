@@ -1,0 +1,138 @@
+#include "AgentFixture.h"
+
+#include "app/Dispatcher.h"
+#include "events/SCEvents.h"
+#include "platform/InotifyWatcher.h"
+#include "tests/support/EngineFixture.h"
+#include "ui/QXTInfectedViewArrayController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QPointer>
+#include <QTest>
+
+namespace {
+
+// The whole agent against the real daemon and real folder events, for the
+// ways a file written into a watched folder could escape the scanner.
+class WatcherEndToEndTest : public AgentFixture
+{
+protected:
+    void SetUp() override
+    {
+        FileSystemWatcher::setFactory([this](QObject *parent) {
+            auto *made = new InotifyWatcher(parent);
+            watcher = made;
+            return made;
+        });
+        ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
+        QDir().mkpath(home.filePath("Watched"));
+        // The second folder is not there at the start.
+        watch({folder(QStringLiteral("~/Watched")), folder(QStringLiteral("~/Later/Inbox"))});
+        AgentFixture::SetUp();
+        agent->applicationDidFinishLaunching();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
+        agent->events()->flushEventStreamSync();
+    }
+
+    QList<QXUtils::EngineCandidate> engines() override
+    {
+        const QString prefix = EngineFixture::shared().enginePath();
+        return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+    }
+
+    void TearDown() override
+    {
+        AgentFixture::TearDown();
+        FileSystemWatcher::setFactory({});
+    }
+
+    QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
+    {
+        return home.writeFile("Watched/" + name.toUtf8(), contents);
+    }
+
+    QStringList listedPaths() const
+    {
+        QStringList paths;
+        for (const InfectedItem &item : agent->infectedList()->arrangedObjects())
+            paths << item.value(QStringLiteral("filePath")).toString();
+        return paths;
+    }
+
+    bool waitUntilListed(const QStringList &paths)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                const QStringList listed = listedPaths();
+                return std::all_of(paths.begin(), paths.end(), [&](const QString &path) { return listed.contains(path); });
+            },
+            30000);
+    }
+
+    // Nothing waiting, ready or being scanned.
+    bool waitUntilIdle()
+    {
+        return QTest::qWaitFor(
+            [&] {
+                return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
+                    && !agent->utils()->scanning();
+            },
+            30000);
+    }
+
+    // The agent's current watcher.
+    QPointer<InotifyWatcher> watcher;
+};
+
+TEST_F(WatcherEndToEndTest, FileRemovedAndWrittenAgainWithinOneBatchIsScanned)
+{
+    const QString file = write("again.com", "harmless at first");
+    agent->events()->flushEventStreamSync();
+    ASSERT_TRUE(waitUntilIdle());
+    ASSERT_TRUE(QFile::remove(file));
+    QTest::qWait(500);
+    write("again.com");
+
+    EXPECT_TRUE(waitUntilListed({file})) << listedPaths().join(' ').toStdString();
+}
+
+TEST_F(WatcherEndToEndTest, EveryFileWrittenWhileTheKernelQueueOverflowedIsScanned)
+{
+    ASSERT_FALSE(watcher.isNull());
+    write("older/.keep", "");
+    ASSERT_TRUE(waitUntilIdle());
+    QFile limit(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
+    ASSERT_TRUE(limit.open(QIODevice::ReadOnly));
+    const int queueLength = limit.readAll().trimmed().toInt();
+    ASSERT_GT(queueLength, 0);
+
+    watcher->holdReading(true);
+    // Each new file queues at least two events, so these alone overflow the queue.
+    for (int i = 0; i < queueLength / 2 + 100; ++i)
+        write(QStringLiteral("clean-%1.txt").arg(i), "clean");
+    const QStringList lost{write("top.com"), write("older/inside.com"), write("newer/inside.com")};
+    watcher->holdReading(false);
+
+    EXPECT_TRUE(waitUntilListed(lost)) << listedPaths().join(' ').toStdString();
+    // The folder made while events were lost is watched since.
+    EXPECT_TRUE(waitUntilListed({write("newer/later.com")})) << listedPaths().join(' ').toStdString();
+}
+
+TEST_F(WatcherEndToEndTest, FolderThatIsMissingOrRemovedIsWatchedOnceItIsThereAndWhatItHoldsIsScanned)
+{
+    // Made elsewhere and moved into place whole, with an infected file already in it.
+    const QString inbox = home.filePath("Later/Inbox");
+    home.writeFile("Elsewhere/early.com", EngineFixture::eicarContents());
+    ASSERT_TRUE(QDir().mkpath(home.filePath("Later")));
+    ASSERT_TRUE(QDir().rename(home.filePath("Elsewhere"), inbox));
+    EXPECT_TRUE(waitUntilListed({inbox + "/early.com"})) << listedPaths().join(' ').toStdString();
+    EXPECT_TRUE(waitUntilListed({home.writeFile("Later/Inbox/late.com", EngineFixture::eicarContents())}));
+
+    ASSERT_TRUE(QDir(home.filePath("Watched")).removeRecursively());
+    const QString again = write("again.com");
+    EXPECT_TRUE(waitUntilListed({again})) << listedPaths().join(' ').toStdString();
+    EXPECT_TRUE(waitUntilListed({write("deeper/later.com")})) << listedPaths().join(' ').toStdString();
+}
+
+} // namespace
