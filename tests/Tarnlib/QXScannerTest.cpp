@@ -97,6 +97,8 @@ protected:
         return QTest::qWaitFor([&] { return reached->load(); }, waitLimit);
     }
 
+    void scanNamesTheListCannotCarry(bool clamd);
+
     // Only for its file helpers: the samples to scan live here.
     ScriptedPrefix files;
     FakeScannerDelegate delegate;
@@ -376,3 +378,25 @@ TEST_F(QXScannerTest, OnlyTheEndingOfALineIsTakenForTheEnginesMarkOfItsOwnSignat
     EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
                 UnorderedElementsAre(infection(named, eicarName), infection(folder, eicarName)));
 }
+
+// A newline would cut the name in the engine's list and in its output.
+void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
+{
+    ASSERT_TRUE(useRealEngine());
+    delegate.clamd = clamd;
+    const QString split = infected("two\nlines.com");
+    const QString ending = infected("ends in a newline\n");
+    const QString harmless = clean("clean\nname.txt");
+    const QString letters = infected("Grüße ½.com");
+    scan({split, harmless, letters, ending});
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
+                UnorderedElementsAre(infection(split, eicarName), infection(letters, eicarName),
+                                     infection(ending, eicarName)));
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
+}
+
+TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline) { scanNamesTheListCannotCarry(true); }
+
+TEST_F(QXScannerTest, StandAloneScannerScansNamesWithANewline) { scanNamesTheListCannotCarry(false); }
