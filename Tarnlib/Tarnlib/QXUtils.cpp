@@ -17,6 +17,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QHash>
 #include <QMutexLocker>
 #include <QThreadPool>
 #include <QTimer>
@@ -36,6 +37,60 @@ QVariantMap exclusionRecord(const char *commentKey, const QString &pattern, bool
 QVariantMap sourceRecord(const QString &path)
 {
     return {{QStringLiteral("name"), path}};
+}
+
+enum class Kind { Any, Boolean, Number, String, StringOrRecord, Array, Date };
+
+Kind kindOfKey(const QString &key)
+{
+    static const QHash<QString, Kind> kinds {
+        {QStringLiteral("sourceContents"), Kind::Array},
+        {QStringLiteral("AlertOnDetect"), Kind::Boolean},
+        {QStringLiteral("AlertOnCompletion"), Kind::Boolean},
+        {QStringLiteral("ScheduleUpdateTime"), Kind::Date},
+        {QStringLiteral("ScheduleScanTime"), Kind::Date},
+        {QStringLiteral("ExcludePatterns"), Kind::Array},
+        {QStringLiteral("ScanEmail"), Kind::Boolean},
+        {QStringLiteral("QuarantineInfected"), Kind::Boolean},
+        {QStringLiteral("QuarantineFolder"), Kind::StringOrRecord},
+        {QStringLiteral("LogScans"), Kind::Boolean},
+        {QStringLiteral("SuppressSummary"), Kind::Boolean},
+        {QStringLiteral("AdditionalCmdLineArgs"), Kind::String},
+        {QStringLiteral("LogUpdates"), Kind::Boolean},
+        {QStringLiteral("UpdateDefsOnLaunch"), Kind::Boolean},
+        {QStringLiteral("PathToClamav"), Kind::String},
+        {QStringLiteral("PathToUpdateLog"), Kind::String},
+        {QStringLiteral("NeedsExit1FreshclamFlag"), Kind::Boolean},
+        {QStringLiteral("VardenFolderArray"), Kind::Array},
+        {QStringLiteral("rotateScanlogWhenSizeReaches"), Kind::Number},
+        {QStringLiteral("SUEnableAutomaticChecks"), Kind::Boolean},
+    };
+    return kinds.value(key, Kind::Any);
+}
+
+bool hasKind(const QVariant &value, Kind kind)
+{
+    const int type = value.typeId();
+    switch (kind) {
+    case Kind::Any:
+        return true;
+    case Kind::Boolean:
+        return type == QMetaType::Bool;
+    case Kind::Number:
+        return type == QMetaType::Int || type == QMetaType::UInt || type == QMetaType::LongLong
+            || type == QMetaType::ULongLong || type == QMetaType::Double;
+    case Kind::String:
+        return type == QMetaType::QString;
+    case Kind::StringOrRecord:
+        return type == QMetaType::QString
+            || (type == QMetaType::QVariantMap
+                && value.toMap().value(QStringLiteral("path")).typeId() == QMetaType::QString);
+    case Kind::Array:
+        return type == QMetaType::QVariantList || type == QMetaType::QStringList;
+    case Kind::Date:
+        return type == QMetaType::QDateTime;
+    }
+    return false;
 }
 
 } // namespace
@@ -163,7 +218,17 @@ bool QXUtils::runningAsCompanion()
 
 QVariant QXUtils::readPreferenceForKey(const QString &key) const
 {
-    return _preferences->value(key);
+    const QVariant value = _preferences->value(key);
+    if (!value.isValid() || hasKind(value, kindOfKey(key)))
+        return value;
+    // A hand-edited "NO" must not read as a setting that is on: a value of
+    // another type counts as absent.
+    if (!_keysOfWrongType.contains(key)) {
+        _keysOfWrongType.insert(key);
+        SystemLog::log(QStringLiteral("preference %1 has a value of type %2, which it cannot have; it is ignored")
+                           .arg(key, QString::fromLatin1(value.typeName())));
+    }
+    return _preferences->defaults()->registrationDomain().value(key);
 }
 
 void QXUtils::setPreference(const QVariant &value, const QString &key)

@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QPair>
 #include <QRegularExpression>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -189,5 +190,7 @@ private:
     qsizetype _enginePathsEnumerator = 0;
     qsizetype _updateLogPathsEnumerator = 0;
     UserDefaultsController *_preferences = nullptr;
+    // Keys already logged for a value of the wrong type.
+    mutable QSet<QString> _keysOfWrongType;
     QStringList _emailDirPaths;
 };
