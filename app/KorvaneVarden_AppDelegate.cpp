@@ -138,9 +138,14 @@ void KorvaneVarden_AppDelegate::stopObserving()
 
 void KorvaneVarden_AppDelegate::continueStartup()
 {
+    if (_quitting)
+        return;
     if (_startingUp) {
         _startingUp = false;
         startWatching(nullptr);
+        // The nothing-to-watch alert may have been answered with Quit.
+        if (_quitting)
+            return;
         if (_utils->readPreferenceForKey(QStringLiteral("UpdateDefsOnLaunch")).toBool())
             updateDefs(nullptr);
         else
@@ -255,6 +260,8 @@ void KorvaneVarden_AppDelegate::setRelaunchToolPath(const QString &path)
 
 void KorvaneVarden_AppDelegate::restartVarden(QObject *)
 {
+    if (_quitting)
+        return;
     const QString tool = relaunchToolPath();
     const QString workingCopy = QDir(QDir::tempPath()).filePath(QFileInfo(tool).fileName());
     QFile::remove(workingCopy);
@@ -266,6 +273,11 @@ void KorvaneVarden_AppDelegate::restartVarden(QObject *)
 
 void KorvaneVarden_AppDelegate::quit(QObject *)
 {
+    // A quit may arrive while an alert that offers Quit is open.
+    if (_quitting)
+        return;
+    _quitting = true;
+    _readyToScan = false;
     UserDefaults *own = UserDefaults::standardUserDefaults();
     own->removeObjectForKey(QStringLiteral("SUEnableAutomaticChecks"));
     own->removeObjectForKey(QStringLiteral("SULastCheckTime"));
@@ -278,6 +290,8 @@ void KorvaneVarden_AppDelegate::quit(QObject *)
 
 void KorvaneVarden_AppDelegate::startWatching(QObject *)
 {
+    if (_quitting)
+        return;
     rotateLogFile();
     _theLastEventSeen = SCEvents::sinceNow;
     setupEventListener();
@@ -423,6 +437,8 @@ void KorvaneVarden_AppDelegate::launchKorvane(QObject *)
 
 void KorvaneVarden_AppDelegate::updateDefs(QObject *)
 {
+    if (_quitting)
+        return;
     _utils->updateDefs();
 }
 

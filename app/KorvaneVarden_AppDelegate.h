@@ -103,7 +103,7 @@ public:
     void stopAnimation() override;
 
     // DispatcherDelegate
-    bool readyToScan() override { return _readyToScan; }
+    bool readyToScan() override { return _readyToScan && !_quitting; }
     void startScan() override;
     QXUtils *utils() override { return _utils; }
 
@@ -187,6 +187,8 @@ private:
     bool _wantUpdatePercentages = false;
     Dispatcher *_dispatcher;
     bool _readyToScan = false;
+    // Set by the first quit; from then on nothing new starts.
+    bool _quitting = false;
     bool _startWatchingAfterSleep = false;
     // The main interface: the window and the outlets into it.
     InfectedItemsWindow *_infectionListWindow;

@@ -14,7 +14,8 @@ namespace {
 
 TEST_F(AgentFixture, LaunchTitlesTheListAndWaitsForStartupWhichAnUpdateOnLaunchHoldsBackOnce)
 {
-    home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), true}});
+    home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), true},
+                                       {QStringLiteral("VardenFolderArray"), QVariantList{folder(home.path())}}});
     agent->applicationDidFinishLaunching();
     EXPECT_EQ(agent->infectionListWindow()->windowTitle(), QStringLiteral("Infected Items"));
     ASSERT_NE(agent->infectedList(), nullptr);
@@ -174,6 +175,28 @@ TEST_F(AgentOnTheSessionBusTest, RestartSignalRunsTheRelaunchToolWithOurPathAndP
         EXPECT_EQ(own.value(key), updateKeys.value(key)) << key.toStdString();
     QTest::qWait(200);
     EXPECT_TRUE(quitsHeard.isEmpty());
+}
+
+
+TEST_F(AgentOnTheSessionBusTest, AQuitThatArrivesWhileAnAlertIsOpenRunsOnceAndTheAnswerStartsNothingMore)
+{
+    alerts.answers = {AlertPresenter::AlternateReturn};
+    alerts.whileOpen = [this] {
+        send(QStringLiteral("KorvaneVardenShouldQuit"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return quitsHeard.size() == 1; }, 5000));
+    };
+    // Nothing to watch: the alert that offers to quit.
+    agent->continueStartup();
+    ASSERT_EQ(alerts.alerts.size(), 1);
+    EXPECT_EQ(terminations, 1);
+    EXPECT_FALSE(agent->readyToScan());
+
+    // A later quit announces nothing: the listener hears a marker sent after it first.
+    agent->quit(nullptr);
+    send(QStringLiteral("KorvaneVardenHasQuit"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return quitsHeard.size() == 2; }, 5000));
+    EXPECT_EQ(quitsHeard.last(), QStringLiteral("Korvane"));
+    EXPECT_EQ(terminations, 1);
 }
 
 } // namespace
