@@ -31,7 +31,11 @@
 #include <QFileInfo>
 #include <QMenu>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QThreadPool>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -258,16 +262,39 @@ void KorvaneVarden_AppDelegate::setRelaunchToolPath(const QString &path)
     relaunchTool = path;
 }
 
+QString KorvaneVarden_AppDelegate::privateFolderForRelaunchTool()
+{
+    // The copy runs with this user's rights, so it must lie where nobody else
+    // can place a file first.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    struct stat info;
+    if (!runtime.isEmpty() && ::stat(QFile::encodeName(runtime).constData(), &info) == 0 && S_ISDIR(info.st_mode)
+        && info.st_uid == ::getuid() && (info.st_mode & 077) == 0)
+        return runtime;
+    QTemporaryDir fresh(QDir::tempPath() + QStringLiteral("/KorvaneVarden-relaunch-XXXXXX"));
+    if (!fresh.isValid())
+        return {};
+    // The tool runs after we are gone.
+    fresh.setAutoRemove(false);
+    return fresh.path();
+}
+
 void KorvaneVarden_AppDelegate::restartVarden(QObject *)
 {
     if (_quitting)
         return;
     const QString tool = relaunchToolPath();
-    const QString workingCopy = QDir(QDir::tempPath()).filePath(QFileInfo(tool).fileName());
-    QFile::remove(workingCopy);
-    QFile::copy(tool, workingCopy);
-    QProcess::startDetached(workingCopy, {QCoreApplication::applicationFilePath(),
-                                          QString::number(QCoreApplication::applicationPid())});
+    QString program = tool;
+    const QString folder = privateFolderForRelaunchTool();
+    const QString workingCopy = QDir(folder).filePath(QFileInfo(tool).fileName());
+    if (!folder.isEmpty())
+        QFile::remove(workingCopy);
+    if (!folder.isEmpty() && QFile::copy(tool, workingCopy))
+        program = workingCopy;
+    else
+        SystemLog::log(QStringLiteral("cannot copy %1 to a private folder: it runs from where it is").arg(tool));
+    QProcess::startDetached(program, {QCoreApplication::applicationFilePath(),
+                                      QString::number(QCoreApplication::applicationPid())});
     ApplicationHost::terminate();
 }
 

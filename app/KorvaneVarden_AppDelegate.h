@@ -74,6 +74,9 @@ public:
     // The relaunch tool ships beside the agent; tests point elsewhere.
     static QString relaunchToolPath();
     static void setRelaunchToolPath(const QString &path);
+    // $XDG_RUNTIME_DIR when it is the user's own, else a fresh folder of mode
+    // 700 in the temporary folder; empty when neither can be had.
+    static QString privateFolderForRelaunchTool();
 
     // The infected-items list.
     int addToInfectedListTheFile(const QString &fileName, const QString &path, const QString &infectionName,
