@@ -193,10 +193,10 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
     if (readPreferenceForKey(QStringLiteral("isAppStore")).isValid()) {
         _preferences->setValue(QVariant(), QStringLiteral("isAppStore"));
     } else {
-        const QVariant custom = readPreferenceForKey(QStringLiteral("PathToClamav"));
+        const QVariant custom = customEngineSetting(QStringLiteral("PathToClamav"));
         if (custom.isValid()) {
             _enginePathsArray.append(custom.toString());
-            const QVariant log = readPreferenceForKey(QStringLiteral("PathToUpdateLog"));
+            const QVariant log = customEngineSetting(QStringLiteral("PathToUpdateLog"));
             _updateLogPathsArray.append(log.isValid() ? log.toString() : QStringLiteral("/tmp/freshclam.log"));
         }
     }
@@ -209,6 +209,17 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
     _updateLogPathsEnumerator = 0;
     _enginePath = _enginePathsArray.value(0);
     _updateLogPath = _updateLogPathsArray.value(0);
+}
+
+QVariant QXUtils::customEngineSetting(const QString &key) const
+{
+    if (runningAsCompanion())
+        return readPreferenceForKey(key);
+    // setup records each launch's first pair in the agent's own domain, which
+    // is read first: the user's choice, made in the companion, must win.
+    const QVariant value
+        = _preferences->defaults()->persistentDomainForName(BundleInfo::companionIdentifier()).value(key);
+    return value.typeId() == QMetaType::QString ? value : QVariant();
 }
 
 bool QXUtils::runningAsCompanion()

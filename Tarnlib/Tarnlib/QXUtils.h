@@ -145,6 +145,8 @@ public:
 private:
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
+    // "PathToClamav" or "PathToUpdateLog" as the companion has it.
+    QVariant customEngineSetting(const QString &key) const;
     void recordNeedsExit1FreshclamFlag(bool flag);
 
     QXUtilsDelegate *_delegate;

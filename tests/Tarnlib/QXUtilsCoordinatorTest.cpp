@@ -140,4 +140,27 @@ TEST_F(QXUtilsCoordinatorTest, MissingDefinitionsAreRelayed)
     EXPECT_EQ(delegate.calls, QStringList{"needToUpdateDB"});
 }
 
+
+TEST_F(QXUtilsCoordinatorTest, AnEnginePrefixTheCompanionSetsAfterALaunchIsFoundAtTheNextLaunch)
+{
+    ScriptedPrefix missing, engine;
+    engine.writeScript("bin/clamscan", versionLine);
+    const QList<QXUtils::EngineCandidate> fixed{{missing.path(), missing.filePath("log")}};
+    {
+        auto first = checking(fixed);
+        ASSERT_TRUE(waitForOne("engineNotFound"));
+    }
+    home.writeDomain(QStringLiteral("org.korvane.Korvane"), {{QStringLiteral("PathToClamav"), engine.path()}});
+    delegate.calls.clear();
+
+    auto second = checking(fixed);
+    ASSERT_TRUE(waitForOne("clamdFailedToStart"));
+    EXPECT_EQ(second->enginePath(), engine.path());
+    EXPECT_EQ(second->updateLogPath(), QStringLiteral("/tmp/freshclam.log"));
+    EXPECT_EQ(delegate.count("engineNotFound"), 0);
+    // The launch still records the pair it started with in the agent's own domain.
+    EXPECT_EQ(home.readDomain(QStringLiteral("org.korvane.KorvaneVarden")).value(QStringLiteral("PathToClamav")),
+              QVariant(missing.path()));
+}
+
 } // namespace
