@@ -312,6 +312,9 @@ void QXUtils::scanFiles(const QStringList &paths)
     _logScans = readPreferenceForKey(QStringLiteral("LogScans")).toBool();
     if (!_theScanner)
         return;
+    _batchInFlight = paths;
+    _rescanningBatch = false;
+    _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
     const QStringList batch = paths;
     scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
@@ -326,6 +329,7 @@ void QXUtils::pauseResume()
 void QXUtils::stop()
 {
     if (_scanning) {
+        _batchInFlight.clear();
         if (_theScanner)
             _theScanner->stop();
         _theOperationQueue->clear();
@@ -432,12 +436,49 @@ bool QXUtils::wantUpdatePercentages() const
 void QXUtils::scanStarted()
 {
     _scanning = true;
+    // The second run of a batch is the same scan for the agent.
+    if (_rescanningBatch)
+        return;
     _countOfFilesScannedSoFar = 0;
     _delegate->scanStarted();
 }
 
 void QXUtils::scanFinishedWithStatus(int status)
 {
+    // The daemon client ends with 2 when it lost the daemon, or with 1 when
+    // it had found something before. Whether the daemon still answers is
+    // asked on the checker's thread, since one that hangs keeps the asker
+    // waiting.
+    if (_useClamd && (status == 1 || status == 2) && !_rescanningBatch && _theChecker) {
+        QXEngineChecker *checker = _theChecker;
+        checker->perform([this, checker, status] {
+            const bool answering = checker->clamdRunning() && checker->clamdResponding();
+            QMetaObject::invokeMethod(
+                this, [this, answering, status] { daemonCheckedAfterScan(answering, status); }, Qt::QueuedConnection);
+        });
+        return;
+    }
+    finishBatch(status);
+}
+
+void QXUtils::daemonCheckedAfterScan(bool answering, int status)
+{
+    if (answering) {
+        finishBatch(status);
+        return;
+    }
+    SystemLog::log(QStringLiteral("the scan daemon stopped answering during a scan: starting it again"));
+    _statusOfLostScan = status;
+    _restartingClamdForBatch = true;
+    QXEngineChecker *checker = _theChecker;
+    checker->perform([checker] { checker->startClamd(); });
+}
+
+void QXUtils::finishBatch(int status)
+{
+    _rescanningBatch = false;
+    _batchInFlight.clear();
+    _infectedPathsOfBatch.clear();
     _delegate->scanFinishedWithStatus(status);
 }
 
@@ -469,6 +510,10 @@ void QXUtils::infectionFound(const QString &line)
         return;
     const QString path = line.left(colon);
     const QString name = line.mid(colon + 2, nameLength);
+    // A batch scanned again after the daemon was lost reports each file once.
+    if (_rescanningBatch && _infectedPathsOfBatch.contains(path))
+        return;
+    _infectedPathsOfBatch.insert(path);
 
     // An infection inside an application bundle is reported as the bundle,
     // which is what the user sees as one file.
@@ -574,12 +619,29 @@ void QXUtils::needToUpdateEngine()
 
 void QXUtils::clamdStarted()
 {
+    if (_restartingClamdForBatch) {
+        _restartingClamdForBatch = false;
+        // A stop while the daemon was starting ends the batch here.
+        if (_batchInFlight.isEmpty()) {
+            finishBatch(_statusOfLostScan);
+            return;
+        }
+        _rescanningBatch = true;
+        QXScanner *scanner = _theScanner;
+        const QStringList batch = _batchInFlight;
+        scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+        return;
+    }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdStarted))
         _delegate->clamdStarted();
 }
 
 void QXUtils::clamdFailedToStart()
 {
+    if (_restartingClamdForBatch) {
+        _restartingClamdForBatch = false;
+        finishBatch(_statusOfLostScan);
+    }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdFailedToStart))
         _delegate->clamdFailedToStart();
 }

@@ -148,6 +148,8 @@ private:
     // "PathToClamav" or "PathToUpdateLog" as the companion has it.
     QVariant customEngineSetting(const QString &key) const;
     void recordNeedsExit1FreshclamFlag(bool flag);
+    void daemonCheckedAfterScan(bool answering, int status);
+    void finishBatch(int status);
 
     QXUtilsDelegate *_delegate;
     quint32 _countOfFilesScannedSoFar = 0;
@@ -195,4 +197,10 @@ private:
     // Keys already logged for a value of the wrong type.
     mutable QSet<QString> _keysOfWrongType;
     QStringList _emailDirPaths;
+    // A batch lost with the daemon is scanned once more after a restart.
+    QStringList _batchInFlight;
+    QSet<QString> _infectedPathsOfBatch;
+    bool _restartingClamdForBatch = false;
+    bool _rescanningBatch = false;
+    int _statusOfLostScan = 0;
 };
