@@ -89,6 +89,12 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     if (!result.started) {
         const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
+    } else if (result.silent) {
+        QFile::remove(_scanListTempFilePath);
+        const QString reason = QStringLiteral("%1 gave no output for %2 s and was ended")
+                                   .arg(program)
+                                   .arg(std::chrono::duration_cast<std::chrono::seconds>(silenceLimit()).count());
+        reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
     } else {
         notifiedForComplete(result);
     }

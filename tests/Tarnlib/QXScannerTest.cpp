@@ -400,3 +400,40 @@ void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
 TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline) { scanNamesTheListCannotCarry(true); }
 
 TEST_F(QXScannerTest, StandAloneScannerScansNamesWithANewline) { scanNamesTheListCannotCarry(false); }
+
+TEST_F(QXScannerTest, AnEngineThatFallsSilentIsEndedAndTheScanReportedAsCrashed)
+{
+    ScriptEngine engine(ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    startScanner()->setSilenceLimit(std::chrono::milliseconds(300));
+    scan({clean("a.txt")});
+
+    ASSERT_TRUE(waitForEnd());
+    const QStringList events = delegate.events();
+    ASSERT_EQ(events.size(), 2) << qPrintable(events.join('|'));
+    EXPECT_EQ(events.at(1), "scanCrashed:" + QDir::cleanPath(engine.enginePath() + "/bin/clamdscan")
+                                + " gave no output for 0 s and was ended");
+    EXPECT_EQ(processState(engine.pid()), '\0');
+    EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
+}
+
+TEST_F(QXScannerTest, AnEngineThatKeepsTalkingOrIsPausedRunsPastTheSilenceLimit)
+{
+    ScriptEngine engine("for i in 1 2 3 4 5 6; do echo \"Scanning /x/$i\"; sleep 0.1; done\n"
+                        + ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    delegate.updates = true;
+    QXScanner *s = startScanner();
+    s->setSilenceLimit(std::chrono::milliseconds(300));
+    scan({"/x"});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.events().contains("updateProgressWithMessage:Scanning /x/6"); },
+                                waitLimit));
+    ASSERT_TRUE(s->pause());
+    QTest::qWait(1000);
+    EXPECT_EQ(processState(engine.pid()), 'T');
+    engine.release();
+    EXPECT_FALSE(s->pause());
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:0");
+}
