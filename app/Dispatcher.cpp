@@ -2,7 +2,10 @@
 
 #include "DispatcherDelegate.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QSet>
 
 #include <sys/stat.h>
 
@@ -53,8 +56,32 @@ void Dispatcher::removeFromWaitingList(const QString &path)
 
 QStringList Dispatcher::grabItemsToScan()
 {
+    QStringList ready;
+    ready.swap(_readyList);
+
+    // The engine scans a folder whole, so what lies under a folder of the
+    // same batch would be scanned, and reported, once more.
+    QSet<QString> folders;
+    for (const QString &path : std::as_const(ready)) {
+        struct stat info;
+        if (::lstat(QFile::encodeName(path).constData(), &info) == 0 && S_ISDIR(info.st_mode))
+            folders.insert(QDir::cleanPath(path));
+    }
+    if (folders.isEmpty())
+        return ready;
+    const auto underFolder = [&folders](const QString &path) {
+        for (QString parent = QFileInfo(QDir::cleanPath(path)).path(); parent.size() > 1;
+             parent = QFileInfo(parent).path()) {
+            if (folders.contains(parent))
+                return true;
+        }
+        return folders.contains(QStringLiteral("/")) && path != QLatin1String("/");
+    };
     QStringList batch;
-    batch.swap(_readyList);
+    for (const QString &path : std::as_const(ready)) {
+        if (!underFolder(path))
+            batch.append(path);
+    }
     return batch;
 }
 

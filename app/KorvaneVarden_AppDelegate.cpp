@@ -39,6 +39,7 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QThreadPool>
 #include <QToolBar>
 #include <QWindow>
@@ -46,6 +47,9 @@
 #include <functional>
 
 #include <pwd.h>
+#include <unistd.h>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -167,9 +171,14 @@ void KorvaneVarden_AppDelegate::stopObserving()
 
 void KorvaneVarden_AppDelegate::continueStartup()
 {
+    if (_quitting)
+        return;
     if (_startingUp) {
         _startingUp = false;
         startWatching(nullptr);
+        // The nothing-to-watch alert may have been answered with Quit.
+        if (_quitting)
+            return;
         if (_utils->readPreferenceForKey(QStringLiteral("UpdateDefsOnLaunch")).toBool())
             updateDefs(nullptr);
         else
@@ -289,19 +298,49 @@ void KorvaneVarden_AppDelegate::setRelaunchToolPath(const QString &path)
     relaunchTool = path;
 }
 
+QString KorvaneVarden_AppDelegate::privateFolderForRelaunchTool()
+{
+    // The copy runs with this user's rights, so it must lie where nobody else
+    // can place a file first.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    struct stat info;
+    if (!runtime.isEmpty() && ::stat(QFile::encodeName(runtime).constData(), &info) == 0 && S_ISDIR(info.st_mode)
+        && info.st_uid == ::getuid() && (info.st_mode & 077) == 0)
+        return runtime;
+    QTemporaryDir fresh(QDir::tempPath() + QStringLiteral("/KorvaneVarden-relaunch-XXXXXX"));
+    if (!fresh.isValid())
+        return {};
+    // The tool runs after we are gone.
+    fresh.setAutoRemove(false);
+    return fresh.path();
+}
+
 void KorvaneVarden_AppDelegate::restartVarden(QObject *)
 {
+    if (_quitting)
+        return;
     const QString tool = relaunchToolPath();
-    const QString workingCopy = QDir(QDir::tempPath()).filePath(QFileInfo(tool).fileName());
-    QFile::remove(workingCopy);
-    QFile::copy(tool, workingCopy);
-    QProcess::startDetached(workingCopy, {QCoreApplication::applicationFilePath(),
-                                          QString::number(QCoreApplication::applicationPid())});
+    QString program = tool;
+    const QString folder = privateFolderForRelaunchTool();
+    const QString workingCopy = QDir(folder).filePath(QFileInfo(tool).fileName());
+    if (!folder.isEmpty())
+        QFile::remove(workingCopy);
+    if (!folder.isEmpty() && QFile::copy(tool, workingCopy))
+        program = workingCopy;
+    else
+        SystemLog::log(QStringLiteral("cannot copy %1 to a private folder: it runs from where it is").arg(tool));
+    QProcess::startDetached(program, {QCoreApplication::applicationFilePath(),
+                                      QString::number(QCoreApplication::applicationPid())});
     ApplicationHost::terminate();
 }
 
 void KorvaneVarden_AppDelegate::quit(QObject *)
 {
+    // A quit may arrive while an alert that offers Quit is open.
+    if (_quitting)
+        return;
+    _quitting = true;
+    _readyToScan = false;
     UserDefaults *own = UserDefaults::standardUserDefaults();
     own->removeObjectForKey(QStringLiteral("SUEnableAutomaticChecks"));
     own->removeObjectForKey(QStringLiteral("SULastCheckTime"));
@@ -314,6 +353,8 @@ void KorvaneVarden_AppDelegate::quit(QObject *)
 
 void KorvaneVarden_AppDelegate::startWatching(QObject *)
 {
+    if (_quitting)
+        return;
     rotateLogFile();
     _theLastEventSeen = SCEvents::sinceNow;
     setupEventListener();
@@ -459,6 +500,8 @@ void KorvaneVarden_AppDelegate::launchKorvane(QObject *)
 
 void KorvaneVarden_AppDelegate::updateDefs(QObject *)
 {
+    if (_quitting)
+        return;
     _utils->updateDefs();
 }
 

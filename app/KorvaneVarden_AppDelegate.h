@@ -112,6 +112,9 @@ public:
     // The relaunch tool ships beside the agent; tests point elsewhere.
     static QString relaunchToolPath();
     static void setRelaunchToolPath(const QString &path);
+    // $XDG_RUNTIME_DIR when it is the user's own, else a fresh folder of mode
+    // 700 in the temporary folder; empty when neither can be had.
+    static QString privateFolderForRelaunchTool();
 
     // The infected-items list.
     int addToInfectedListTheFile(const QString &fileName, const QString &path, const QString &infectionName,
@@ -141,7 +144,7 @@ public:
     void stopAnimation() override;
 
     // DispatcherDelegate
-    bool readyToScan() override { return _readyToScan; }
+    bool readyToScan() override { return _readyToScan && !_quitting; }
     void startScan() override;
     QXUtils *utils() override { return _utils; }
 
@@ -234,6 +237,8 @@ private:
     bool _wantUpdatePercentages = false;
     Dispatcher *_dispatcher;
     bool _readyToScan = false;
+    // Set by the first quit; from then on nothing new starts.
+    bool _quitting = false;
     bool _startWatchingAfterSleep = false;
     // The main interface: the window and the outlets into it.
     InfectedItemsWindow *_infectionListWindow;

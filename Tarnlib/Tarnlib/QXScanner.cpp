@@ -62,21 +62,40 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     else
         writeToLog(QStringLiteral("%1\n%2\nItems to be scanned:\n").arg(QString(79, QLatin1Char('-')), dateText()));
 
-    const QStringList arguments = argumentsForBatch(_thePathsToScan);
+    // A newline would cut a name in the list and in the engine's output, so
+    // such a name is scanned in a call of its own.
+    QStringList listed, alone;
+    for (const QString &path : std::as_const(_thePathsToScan))
+        (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
+
     const QString program = QDir::cleanPath(delegate->enginePath()
         + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
-    const RunResult result = runChild(program, arguments);
+    RunResult result;
+    bool ran = false;
+    if (!listed.isEmpty() || alone.isEmpty()) {
+        result = runPart(program, argumentsForBatch(listed), QString());
+        ran = true;
+    }
+    for (const QString &path : std::as_const(alone)) {
+        // A run that could not start, or was stopped or killed, ends the batch.
+        if (ran && (!result.started || result.crashed))
+            break;
+        const RunResult one = runPart(program, commonArguments(QStringList {path}) << path, path);
+        if (!ran || !one.started || one.crashed || result.status == 0)
+            result = one;
+        ran = true;
+    }
 
     if (!result.started) {
         const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
+    } else if (result.silent) {
+        QFile::remove(_scanListTempFilePath);
+        const QString reason = QStringLiteral("%1 gave no output for %2 s and was ended")
+                                   .arg(program)
+                                   .arg(std::chrono::duration_cast<std::chrono::seconds>(silenceLimit()).count());
+        reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
     } else {
-        // Output that ends without a newline still holds a whole line.
-        if (!_partialOutput.isEmpty()) {
-            const QString last = _partialOutput;
-            _partialOutput.clear();
-            handleLine(last);
-        }
         notifiedForComplete(result);
     }
 
@@ -100,7 +119,54 @@ void QXScanner::openScanLog()
         _loggerFileHandle = std::move(file);
 }
 
+QXWorkerThread::RunResult QXScanner::runPart(const QString &program, const QStringList &arguments,
+                                              const QString &pathAlone)
+{
+    _partialOutput.clear();
+    _outputDecoder.resetState();
+    _pathAlone = pathAlone;
+    const RunResult result = runChild(program, arguments);
+    // Output that ends without a newline still holds a whole line; a name
+    // scanned alone may span lines, so its output is read only now.
+    QString rest = _partialOutput;
+    _partialOutput.clear();
+    if (!pathAlone.isEmpty())
+        rest.replace(pathAlone, QString(QChar(0)));
+    for (QString &line : rest.split(QLatin1Char('\n'))) {
+        if (!pathAlone.isEmpty())
+            line.replace(QChar(0), pathAlone);
+        handleLine(line);
+    }
+    _pathAlone.clear();
+    return result;
+}
+
 QStringList QXScanner::argumentsForBatch(const QStringList &paths)
+{
+    QStringList arguments = commonArguments(paths);
+    QXScannerDelegate *delegate = _delegate;
+    if (!delegate->engineSupportsFileListFlag())
+        return arguments << paths;
+
+    QString listText = paths.join(QLatin1Char('\n'));
+    for (const QString &path : paths) {
+        if (!path.endsWith(QLatin1String("savedSearch")))
+            continue;
+        const QString found = delegate->obtainFilesForSavedSearchAtPath(path).join(QLatin1Char('\n'));
+        if (found.size() >= 3)
+            listText += QLatin1Char('\n') + found;
+    }
+    // A list that cannot be written shows up as the engine's own error.
+    QFile listFile(_scanListTempFilePath);
+    if (listFile.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        listFile.write(QFile::encodeName(listText));
+    listFile.close();
+    if (!_usingClamd)
+        writeToLog(listText + QStringLiteral("\n\n"));
+    return arguments << QStringLiteral("--file-list=") + _scanListTempFilePath;
+}
+
+QStringList QXScanner::commonArguments(const QStringList &paths)
 {
     QXScannerDelegate *delegate = _delegate;
     QStringList arguments;
@@ -123,26 +189,7 @@ QStringList QXScanner::argumentsForBatch(const QStringList &paths)
         arguments << QStringLiteral("--no-summary");
     if (delegate->hasAdditionalCmdArgs())
         arguments << delegate->additionalCmdArgs().split(QLatin1Char(' '), Qt::KeepEmptyParts);
-
-    if (!delegate->engineSupportsFileListFlag())
-        return arguments << paths;
-
-    QString listText = paths.join(QLatin1Char('\n'));
-    for (const QString &path : paths) {
-        if (!path.endsWith(QLatin1String("savedSearch")))
-            continue;
-        const QString found = delegate->obtainFilesForSavedSearchAtPath(path).join(QLatin1Char('\n'));
-        if (found.size() >= 3)
-            listText += QLatin1Char('\n') + found;
-    }
-    // A list that cannot be written shows up as the engine's own error.
-    QFile listFile(_scanListTempFilePath);
-    if (listFile.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        listFile.write(listText.toUtf8());
-    listFile.close();
-    if (!_usingClamd)
-        writeToLog(listText + QStringLiteral("\n\n"));
-    return arguments << QStringLiteral("--file-list=") + _scanListTempFilePath;
+    return arguments;
 }
 
 void QXScanner::writeToLog(const QString &text)
@@ -157,6 +204,10 @@ void QXScanner::writeToLog(const QString &text)
 void QXScanner::notifiedForStdOutput(const QByteArray &chunk)
 {
     const QString text = _partialOutput + QString(_outputDecoder.decode(chunk));
+    if (!_pathAlone.isEmpty()) {
+        _partialOutput = text;
+        return;
+    }
     QStringList lines = text.split(QLatin1Char('\n'));
     _partialOutput = lines.takeLast();
     for (const QString &line : std::as_const(lines))
@@ -177,8 +228,11 @@ void QXScanner::handleLine(const QString &line)
     }
     writeToLog(line);
     if (line.endsWith(QLatin1String(" FOUND"))) {
-        QString reported = line;
-        reported.replace(QLatin1String(".UNOFFICIAL FOUND"), QLatin1String(" FOUND"));
+        // Only the ending is the engine's: a file may carry the same words.
+        const QLatin1String unofficial(".UNOFFICIAL FOUND");
+        const QString reported = line.endsWith(unofficial)
+            ? line.chopped(unofficial.size()) + QLatin1String(" FOUND")
+            : line;
         reportToMain([delegate, reported] { delegate->infectionFound(reported); });
     } else if (line.contains(QLatin1String("virus database is older than"))) {
         const QString warning = Localization::text("DB_OUT_OF_DATE");

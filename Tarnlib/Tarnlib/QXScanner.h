@@ -57,7 +57,9 @@ protected:
     void notifiedForStdOutput(const QByteArray &chunk) override;
 
 private:
+    RunResult runPart(const QString &program, const QStringList &arguments, const QString &pathAlone);
     QStringList argumentsForBatch(const QStringList &paths);
+    QStringList commonArguments(const QStringList &paths);
     void openScanLog();
     void handleLine(const QString &line);
     void notifiedForComplete(const RunResult &result);
@@ -68,6 +70,8 @@ private:
     // Written by the main thread's pause operations and by the run's start.
     bool _usingClamd = false;
     QString _partialOutput;
+    // The one name of a call of its own, whose output is read at its end.
+    QString _pathAlone;
     // Keeps a character whose bytes arrive in two chunks whole.
     QStringDecoder _outputDecoder;
     QString _scanListTempFilePath;

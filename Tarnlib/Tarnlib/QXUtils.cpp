@@ -17,6 +17,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QHash>
 #include <QMutexLocker>
 #include <QThreadPool>
 #include <QTimer>
@@ -38,6 +39,60 @@ QVariantMap exclusionRecord(const char *commentKey, const QString &pattern, bool
 QVariantMap sourceRecord(const QString &path)
 {
     return {{QStringLiteral("name"), path}};
+}
+
+enum class Kind { Any, Boolean, Number, String, StringOrRecord, Array, Date };
+
+Kind kindOfKey(const QString &key)
+{
+    static const QHash<QString, Kind> kinds {
+        {QStringLiteral("sourceContents"), Kind::Array},
+        {QStringLiteral("AlertOnDetect"), Kind::Boolean},
+        {QStringLiteral("AlertOnCompletion"), Kind::Boolean},
+        {QStringLiteral("ScheduleUpdateTime"), Kind::Date},
+        {QStringLiteral("ScheduleScanTime"), Kind::Date},
+        {QStringLiteral("ExcludePatterns"), Kind::Array},
+        {QStringLiteral("ScanEmail"), Kind::Boolean},
+        {QStringLiteral("QuarantineInfected"), Kind::Boolean},
+        {QStringLiteral("QuarantineFolder"), Kind::StringOrRecord},
+        {QStringLiteral("LogScans"), Kind::Boolean},
+        {QStringLiteral("SuppressSummary"), Kind::Boolean},
+        {QStringLiteral("AdditionalCmdLineArgs"), Kind::String},
+        {QStringLiteral("LogUpdates"), Kind::Boolean},
+        {QStringLiteral("UpdateDefsOnLaunch"), Kind::Boolean},
+        {QStringLiteral("PathToClamav"), Kind::String},
+        {QStringLiteral("PathToUpdateLog"), Kind::String},
+        {QStringLiteral("NeedsExit1FreshclamFlag"), Kind::Boolean},
+        {QStringLiteral("VardenFolderArray"), Kind::Array},
+        {QStringLiteral("rotateScanlogWhenSizeReaches"), Kind::Number},
+        {QStringLiteral("SUEnableAutomaticChecks"), Kind::Boolean},
+    };
+    return kinds.value(key, Kind::Any);
+}
+
+bool hasKind(const QVariant &value, Kind kind)
+{
+    const int type = value.typeId();
+    switch (kind) {
+    case Kind::Any:
+        return true;
+    case Kind::Boolean:
+        return type == QMetaType::Bool;
+    case Kind::Number:
+        return type == QMetaType::Int || type == QMetaType::UInt || type == QMetaType::LongLong
+            || type == QMetaType::ULongLong || type == QMetaType::Double;
+    case Kind::String:
+        return type == QMetaType::QString;
+    case Kind::StringOrRecord:
+        return type == QMetaType::QString
+            || (type == QMetaType::QVariantMap
+                && value.toMap().value(QStringLiteral("path")).typeId() == QMetaType::QString);
+    case Kind::Array:
+        return type == QMetaType::QVariantList || type == QMetaType::QStringList;
+    case Kind::Date:
+        return type == QMetaType::QDateTime;
+    }
+    return false;
 }
 
 } // namespace
@@ -140,10 +195,10 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
     if (readPreferenceForKey(QStringLiteral("isAppStore")).isValid()) {
         _preferences->setValue(QVariant(), QStringLiteral("isAppStore"));
     } else {
-        const QVariant custom = readPreferenceForKey(QStringLiteral("PathToClamav"));
+        const QVariant custom = customEngineSetting(QStringLiteral("PathToClamav"));
         if (custom.isValid()) {
             _enginePathsArray.append(custom.toString());
-            const QVariant log = readPreferenceForKey(QStringLiteral("PathToUpdateLog"));
+            const QVariant log = customEngineSetting(QStringLiteral("PathToUpdateLog"));
             _updateLogPathsArray.append(log.isValid() ? log.toString() : QStringLiteral("/tmp/freshclam.log"));
         }
     }
@@ -158,6 +213,17 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
     _updateLogPath = _updateLogPathsArray.value(0);
 }
 
+QVariant QXUtils::customEngineSetting(const QString &key) const
+{
+    if (runningAsCompanion())
+        return readPreferenceForKey(key);
+    // setup records each launch's first pair in the agent's own domain, which
+    // is read first: the user's choice, made in the companion, must win.
+    const QVariant value
+        = _preferences->defaults()->persistentDomainForName(BundleInfo::companionIdentifier()).value(key);
+    return value.typeId() == QMetaType::QString ? value : QVariant();
+}
+
 bool QXUtils::runningAsCompanion()
 {
     return BundleInfo::bundleIdentifier() == BundleInfo::companionIdentifier();
@@ -165,7 +231,17 @@ bool QXUtils::runningAsCompanion()
 
 QVariant QXUtils::readPreferenceForKey(const QString &key) const
 {
-    return _preferences->value(key);
+    const QVariant value = _preferences->value(key);
+    if (!value.isValid() || hasKind(value, kindOfKey(key)))
+        return value;
+    // A hand-edited "NO" must not read as a setting that is on: a value of
+    // another type counts as absent.
+    if (!_keysOfWrongType.contains(key)) {
+        _keysOfWrongType.insert(key);
+        SystemLog::log(QStringLiteral("preference %1 has a value of type %2, which it cannot have; it is ignored")
+                           .arg(key, QString::fromLatin1(value.typeName())));
+    }
+    return _preferences->defaults()->registrationDomain().value(key);
 }
 
 void QXUtils::setPreference(const QVariant &value, const QString &key)
@@ -238,6 +314,9 @@ void QXUtils::scanFiles(const QStringList &paths)
     _logScans = readPreferenceForKey(QStringLiteral("LogScans")).toBool();
     if (!_theScanner)
         return;
+    _batchInFlight = paths;
+    _rescanningBatch = false;
+    _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
     const QStringList batch = paths;
     scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
@@ -252,6 +331,7 @@ void QXUtils::pauseResume()
 void QXUtils::stop()
 {
     if (_scanning) {
+        _batchInFlight.clear();
         if (_theScanner)
             _theScanner->stop();
         _theOperationQueue->clear();
@@ -479,12 +559,49 @@ bool QXUtils::wantUpdatePercentages() const
 void QXUtils::scanStarted()
 {
     _scanning = true;
+    // The second run of a batch is the same scan for the agent.
+    if (_rescanningBatch)
+        return;
     _countOfFilesScannedSoFar = 0;
     _delegate->scanStarted();
 }
 
 void QXUtils::scanFinishedWithStatus(int status)
 {
+    // The daemon client ends with 2 when it lost the daemon, or with 1 when
+    // it had found something before. Whether the daemon still answers is
+    // asked on the checker's thread, since one that hangs keeps the asker
+    // waiting.
+    if (_useClamd && (status == 1 || status == 2) && !_rescanningBatch && _theChecker) {
+        QXEngineChecker *checker = _theChecker;
+        checker->perform([this, checker, status] {
+            const bool answering = checker->clamdRunning() && checker->clamdResponding();
+            QMetaObject::invokeMethod(
+                this, [this, answering, status] { daemonCheckedAfterScan(answering, status); }, Qt::QueuedConnection);
+        });
+        return;
+    }
+    finishBatch(status);
+}
+
+void QXUtils::daemonCheckedAfterScan(bool answering, int status)
+{
+    if (answering) {
+        finishBatch(status);
+        return;
+    }
+    SystemLog::log(QStringLiteral("the scan daemon stopped answering during a scan: starting it again"));
+    _statusOfLostScan = status;
+    _restartingClamdForBatch = true;
+    QXEngineChecker *checker = _theChecker;
+    checker->perform([checker] { checker->startClamd(); });
+}
+
+void QXUtils::finishBatch(int status)
+{
+    _rescanningBatch = false;
+    _batchInFlight.clear();
+    _infectedPathsOfBatch.clear();
     _delegate->scanFinishedWithStatus(status);
 }
 
@@ -516,6 +633,10 @@ void QXUtils::infectionFound(const QString &line)
         return;
     const QString path = line.left(colon);
     const QString name = line.mid(colon + 2, nameLength);
+    // A batch scanned again after the daemon was lost reports each file once.
+    if (_rescanningBatch && _infectedPathsOfBatch.contains(path))
+        return;
+    _infectedPathsOfBatch.insert(path);
 
     // An infection inside an application bundle is reported as the bundle,
     // which is what the user sees as one file.
@@ -621,12 +742,29 @@ void QXUtils::needToUpdateEngine()
 
 void QXUtils::clamdStarted()
 {
+    if (_restartingClamdForBatch) {
+        _restartingClamdForBatch = false;
+        // A stop while the daemon was starting ends the batch here.
+        if (_batchInFlight.isEmpty()) {
+            finishBatch(_statusOfLostScan);
+            return;
+        }
+        _rescanningBatch = true;
+        QXScanner *scanner = _theScanner;
+        const QStringList batch = _batchInFlight;
+        scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+        return;
+    }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdStarted))
         _delegate->clamdStarted();
 }
 
 void QXUtils::clamdFailedToStart()
 {
+    if (_restartingClamdForBatch) {
+        _restartingClamdForBatch = false;
+        finishBatch(_statusOfLostScan);
+    }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdFailedToStart))
         _delegate->clamdFailedToStart();
 }

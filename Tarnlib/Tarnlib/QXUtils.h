@@ -9,6 +9,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QPair>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QUrl>
@@ -156,7 +157,11 @@ private:
     QStringList withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
+    // "PathToClamav" or "PathToUpdateLog" as the companion has it.
+    QVariant customEngineSetting(const QString &key) const;
     void recordNeedsExit1FreshclamFlag(bool flag);
+    void daemonCheckedAfterScan(bool answering, int status);
+    void finishBatch(int status);
 
     QXUtilsDelegate *_delegate;
     quint32 _countOfFilesScannedSoFar = 0;
@@ -201,5 +206,13 @@ private:
     qsizetype _enginePathsEnumerator = 0;
     qsizetype _updateLogPathsEnumerator = 0;
     UserDefaultsController *_preferences = nullptr;
+    // Keys already logged for a value of the wrong type.
+    mutable QSet<QString> _keysOfWrongType;
     QStringList _emailDirPaths;
+    // A batch lost with the daemon is scanned once more after a restart.
+    QStringList _batchInFlight;
+    QSet<QString> _infectedPathsOfBatch;
+    bool _restartingClamdForBatch = false;
+    bool _rescanningBatch = false;
+    int _statusOfLostScan = 0;
 };

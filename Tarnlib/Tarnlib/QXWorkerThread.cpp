@@ -6,6 +6,7 @@
 #include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QMutexLocker>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/types.h>
@@ -50,12 +51,18 @@ bool QXWorkerThread::signalChild(int signal)
 
 bool QXWorkerThread::suspendChild()
 {
-    return signalChild(SIGSTOP);
+    const bool suspended = signalChild(SIGSTOP);
+    if (suspended)
+        _childSuspended = true;
+    return suspended;
 }
 
 bool QXWorkerThread::resumeChild()
 {
-    return signalChild(SIGCONT);
+    const bool resumed = signalChild(SIGCONT);
+    if (resumed)
+        _childSuspended = false;
+    return resumed;
 }
 
 bool QXWorkerThread::terminateChild()
@@ -78,23 +85,54 @@ QXWorkerThread::RunResult QXWorkerThread::runChild(const QString &program, const
     QEventLoop loop;
     bool ended = false;
 
+    // A child that hangs (a suspended daemon, an updater that never returns)
+    // would hold its worker, and the agent with it, for ever.
+    QTimer silence;
+    silence.setSingleShot(true);
+    silence.setInterval(_silenceLimit);
+    connect(&silence, &QTimer::timeout, &process, [&] {
+        // A child its owner suspended is quiet on purpose.
+        if (_childSuspended) {
+            silence.start();
+            return;
+        }
+        result.silent = true;
+        SystemLog::log(QStringLiteral("%1 gave no output for %2 s: ending it")
+                           .arg(program)
+                           .arg(std::chrono::duration_cast<std::chrono::seconds>(_silenceLimit).count()));
+        process.terminate();
+        // One that ignores the termination is killed.
+        QTimer::singleShot(5000, &process, [&process] { process.kill(); });
+    });
+
     // Every chunk is taken out of its pipe whether or not a subclass cares, so
     // that a child never blocks on a full pipe.
     const auto readOutput = [&] {
         const QByteArray chunk = process.readAllStandardOutput();
-        if (!chunk.isEmpty())
+        if (!chunk.isEmpty()) {
+            if (!result.silent)
+                silence.start();
             notifiedForStdOutput(chunk);
+        }
     };
     const auto readError = [&] {
         const QByteArray chunk = process.readAllStandardError();
-        if (!chunk.isEmpty())
+        if (!chunk.isEmpty()) {
+            if (!result.silent)
+                silence.start();
             notifiedForStdError(chunk);
+        }
     };
     connect(&process, &QProcess::readyReadStandardOutput, &process, readOutput);
     connect(&process, &QProcess::readyReadStandardError, &process, readError);
-    connect(&process, &QProcess::started, &process, [&] { setChildPid(process.processId()); });
+    _childSuspended = false;
+    connect(&process, &QProcess::started, &process, [&] {
+        setChildPid(process.processId());
+        silence.start();
+    });
     connect(&process, &QProcess::finished, &process, [&](int exitCode, QProcess::ExitStatus exitStatus) {
         setChildPid(0);
+        silence.stop();
         result.started = true;
         // For a child ended by a signal Qt gives the signal number as the code.
         result.status = exitCode;

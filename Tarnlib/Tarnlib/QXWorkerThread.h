@@ -7,6 +7,7 @@
 #include <QStringList>
 #include <QThread>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -54,6 +55,12 @@ public:
     // owner calls it on all its workers before it deletes any of them.
     void stopReporting();
 
+    // A child that writes nothing for this long, and is not paused by its
+    // owner, is taken for hung and ended. Set before a run.
+    static constexpr std::chrono::milliseconds defaultSilenceLimit{std::chrono::minutes(10)};
+    std::chrono::milliseconds silenceLimit() const { return _silenceLimit; }
+    void setSilenceLimit(std::chrono::milliseconds limit) { _silenceLimit = limit; }
+
 protected:
     struct RunResult
     {
@@ -61,6 +68,7 @@ protected:
         QString error;             // why it could not be started
         int status = 0;            // exit code, or the signal that killed it
         bool crashed = false;      // ended by a signal
+        bool silent = false;       // ended for giving no output within the silence limit
     };
 
     // Runs program with arguments as a child whose output and error are on
@@ -99,4 +107,7 @@ private:
     mutable QMutex _pauseLock;
     bool _paused = false;
     qint64 _childPid = 0;
+    std::chrono::milliseconds _silenceLimit = defaultSilenceLimit;
+    // Set from the owner's thread while the child is stopped by its signal.
+    std::atomic_bool _childSuspended = false;
 };

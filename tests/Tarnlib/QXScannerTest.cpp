@@ -97,6 +97,8 @@ protected:
         return QTest::qWaitFor([&] { return reached->load(); }, waitLimit);
     }
 
+    void scanNamesTheListCannotCarry(bool clamd);
+
     // Only for its file helpers: the samples to scan live here.
     ScriptedPrefix files;
     FakeScannerDelegate delegate;
@@ -363,4 +365,75 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     // The end report held the run, so the newline came after it.
     EXPECT_EQ(logWhileEnding, QByteArray());
     EXPECT_EQ(readFile(delegate.scanLog), "\n");
+}
+
+TEST_F(QXScannerTest, OnlyTheEndingOfALineIsTakenForTheEnginesMarkOfItsOwnSignatures)
+{
+    ASSERT_TRUE(useRealEngine());
+    const QString named = infected("x.UNOFFICIAL FOUND");
+    const QString folder = infected("y.UNOFFICIAL FOUND/eicar.com");
+    scan({named, folder});
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
+                UnorderedElementsAre(infection(named, eicarName), infection(folder, eicarName)));
+}
+
+// A newline would cut the name in the engine's list and in its output.
+void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
+{
+    ASSERT_TRUE(useRealEngine());
+    delegate.clamd = clamd;
+    const QString split = infected("two\nlines.com");
+    const QString ending = infected("ends in a newline\n");
+    const QString harmless = clean("clean\nname.txt");
+    const QString letters = infected("Grüße ½.com");
+    scan({split, harmless, letters, ending});
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
+                UnorderedElementsAre(infection(split, eicarName), infection(letters, eicarName),
+                                     infection(ending, eicarName)));
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
+}
+
+TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline) { scanNamesTheListCannotCarry(true); }
+
+TEST_F(QXScannerTest, StandAloneScannerScansNamesWithANewline) { scanNamesTheListCannotCarry(false); }
+
+TEST_F(QXScannerTest, AnEngineThatFallsSilentIsEndedAndTheScanReportedAsCrashed)
+{
+    ScriptEngine engine(ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    startScanner()->setSilenceLimit(std::chrono::milliseconds(300));
+    scan({clean("a.txt")});
+
+    ASSERT_TRUE(waitForEnd());
+    const QStringList events = delegate.events();
+    ASSERT_EQ(events.size(), 2) << qPrintable(events.join('|'));
+    EXPECT_EQ(events.at(1), "scanCrashed:" + QDir::cleanPath(engine.enginePath() + "/bin/clamdscan")
+                                + " gave no output for 0 s and was ended");
+    EXPECT_EQ(processState(engine.pid()), '\0');
+    EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
+}
+
+TEST_F(QXScannerTest, AnEngineThatKeepsTalkingOrIsPausedRunsPastTheSilenceLimit)
+{
+    ScriptEngine engine("for i in 1 2 3 4 5 6; do echo \"Scanning /x/$i\"; sleep 0.1; done\n"
+                        + ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    delegate.updates = true;
+    QXScanner *s = startScanner();
+    s->setSilenceLimit(std::chrono::milliseconds(300));
+    scan({"/x"});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.events().contains("updateProgressWithMessage:Scanning /x/6"); },
+                                waitLimit));
+    ASSERT_TRUE(s->pause());
+    QTest::qWait(1000);
+    EXPECT_EQ(processState(engine.pid()), 'T');
+    engine.release();
+    EXPECT_FALSE(s->pause());
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:0");
 }

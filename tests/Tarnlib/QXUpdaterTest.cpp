@@ -288,3 +288,19 @@ TEST(QXUpdaterTest, PauseSuspendsAndResumesTheLauncherAndStopEndsIt)
     rig.updater.stop();
     EXPECT_EQ(rig.finishUpdate(), (QStringList {"updateStarted", "percent:100", QStringLiteral("finished:%1").arg(SIGTERM)}));
 }
+
+TEST(QXUpdaterTest, LauncherThatFallsSilentIsEndedAsACrashedUpdate)
+{
+    UpdaterRig rig;
+    LogCapture log;
+    rig.updater.setSilenceLimit(std::chrono::milliseconds(300));
+    // Talks a while, then hangs without a word.
+    rig.writeLauncher("ClamAV update process started\n", 0,
+                      "for i in 1 2 3 4 5; do echo \"Downloading main.cvd [ ${i}0%]\"; sleep 0.1; done\n"
+                      "exec sleep 600\n");
+    const QStringList reports = rig.update();
+    ASSERT_FALSE(reports.isEmpty());
+    EXPECT_EQ(reports.last(), QStringLiteral("finished:%1").arg(SIGTERM));
+    EXPECT_EQ(reports.filter("percent:").size(), 6) << qPrintable(reports.join('|'));
+    EXPECT_TRUE(log.anyContains("RunFreshclam gave no output for 0 s: ending it")) << qPrintable(log.lines().join('|'));
+}

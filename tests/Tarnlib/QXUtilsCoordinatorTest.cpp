@@ -2,9 +2,12 @@
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/EngineFixture.h"
 #include "tests/support/ScriptedPrefix.h"
 
+#include <QFile>
 #include <QTest>
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
@@ -138,6 +141,69 @@ TEST_F(QXUtilsCoordinatorTest, MissingDefinitionsAreRelayed)
     auto utils = checking({{bare.path(), {}}});
     ASSERT_TRUE(waitForOne("needToUpdateDB"));
     EXPECT_EQ(delegate.calls, QStringList{"needToUpdateDB"});
+}
+
+
+TEST_F(QXUtilsCoordinatorTest, AnEnginePrefixTheCompanionSetsAfterALaunchIsFoundAtTheNextLaunch)
+{
+    ScriptedPrefix missing, engine;
+    engine.writeScript("bin/clamscan", versionLine);
+    const QList<QXUtils::EngineCandidate> fixed{{missing.path(), missing.filePath("log")}};
+    {
+        auto first = checking(fixed);
+        ASSERT_TRUE(waitForOne("engineNotFound"));
+    }
+    home.writeDomain(QStringLiteral("org.korvane.Korvane"), {{QStringLiteral("PathToClamav"), engine.path()}});
+    delegate.calls.clear();
+
+    auto second = checking(fixed);
+    ASSERT_TRUE(waitForOne("clamdFailedToStart"));
+    EXPECT_EQ(second->enginePath(), engine.path());
+    EXPECT_EQ(second->updateLogPath(), QStringLiteral("/tmp/freshclam.log"));
+    EXPECT_EQ(delegate.count("engineNotFound"), 0);
+    // The launch still records the pair it started with in the agent's own domain.
+    EXPECT_EQ(home.readDomain(QStringLiteral("org.korvane.KorvaneVarden")).value(QStringLiteral("PathToClamav")),
+              QVariant(missing.path()));
+}
+
+
+TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIsScannedWhole)
+{
+    // A daemon of its own: this test kills it, and the fixture stops the new one.
+    EngineFixture engine;
+    ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
+    ScriptedPrefix files;
+    QStringList batch, infected;
+    for (int i = 0; i < 3000; ++i) {
+        const bool bad = i % 50 == 10;
+        batch << files.writeFile(QStringLiteral("f/%1.com").arg(i, 4, 10, QLatin1Char('0')),
+                                 bad ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
+        if (bad)
+            infected << batch.last();
+    }
+    auto utils = checking({{engine.enginePath(), engine.enginePath() + "/share/clamav/freshclam.log"}});
+    ASSERT_TRUE(waitForOne("clamdAlreadyRunning"));
+    const qint64 firstDaemon = engine.daemonPid();
+    delegate.onInfection = [&] {
+        if (delegate.infections.size() == 1)
+            ::kill(pid_t(firstDaemon), SIGKILL);
+    };
+
+    utils->scanFiles(batch);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.calls.filter("scanFinishedWithStatus:").size() == 1; }, 60000));
+    QFile pidFile(engine.pidFilePath());
+    ASSERT_TRUE(pidFile.open(QIODevice::ReadOnly));
+    const qint64 secondDaemon = pidFile.readAll().trimmed().toLongLong();
+    EXPECT_NE(secondDaemon, firstDaemon);
+    QStringList reported;
+    for (const auto &infection : std::as_const(delegate.infections))
+        reported << infection.second;
+    reported.sort();
+    EXPECT_EQ(reported, infected);
+    EXPECT_EQ(delegate.calls.filter("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:1"});
+    EXPECT_EQ(delegate.count("scanStarted"), 1);
+    EXPECT_TRUE(log.contains(QStringLiteral("the scan daemon stopped answering during a scan: starting it again")))
+        << qPrintable(log.lines().join('|'));
 }
 
 } // namespace

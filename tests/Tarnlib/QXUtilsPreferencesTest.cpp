@@ -4,7 +4,9 @@
 #include "platform/UserDefaults.h"
 #include "platform/UserDefaultsController.h"
 #include "tests/support/FreshPreferences.h"
+#include "tests/support/LogCapture.h"
 
+#include <QDateTime>
 #include <QFileInfo>
 #include <gtest/gtest.h>
 
@@ -124,6 +126,51 @@ TEST_F(QXUtilsPreferencesTest, ScanLogAndAutostartFolderLiveUnderTheXdgFoldersAn
     EXPECT_EQ(u->pathToScanLog(), home.stateHome() + QStringLiteral("/korvane/KorvaneVarden-scan.log"));
     EXPECT_TRUE(QFileInfo(home.stateHome() + QStringLiteral("/korvane")).isDir());
     EXPECT_EQ(u->launchAgentsDir(), home.configHome() + QStringLiteral("/autostart"));
+}
+
+
+TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysCountsAsAbsentAndIsLoggedOnceWithItsKey)
+{
+    const QVariantMap folder{{QStringLiteral("path"), QStringLiteral("~/Held")}};
+    const QVariantList list{QStringLiteral("--one")};
+    struct Case
+    {
+        const char *key;
+        QVariant stored;
+        QVariant read; // invalid: absent
+    };
+    const std::vector<Case> cases{
+        // Hand-edited words are not booleans: the default applies.
+        {"UpdateDefsOnLaunch", QStringLiteral("YES"), false},
+        {"LogScans", QStringLiteral("NO"), true},
+        {"SuppressSummary", QStringLiteral("NO"), QVariant()},
+        {"SUEnableAutomaticChecks", 1, QVariant()},
+        {"ScanEmail", false, false},
+        {"AdditionalCmdLineArgs", list, QVariant()},
+        {"AdditionalCmdLineArgs ", QStringLiteral(""), QStringLiteral("")},
+        {"PathToClamav", 7, QVariant()},
+        {"VardenFolderArray", QStringLiteral("~/Downloads"), QVariant()},
+        {"ExcludePatterns", QVariantMap(), QXUtils::builtInDefaults().value(QStringLiteral("ExcludePatterns"))},
+        {"QuarantineFolder", folder, folder},
+        {"QuarantineFolder ", QStringLiteral("~/Held"), QStringLiteral("~/Held")},
+        {"QuarantineFolder  ", list, QVariant()},
+        {"rotateScanlogWhenSizeReaches", QStringLiteral("100"), QVariant()},
+        {"rotateScanlogWhenSizeReaches ", 2.5, 2.5},
+        {"ScheduleScanTime", true, QXUtils::builtInDefaults().value(QStringLiteral("ScheduleScanTime"))},
+    };
+    for (const Case &c : cases) {
+        // A trailing blank only keeps the table's keys apart; it is not part of the key.
+        const QString key = QString::fromLatin1(c.key).trimmed();
+        SCOPED_TRACE(c.key);
+        home.writeDomain(companionDomain, {{key, c.stored}});
+        LogCapture log;
+        utils.clear();
+        QXUtils *u = make();
+        EXPECT_EQ(u->readPreferenceForKey(key), c.read);
+        EXPECT_EQ(u->readPreferenceForKey(key), c.read);
+        EXPECT_EQ(log.lines().filter(key).size(), c.read.isValid() && c.read == c.stored ? 0 : 1)
+            << qPrintable(log.lines().join('|'));
+    }
 }
 
 } // namespace

@@ -16,6 +16,7 @@ public:
     QList<QPair<QString, QString>> infections;
     bool implementsOptional = true;
     std::function<void()> onUpdateFinished;
+    std::function<void()> onInfection;
 
     int count(const QString &call) const { return int(calls.count(call)); }
     bool respondsTo(Optional) const override { return implementsOptional; }
@@ -29,6 +30,8 @@ public:
     {
         calls << "infectionFound";
         infections.append({name, file});
+        if (onInfection)
+            onInfection();
     }
     void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override { calls << QStringLiteral("progress:%1").arg(count); }
     void engineNotFound() override { calls << "engineNotFound"; }

@@ -7,14 +7,36 @@
 #include "ui/QXTInfectedViewArrayController.h"
 
 #include <QDBusConnection>
+#include <QFileInfo>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace {
 
+// Puts an environment variable back as it was when the test ends.
+class RestoredVariable
+{
+public:
+    explicit RestoredVariable(const char *name) : _name(name), _value(qgetenv(name)), _set(qEnvironmentVariableIsSet(name)) {}
+    ~RestoredVariable()
+    {
+        if (_set)
+            qputenv(_name, _value);
+        else
+            qunsetenv(_name);
+    }
+
+private:
+    const char *_name;
+    QByteArray _value;
+    bool _set;
+};
+
 TEST_F(AgentFixture, LaunchTitlesTheListAndWaitsForStartupWhichAnUpdateOnLaunchHoldsBackOnce)
 {
-    home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), true}});
+    home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), true},
+                                       {QStringLiteral("VardenFolderArray"), QVariantList{folder(home.path())}}});
     agent->applicationDidFinishLaunching();
     EXPECT_EQ(agent->infectionListWindow()->windowTitle(), QStringLiteral("Infected Items"));
     ASSERT_NE(agent->infectedList(), nullptr);
@@ -159,21 +181,79 @@ TEST_F(AgentOnTheSessionBusTest, QuitSignalClearsTheAgentsUpdateKeysAnnouncesThe
     EXPECT_EQ(quitsHeard.size(), 1);
 }
 
-TEST_F(AgentOnTheSessionBusTest, RestartSignalRunsTheRelaunchToolWithOurPathAndPidAndKeepsTheUpdateKeys)
+TEST_F(AgentOnTheSessionBusTest, RestartSignalRunsACopyOfTheRelaunchToolFromAPrivateFolderWithOurPathAndPid)
 {
-    KorvaneVarden_AppDelegate::setRelaunchToolPath(
-        engine.writeScript("relaunch", "echo \"$1 $2\" > '" + engine.filePath("relaunched-with").toUtf8() + "'\n"));
-    send(QStringLiteral("KorvaneVardenShouldRestart"));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return terminations == 1; }, 5000));
+    // The shared temporary folder and the runtime folder are the test's own.
+    QTemporaryDir shared, runtime, open;
+    ASSERT_TRUE(shared.isValid() && runtime.isValid() && open.isValid());
+    QFile::setPermissions(open.path(), QFile::Permissions(0x7777));
+    const RestoredVariable tmp("TMPDIR"), runtimeVariable("XDG_RUNTIME_DIR");
+    qputenv("TMPDIR", QFile::encodeName(shared.path()));
+    // A file someone placed where a fixed name would go.
+    const QString planted = shared.filePath("relaunch");
+    QFile plantedFile(planted);
+    const QByteArray plantedScript = "#!/bin/sh\nexit 0\n";
+    ASSERT_TRUE(plantedFile.open(QIODevice::WriteOnly) && plantedFile.write(plantedScript) > 0);
+    plantedFile.close();
+    const QString ran = engine.filePath("relaunched-with");
+    KorvaneVarden_AppDelegate::setRelaunchToolPath(engine.writeScript("relaunch", "echo \"$0 $1 $2\" > '" + ran.toUtf8() + "'\n"));
+
+    // An unset runtime folder, or one that others may write, is not used.
+    for (const QString &runtimeDir : {runtime.path(), QString(), open.path()}) {
+        SCOPED_TRACE(runtimeDir.toStdString());
+        if (runtimeDir.isEmpty())
+            qunsetenv("XDG_RUNTIME_DIR");
+        else
+            qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir));
+        QFile::remove(ran);
+        TearDown();
+        SetUp();
+        terminations = 0;
+        send(QStringLiteral("KorvaneVardenShouldRestart"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return terminations == 1; }, 5000));
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !engine.readFile("relaunched-with").isEmpty(); }, 5000));
+        const QStringList words = QString::fromUtf8(engine.readFile("relaunched-with").trimmed()).split(' ');
+        ASSERT_EQ(words.size(), 3);
+        EXPECT_EQ(words.mid(1), (QStringList{QCoreApplication::applicationFilePath(),
+                                             QString::number(QCoreApplication::applicationPid())}));
+        const QFileInfo copy(words.first());
+        EXPECT_EQ(copy.fileName(), QStringLiteral("relaunch"));
+        if (runtimeDir == runtime.path()) {
+            EXPECT_EQ(copy.path(), runtime.path());
+        } else {
+            EXPECT_EQ(QFileInfo(copy.path()).path(), shared.path());
+            EXPECT_EQ(QFile::permissions(copy.path()) & QFile::Permissions(0x0077), QFile::Permissions());
+        }
+        const QVariantMap own = home.readDomain(agentDomain);
+        for (const QString &key : updateKeys.keys())
+            EXPECT_EQ(own.value(key), updateKeys.value(key)) << key.toStdString();
+    }
     KorvaneVarden_AppDelegate::setRelaunchToolPath({});
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !engine.readFile("relaunched-with").isEmpty(); }, 5000));
-    EXPECT_EQ(engine.readFile("relaunched-with").trimmed(),
-              (QCoreApplication::applicationFilePath() + " " + QString::number(QCoreApplication::applicationPid())).toUtf8());
-    const QVariantMap own = home.readDomain(agentDomain);
-    for (const QString &key : updateKeys.keys())
-        EXPECT_EQ(own.value(key), updateKeys.value(key)) << key.toStdString();
     QTest::qWait(200);
     EXPECT_TRUE(quitsHeard.isEmpty());
+    ASSERT_TRUE(plantedFile.open(QIODevice::ReadOnly));
+    EXPECT_EQ(plantedFile.readAll(), plantedScript);
+}
+
+TEST_F(AgentOnTheSessionBusTest, AQuitThatArrivesWhileAnAlertIsOpenRunsOnceAndTheAnswerStartsNothingMore)
+{
+    alerts.answers = {AlertPresenter::AlternateReturn};
+    alerts.whileOpen = [this] {
+        send(QStringLiteral("KorvaneVardenShouldQuit"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return quitsHeard.size() == 1; }, 5000));
+    };
+    // Nothing to watch: the alert that offers to quit.
+    agent->continueStartup();
+    ASSERT_EQ(alerts.alerts.size(), 1);
+    EXPECT_EQ(terminations, 1);
+    EXPECT_FALSE(agent->readyToScan());
+
+    // A later quit announces nothing: the listener hears a marker sent after it first.
+    agent->quit(nullptr);
+    send(QStringLiteral("KorvaneVardenHasQuit"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return quitsHeard.size() == 2; }, 5000));
+    EXPECT_EQ(quitsHeard.last(), QStringLiteral("Korvane"));
+    EXPECT_EQ(terminations, 1);
 }
 
 } // namespace

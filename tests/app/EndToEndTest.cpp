@@ -187,4 +187,29 @@ TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhil
     EXPECT_FALSE(logged.contains(hidden.toUtf8())) << logged.toStdString();
 }
 
+TEST_F(EndToEndTest, AFolderUnpackedAtOnceIsNotifiedOncePerInfectedFile)
+{
+    // Unpacked beside the watched folder and moved in whole, as an archive tool does.
+    const int count = 6;
+    for (int i = 0; i < count; ++i)
+        home.writeFile(QStringLiteral("unpacked/inner/sample-%1.com").arg(i).toUtf8(), EngineFixture::eicarContents());
+    ASSERT_TRUE(QDir().rename(home.filePath("unpacked"), home.filePath("Watched/unpacked")));
+
+    const QString last = home.filePath(QStringLiteral("Watched/unpacked/inner/sample-%1.com").arg(count - 1));
+    ASSERT_TRUE(waitUntilListed(last));
+    ASSERT_TRUE(waitUntilIdle());
+    const auto shown = [&](const QString &name) {
+        const QString body = name + " infected with " + EngineFixture::eicarSignatureName();
+        int times = 0;
+        for (const FakeNotificationService::Notification &notification : notifications->notifications())
+            times += notification.body == body ? 1 : 0;
+        return times;
+    };
+    // Notifications leave in order, so once a later one is in, so is every earlier one.
+    write("after.com");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return shown("after.com") == 1; }, 30000));
+    for (int i = 0; i < count; ++i)
+        EXPECT_EQ(shown(QStringLiteral("sample-%1.com").arg(i)), 1) << i;
+}
+
 } // namespace

@@ -4,9 +4,14 @@
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
 #include "platform/Localization.h"
+#include "Tarnlib/Tarnlib/QXUpdater.h"
 
 #include <QAction>
 #include <QMenu>
+#include <QTest>
+
+#include <atomic>
+#include <memory>
 
 namespace {
 
@@ -70,6 +75,36 @@ TEST_F(WatchingTest, NothingToWatchExplainsAndQuits)
     EXPECT_EQ(alerts.alerts.first().defaultButton, Localization::text("OPEN_PREFS"));
     EXPECT_EQ(terminations, 1);
     EXPECT_EQ(shownImage(), agent->throbberDefaultImage().cacheKey());
+}
+
+TEST_F(WatchingTest, QuittingAtTheNothingToWatchAlertEndsTheStartupThere)
+{
+    for (const bool updateOnLaunch : {false, true}) {
+        SCOPED_TRACE(updateOnLaunch);
+        TearDown();
+        home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), updateOnLaunch}});
+        engine.writeScript("bin/RunFreshclam", "touch '" + engine.filePath("updated").toUtf8() + "'\n");
+        SetUp();
+        terminations = 0;
+        alerts.answers = {AlertPresenter::AlternateReturn};
+        agent->applicationDidFinishLaunching();
+        agent->continueStartup();
+        EXPECT_EQ(terminations, 1);
+
+        // Neither an update nor a scan may follow.
+        const QString path = home.writeFile("late.com", "x");
+        agent->addToWaitingList(path);
+        agent->dispatcher()->updateSizesInWaitingList();
+        EXPECT_FALSE(agent->readyToScan());
+        EXPECT_EQ(agent->dispatcher()->readyList(), QStringList{path});
+        agent->scanFinishedWithStatus(0);
+        EXPECT_FALSE(agent->readyToScan());
+        // Requests run in order: once this one has, an update asked for before it has ended.
+        auto reached = std::make_shared<std::atomic<bool>>(false);
+        agent->utils()->theUpdater()->perform([reached] { *reached = true; });
+        ASSERT_TRUE(QTest::qWaitFor([&] { return reached->load(); }, 20000));
+        EXPECT_FALSE(QFile::exists(engine.filePath("updated")));
+    }
 }
 
 TEST_F(WatchingTest, EventFlagsDecideWhetherThePathWaitsForAScan)

@@ -130,6 +130,23 @@ direct=$?
 "$prefix/bin/RunFreshclam" --no-such-option > /dev/null 2>&1
 expect_eq "RunFreshclam exits with freshclam's status" "$direct" "$?"
 
+# Progress lines must start with "Downloading": no time stamp in front of them.
+# A copy of the configuration that may run as root here; only the first line is read.
+{ cat "$prefix/etc/freshclam.conf"; echo "DatabaseOwner root"; } > "$tmp/freshclam-root.conf"
+first=$(timeout 30 /usr/bin/freshclam --config-file="$tmp/freshclam-root.conf" --stdout 2>&1 | head -n1)
+expect_match "freshclam's lines carry no time stamp" '^ClamAV update process started' "$first"
+
+# --- an ordinary user ------------------------------------------------------
+
+# Root runs the installer as nobody; anyone else is an ordinary user already.
+as_user=()
+(( EUID != 0 )) || as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+out=$(cd / && "${as_user[@]}" "$installer" 2>&1)
+status=$?
+check "an ordinary user cannot install into the default prefix" test "$status" -ne 0
+expect_match "and is told that it needs root" 'needs root' "$out"
+expect_match "without raw errors of the tools" '^install-engine: [^'$'\n'']*$' "$out"
+
 # --- daemon ----------------------------------------------------------------
 
 home=$tmp/files

@@ -4,6 +4,7 @@
 #include "platform/SystemBeep.h"
 
 #include <QList>
+#include <functional>
 
 // Answers alerts from a queue (the default button when it runs dry) and
 // remembers each alert; counts beeps. Installs itself while it lives.
@@ -24,10 +25,14 @@ public:
     int runModal(const Alert &alert) override
     {
         alerts.append(alert);
+        if (whileOpen)
+            whileOpen();
         return answers.isEmpty() ? int(DefaultReturn) : answers.takeFirst();
     }
     void play() override { ++beeps; }
 
+    // Runs while the alert is open, as the events of a modal loop do.
+    std::function<void()> whileOpen;
     QList<int> answers;
     QList<Alert> alerts;
     int beeps = 0;

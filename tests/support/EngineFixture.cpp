@@ -206,17 +206,23 @@ bool EngineFixture::startDaemon()
 
 void EngineFixture::stopDaemon()
 {
-    if (_daemonPid <= 0)
-        return;
-    // Only the daemon of this prefix: its command line names our configuration.
-    QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(_daemonPid));
-    if (!cmdline.open(QIODevice::ReadOnly) || !cmdline.readAll().contains(enginePath().toUtf8()))
-        return;
-    ::kill(pid_t(_daemonPid), SIGTERM);
-    QDeadlineTimer deadline(10000);
-    while (processAlive(_daemonPid) && !deadline.hasExpired())
-        QThread::msleep(20);
-    if (processAlive(_daemonPid))
-        ::kill(pid_t(_daemonPid), SIGKILL);
+    // A test may have had the agent start the daemon again: the pid file
+    // names the one running now.
+    QFile pidFile(pidFilePath());
+    const qint64 current = pidFile.open(QIODevice::ReadOnly) ? pidFile.readAll().trimmed().toLongLong() : 0;
+    for (const qint64 pid : {_daemonPid, current}) {
+        if (pid <= 0)
+            continue;
+        // Only the daemon of this prefix: its command line names our configuration.
+        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
+        if (!cmdline.open(QIODevice::ReadOnly) || !cmdline.readAll().contains(enginePath().toUtf8()))
+            continue;
+        ::kill(pid_t(pid), SIGTERM);
+        QDeadlineTimer deadline(10000);
+        while (processAlive(pid) && !deadline.hasExpired())
+            QThread::msleep(20);
+        if (processAlive(pid))
+            ::kill(pid_t(pid), SIGKILL);
+    }
     _daemonPid = 0;
 }
