@@ -228,11 +228,8 @@ void QXScanner::handleLine(const QString &line)
     }
     writeToLog(line);
     if (line.endsWith(QLatin1String(" FOUND"))) {
-        // Only the ending is the engine's: a file may carry the same words.
-        const QLatin1String unofficial(".UNOFFICIAL FOUND");
-        const QString reported = line.endsWith(unofficial)
-            ? line.chopped(unofficial.size()) + QLatin1String(" FOUND")
-            : line;
+        QString reported = line;
+        reported.replace(QLatin1String(".UNOFFICIAL FOUND"), QLatin1String(" FOUND"));
         reportToMain([delegate, reported] { delegate->infectionFound(reported); });
     } else if (line.contains(QLatin1String("virus database is older than"))) {
         const QString warning = Localization::text("DB_OUT_OF_DATE");

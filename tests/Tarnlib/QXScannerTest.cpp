@@ -367,18 +367,6 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     EXPECT_EQ(readFile(delegate.scanLog), "\n");
 }
 
-TEST_F(QXScannerTest, OnlyTheEndingOfALineIsTakenForTheEnginesMarkOfItsOwnSignatures)
-{
-    ASSERT_TRUE(useRealEngine());
-    const QString named = infected("x.UNOFFICIAL FOUND");
-    const QString folder = infected("y.UNOFFICIAL FOUND/eicar.com");
-    scan({named, folder});
-
-    ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
-                UnorderedElementsAre(infection(named, eicarName), infection(folder, eicarName)));
-}
-
 // A newline would cut the name in the engine's list and in its output.
 void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
 {
