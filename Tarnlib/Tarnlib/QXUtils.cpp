@@ -95,6 +95,35 @@ bool hasKind(const QVariant &value, Kind kind)
     return false;
 }
 
+// A word read as a boolean: YES when, after leading blanks, it starts with
+// "Y", "y", "T" or "t", or, after a sign and zeros, with a digit 1 to 9. So a
+// hand-written "NO" is off and "YES" is on, as the settings' own readers had it.
+bool wordAsBoolean(const QString &word)
+{
+    qsizetype i = 0;
+    while (i < word.size() && word.at(i).isSpace())
+        ++i;
+    if (i < word.size() && QStringLiteral("YyTt").contains(word.at(i)))
+        return true;
+    if (i < word.size() && (word.at(i) == QLatin1Char('+') || word.at(i) == QLatin1Char('-')))
+        ++i;
+    while (i < word.size() && word.at(i) == QLatin1Char('0'))
+        ++i;
+    return i < word.size() && word.at(i) >= QLatin1Char('1') && word.at(i) <= QLatin1Char('9');
+}
+
+// A value stored with another type than its key's, read as it comes: a word
+// or a number where a boolean belongs reads as one; anything else that a
+// reader of the key's type cannot take counts as absent.
+QVariant readAsKind(const QVariant &value, Kind kind)
+{
+    if (kind == Kind::Boolean && value.typeId() == QMetaType::QString)
+        return wordAsBoolean(value.toString());
+    if (kind == Kind::Boolean && hasKind(value, Kind::Number))
+        return value.toDouble() != 0;
+    return QVariant();
+}
+
 } // namespace
 
 QList<QXUtils::EngineCandidate> QXUtils::defaultEngineCandidates()
@@ -232,16 +261,17 @@ bool QXUtils::runningAsCompanion()
 QVariant QXUtils::readPreferenceForKey(const QString &key) const
 {
     const QVariant value = _preferences->value(key);
-    if (!value.isValid() || hasKind(value, kindOfKey(key)))
+    const Kind kind = kindOfKey(key);
+    if (!value.isValid() || hasKind(value, kind))
         return value;
-    // A hand-edited "NO" must not read as a setting that is on: a value of
-    // another type counts as absent.
+    const QVariant read = readAsKind(value, kind);
     if (!_keysOfWrongType.contains(key)) {
         _keysOfWrongType.insert(key);
-        SystemLog::log(QStringLiteral("preference %1 has a value of type %2, which it cannot have; it is ignored")
-                           .arg(key, QString::fromLatin1(value.typeName())));
+        SystemLog::log(QStringLiteral("preference %1 has a value of type %2; it reads as %3")
+                           .arg(key, QString::fromLatin1(value.typeName()),
+                                read.isValid() ? read.toString() : QStringLiteral("absent")));
     }
-    return _preferences->defaults()->registrationDomain().value(key);
+    return read.isValid() ? read : _preferences->defaults()->registrationDomain().value(key);
 }
 
 void QXUtils::setPreference(const QVariant &value, const QString &key)

@@ -129,7 +129,7 @@ TEST_F(QXUtilsPreferencesTest, ScanLogAndAutostartFolderLiveUnderTheXdgFoldersAn
 }
 
 
-TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysCountsAsAbsentAndIsLoggedOnceWithItsKey)
+TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysIsReadAsItComesOrCountsAsAbsentAndIsLoggedOnceWithItsKey)
 {
     const QVariantMap folder{{QStringLiteral("path"), QStringLiteral("~/Held")}};
     const QVariantList list{QStringLiteral("--one")};
@@ -140,11 +140,15 @@ TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysCountsAsAbsentAndIs
         QVariant read; // invalid: absent
     };
     const std::vector<Case> cases{
-        // Hand-edited words are not booleans: the default applies.
-        {"UpdateDefsOnLaunch", QStringLiteral("YES"), false},
-        {"LogScans", QStringLiteral("NO"), true},
-        {"SuppressSummary", QStringLiteral("NO"), QVariant()},
-        {"SUEnableAutomaticChecks", 1, QVariant()},
+        // Hand-edited words and numbers read as booleans by their first letter or digit.
+        {"UpdateDefsOnLaunch", QStringLiteral("YES"), true},
+        {"LogScans", QStringLiteral("NO"), false},
+        {"SuppressSummary", QStringLiteral(" no"), false},
+        {"LogUpdates", QStringLiteral("true"), true},
+        {"QuarantineInfected", QStringLiteral("-007"), true},
+        {"SUEnableAutomaticChecks", 1, true},
+        {"AlertOnDetect", 0, false},
+        {"AlertOnCompletion", QVariantList{}, true},
         {"ScanEmail", false, false},
         {"AdditionalCmdLineArgs", list, QVariant()},
         {"AdditionalCmdLineArgs ", QStringLiteral(""), QStringLiteral("")},
@@ -168,7 +172,7 @@ TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysCountsAsAbsentAndIs
         QXUtils *u = make();
         EXPECT_EQ(u->readPreferenceForKey(key), c.read);
         EXPECT_EQ(u->readPreferenceForKey(key), c.read);
-        EXPECT_EQ(log.lines().filter(key).size(), c.read.isValid() && c.read == c.stored ? 0 : 1)
+        EXPECT_EQ(log.lines().filter(key).size(), c.read.typeId() == c.stored.typeId() && c.read == c.stored ? 0 : 1)
             << qPrintable(log.lines().join('|'));
     }
 }
