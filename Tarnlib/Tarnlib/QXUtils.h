@@ -2,6 +2,7 @@
 
 #include "QXEngineCheckerDelegate.h"
 #include "QXExclusionPredicate.h"
+#include "QXFileCounterDelegate.h"
 #include "QXScannerDelegate.h"
 #include "QXUpdaterDelegate.h"
 
@@ -15,6 +16,8 @@
 #include <QVariant>
 #include <QVariantMap>
 
+#include <memory>
+
 class QThreadPool;
 class QXEngineChecker;
 class QXFileCounter;
@@ -26,7 +29,11 @@ class UserDefaultsController;
 // The one settings-and-policy object: preference access over the built-in
 // defaults, engine and log locations, scan policy, and the coordinator of
 // the engine workers, whose reports it relays to its delegate.
-class QXUtils : public QObject, public QXScannerDelegate, public QXEngineCheckerDelegate, public QXUpdaterDelegate
+class QXUtils : public QObject,
+                public QXScannerDelegate,
+                public QXEngineCheckerDelegate,
+                public QXUpdaterDelegate,
+                public QXFileCounterDelegate
 {
     Q_OBJECT
 public:
@@ -56,6 +63,7 @@ public:
     void checkEngine();
     void updateDefs();
     void scanFiles(const QStringList &paths);
+    void countFiles(const QStringList &paths);
     void pauseResume();
     void stop();
     void determineQuarantineSettings();
@@ -83,6 +91,9 @@ public:
     void appendToConsole(const QString &text) override;
     void infectionFound(const QString &line) override;
     QStringList obtainFilesForSavedSearchAtPath(const QString &path) override;
+
+    // Report of the file counter.
+    void fileCounterReturned(qint64 count) override;
 
     // Reports of the updater.
     void updateStarted() override;
@@ -128,7 +139,7 @@ public:
     bool useClamd() const override { return _useClamd; }
     bool quarantineFiles() const override { return _quarantineFiles; }
     QStringList exclusionStrings() const override { return _exclusionStrings; }
-    QList<QXExclusionPredicate> counterExcludes() const { return _counterExcludes; }
+    QList<QXExclusionPredicate> counterExcludes() const override { return _counterExcludes; }
     QStringList exclusionStringsForRootVolScan() const override { return _exclusionStringsForRootVolScan; }
     bool scanning() const { return _scanning; }
     void setScanning(bool flag) { _scanning = flag; }
@@ -139,6 +150,10 @@ public:
     QString engineShortVersionString() const override;
     void setEngineShortVersionString(const QString &version) override;
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }
+    QXFileCounter *theFileCounter() const { return _theFileCounter.get(); }
+    // How many entries a saved search looks at before it gives up.
+    qsizetype savedSearchEntryLimit() const { return _savedSearchEntryLimit; }
+    void setSavedSearchEntryLimit(qsizetype limit) { _savedSearchEntryLimit = limit; }
     QXScanner *theScanner() const { return _theScanner; }
     QXEngineChecker *theChecker() const { return _theChecker; }
     QXUpdater *theUpdater() const { return _theUpdater; }
@@ -192,7 +207,10 @@ private:
     // Guards the three values the engine checker sets from its thread.
     mutable QMutex _checkerLock;
     QThreadPool *_theOperationQueue = nullptr;
-    QXFileCounter *_theFileCounter = nullptr;
+    std::shared_ptr<QXFileCounter> _theFileCounter;
+    // Every count not yet finished, replaced ones too, so that stop reaches them.
+    QList<std::weak_ptr<QXFileCounter>> _fileCountersInFlight;
+    qsizetype _savedSearchEntryLimit;
     QXUpdater *_theUpdater = nullptr;
     QXEngineChecker *_theChecker = nullptr;
     QXScanner *_theScanner = nullptr;
