@@ -2,6 +2,7 @@
 
 #include "app/Dispatcher.h"
 #include "events/SCEvents.h"
+#include "platform/PropertyList.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FakeNotificationService.h"
 #include "ui/InfectedItemsWindow.h"
@@ -185,6 +186,22 @@ TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhil
     const QByteArray logged = scanLog.readAll();
     EXPECT_TRUE(logged.contains(beside.toUtf8() + ": "));
     EXPECT_FALSE(logged.contains(hidden.toUtf8())) << logged.toStdString();
+}
+
+TEST_F(EndToEndTest, SavedSearchPlacedInAWatchedFolderHasTheFilesItFindsScanned)
+{
+    // The search looks outside the watched folder, so only the search can bring these files to a scan.
+    const QString found = home.writeFile("Elsewhere/found.com", EngineFixture::eicarContents());
+    const QString ignored = home.writeFile("Elsewhere/ignored.txt", EngineFixture::eicarContents());
+    const QVariantMap search{
+        {QStringLiteral("RawQueryDict"),
+         QVariantMap{{QStringLiteral("RawQuery"), QStringLiteral(R"((kMDItemFSName == "*.com"c) && (true))")},
+                     {QStringLiteral("SearchScopes"), QVariantList{home.filePath("Elsewhere")}}}}};
+    write("Infected.savedSearch", PropertyList::toXml(search));
+
+    ASSERT_TRUE(waitUntilListed(found));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_FALSE(listedPaths().contains(ignored));
 }
 
 } // namespace
