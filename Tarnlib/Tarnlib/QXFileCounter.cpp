@@ -45,7 +45,7 @@ void QXFileCounter::main()
                 context, [delegate, total] { delegate->fileCounterReturned(total); }, Qt::BlockingQueuedConnection);
     } catch (const std::exception &exception) {
         SystemLog::log(QStringLiteral("FileCounter crashed but we should be able to carry on.  If you see this in your "
-                                      "log file, please report it - %1")
+                                      "log file, please post it at support@korvane.org - %1")
                            .arg(QString::fromLocal8Bit(exception.what())));
     }
 }
