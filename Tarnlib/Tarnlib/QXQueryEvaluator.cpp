@@ -57,6 +57,30 @@ bool ordered(QXQueryNode::Operator op, const T &left, const T &right)
 QXQueryEvaluator::QXQueryEvaluator(std::shared_ptr<const QXQueryNode> query)
     : _query(std::move(query))
 {
+    if (_query)
+        compileExpressions(*_query);
+}
+
+void QXQueryEvaluator::compileExpressions(const QXQueryNode &node)
+{
+    for (const std::shared_ptr<const QXQueryNode> &operand : node.operands)
+        compileExpressions(*operand);
+    if (node.kind != QXQueryNode::Kind::Comparison || node.value.typeId() == QMetaType::QDateTime)
+        return;
+    const QString pattern = node.value.toString();
+    const QString expression = wildcardExpression(node.diacriticInsensitive ? withoutDiacritics(pattern) : pattern);
+    QRegularExpression::PatternOptions options = QRegularExpression::DotMatchesEverythingOption;
+    if (node.caseInsensitive)
+        options |= QRegularExpression::CaseInsensitiveOption;
+    // A word starts after a character that is neither letter nor digit, or
+    // where a lower-case letter meets an upper-case one; likewise it ends.
+    static const QString wordStart = QStringLiteral("(?:^|(?<=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
+    static const QString wordEnd = QStringLiteral("(?:$|(?=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
+    QRegularExpression regex(node.wordBased ? wordStart + QStringLiteral("(?:") + expression + QStringLiteral(")") + wordEnd
+                                            : QStringLiteral("\\A(?:") + expression + QStringLiteral(")\\z"),
+                             options);
+    regex.optimize();
+    _expressions.insert(&node, regex);
 }
 
 bool QXQueryEvaluator::matches(const QString &path) const
@@ -90,39 +114,38 @@ bool QXQueryEvaluator::evaluate(const QXQueryNode &node, QXMetadataItem &item) c
         break;
     }
     if (node.attribute != QLatin1String("*"))
-        return compare(node, item.attribute(node.attribute));
+        return compare(node, item.attribute(node.attribute), node.op);
     // Any text attribute may match; none may for a difference.
     const QStringList names = QXMetadataItem::textAttributes();
     if (node.op == QXQueryNode::Operator::NotEqual) {
         return std::none_of(names.begin(), names.end(), [&](const QString &name) {
-            QXQueryNode equal = node;
-            equal.op = QXQueryNode::Operator::Equal;
-            return compare(equal, item.attribute(name));
+            return compare(node, item.attribute(name), QXQueryNode::Operator::Equal);
         });
     }
-    return std::any_of(names.begin(), names.end(), [&](const QString &name) { return compare(node, item.attribute(name)); });
+    return std::any_of(names.begin(), names.end(),
+                       [&](const QString &name) { return compare(node, item.attribute(name), node.op); });
 }
 
-bool QXQueryEvaluator::compare(const QXQueryNode &node, const QVariant &attribute)
+bool QXQueryEvaluator::compare(const QXQueryNode &node, const QVariant &attribute, QXQueryNode::Operator op) const
 {
     if (!attribute.isValid())
         return false;
     if (attribute.typeId() != QMetaType::QStringList)
-        return compareOne(node, attribute, node.op, node.value);
+        return compareOne(node, attribute, op, node.value);
     // A list attribute matches when one of its values does; a difference
     // holds when none is equal.
     const QStringList values = attribute.toStringList();
-    if (node.op == QXQueryNode::Operator::NotEqual) {
+    if (op == QXQueryNode::Operator::NotEqual) {
         return std::none_of(values.begin(), values.end(), [&](const QString &value) {
             return compareOne(node, value, QXQueryNode::Operator::Equal, node.value);
         });
     }
     return std::any_of(values.begin(), values.end(),
-                       [&](const QString &value) { return compareOne(node, value, node.op, node.value); });
+                       [&](const QString &value) { return compareOne(node, value, op, node.value); });
 }
 
 bool QXQueryEvaluator::compareOne(const QXQueryNode &node, const QVariant &attribute, QXQueryNode::Operator op,
-                                  const QVariant &value)
+                                  const QVariant &value) const
 {
     switch (attribute.typeId()) {
     case QMetaType::Double: {
@@ -146,28 +169,19 @@ bool QXQueryEvaluator::compareOne(const QXQueryNode &node, const QVariant &attri
     const QString text = attribute.toString();
     const QString pattern = value.toString();
     if (op == QXQueryNode::Operator::Equal)
-        return textMatches(node, text, pattern);
+        return textMatches(node, text);
     if (op == QXQueryNode::Operator::NotEqual)
-        return !textMatches(node, text, pattern);
+        return !textMatches(node, text);
     QString left = node.diacriticInsensitive ? withoutDiacritics(text) : text;
     QString right = node.diacriticInsensitive ? withoutDiacritics(pattern) : pattern;
     const int order = QString::compare(left, right, node.caseInsensitive ? Qt::CaseInsensitive : Qt::CaseSensitive);
     return ordered(op, order, 0);
 }
 
-bool QXQueryEvaluator::textMatches(const QXQueryNode &node, const QString &text, const QString &pattern)
+bool QXQueryEvaluator::textMatches(const QXQueryNode &node, const QString &text) const
 {
-    const QString subject = node.diacriticInsensitive ? withoutDiacritics(text) : text;
-    const QString expression = wildcardExpression(node.diacriticInsensitive ? withoutDiacritics(pattern) : pattern);
-    QRegularExpression::PatternOptions options = QRegularExpression::DotMatchesEverythingOption;
-    if (node.caseInsensitive)
-        options |= QRegularExpression::CaseInsensitiveOption;
-    // A word starts after a character that is neither letter nor digit, or
-    // where a lower-case letter meets an upper-case one; likewise it ends.
-    static const QString wordStart = QStringLiteral("(?:^|(?<=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
-    static const QString wordEnd = QStringLiteral("(?:$|(?=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
-    const QRegularExpression regex(node.wordBased ? wordStart + QStringLiteral("(?:") + expression + QStringLiteral(")") + wordEnd
-                                                  : QStringLiteral("\\A(?:") + expression + QStringLiteral(")\\z"),
-                                   options);
-    return regex.match(subject).hasMatch();
+    const auto expression = _expressions.constFind(&node);
+    if (expression == _expressions.constEnd())
+        return false;
+    return expression->match(node.diacriticInsensitive ? withoutDiacritics(text) : text).hasMatch();
 }

@@ -2,6 +2,8 @@
 
 #include "QXQueryNode.h"
 
+#include <QHash>
+#include <QRegularExpression>
 #include <QString>
 
 class QXMetadataItem;
@@ -18,10 +20,14 @@ public:
 
 private:
     bool evaluate(const QXQueryNode &node, QXMetadataItem &item) const;
-    static bool compare(const QXQueryNode &node, const QVariant &attribute);
-    static bool compareOne(const QXQueryNode &node, const QVariant &attribute, QXQueryNode::Operator op,
-                           const QVariant &value);
-    static bool textMatches(const QXQueryNode &node, const QString &text, const QString &pattern);
+    bool compare(const QXQueryNode &node, const QVariant &attribute, QXQueryNode::Operator op) const;
+    bool compareOne(const QXQueryNode &node, const QVariant &attribute, QXQueryNode::Operator op,
+                    const QVariant &value) const;
+    bool textMatches(const QXQueryNode &node, const QString &text) const;
+    void compileExpressions(const QXQueryNode &node);
 
     std::shared_ptr<const QXQueryNode> _query;
+    // The wildcard pattern of each string comparison, made once per query
+    // rather than once per file.
+    QHash<const QXQueryNode *, QRegularExpression> _expressions;
 };
