@@ -10,27 +10,34 @@ namespace {
 // their media type.
 const QHash<QString, QStringList> &knownTypes()
 {
-    static const QHash<QString, QStringList> types{
-        {QStringLiteral("text/plain"), {QStringLiteral("public.plain-text"), QStringLiteral("public.text")}},
-        {QStringLiteral("text/html"), {QStringLiteral("public.html"), QStringLiteral("public.text")}},
-        {QStringLiteral("application/xml"), {QStringLiteral("public.xml"), QStringLiteral("public.text")}},
-        {QStringLiteral("text/x-csrc"), {QStringLiteral("public.c-source"), QStringLiteral("public.source-code"), QStringLiteral("public.plain-text"), QStringLiteral("public.text")}},
-        {QStringLiteral("text/x-c++src"), {QStringLiteral("public.c-plus-plus-source"), QStringLiteral("public.source-code"), QStringLiteral("public.plain-text"), QStringLiteral("public.text")}},
-        {QStringLiteral("application/x-shellscript"), {QStringLiteral("public.shell-script"), QStringLiteral("public.script"), QStringLiteral("public.plain-text"), QStringLiteral("public.text")}},
-        {QStringLiteral("application/json"), {QStringLiteral("public.json"), QStringLiteral("public.plain-text"), QStringLiteral("public.text")}},
-        {QStringLiteral("application/pdf"), {QStringLiteral("com.adobe.pdf"), QStringLiteral("public.composite-content")}},
-        {QStringLiteral("image/jpeg"), {QStringLiteral("public.jpeg"), QStringLiteral("public.image")}},
-        {QStringLiteral("image/png"), {QStringLiteral("public.png"), QStringLiteral("public.image")}},
-        {QStringLiteral("image/gif"), {QStringLiteral("com.compuserve.gif"), QStringLiteral("public.image")}},
-        {QStringLiteral("image/tiff"), {QStringLiteral("public.tiff"), QStringLiteral("public.image")}},
-        {QStringLiteral("audio/mpeg"), {QStringLiteral("public.mp3"), QStringLiteral("public.audio"), QStringLiteral("public.audiovisual-content")}},
-        {QStringLiteral("video/mp4"), {QStringLiteral("public.mpeg-4"), QStringLiteral("public.movie"), QStringLiteral("public.audiovisual-content")}},
-        {QStringLiteral("application/zip"), {QStringLiteral("public.zip-archive"), QStringLiteral("public.archive")}},
-        {QStringLiteral("application/gzip"), {QStringLiteral("org.gnu.gnu-zip-archive"), QStringLiteral("public.archive")}},
-        {QStringLiteral("application/x-executable"), {QStringLiteral("public.unix-executable"), QStringLiteral("public.executable")}},
-        {QStringLiteral("application/x-msdownload"), {QStringLiteral("com.microsoft.windows-executable"), QStringLiteral("public.executable")}},
-        {QStringLiteral("application/x-ms-dos-executable"), {QStringLiteral("com.microsoft.windows-executable"), QStringLiteral("public.executable")}},
-    };
+    static const QHash<QString, QStringList> types = [] {
+        // Each media type with its identifier and what that conforms to.
+        const char *table[][2] = {
+            {"text/plain", "public.plain-text public.text"},
+            {"text/html", "public.html public.text"},
+            {"application/xml", "public.xml public.text"},
+            {"text/x-csrc", "public.c-source public.source-code public.plain-text public.text"},
+            {"text/x-c++src", "public.c-plus-plus-source public.source-code public.plain-text public.text"},
+            {"application/x-shellscript", "public.shell-script public.script public.plain-text public.text"},
+            {"application/json", "public.json public.plain-text public.text"},
+            {"application/pdf", "com.adobe.pdf public.composite-content"},
+            {"image/jpeg", "public.jpeg public.image"},
+            {"image/png", "public.png public.image"},
+            {"image/gif", "com.compuserve.gif public.image"},
+            {"image/tiff", "public.tiff public.image"},
+            {"audio/mpeg", "public.mp3 public.audio public.audiovisual-content"},
+            {"video/mp4", "public.mpeg-4 public.movie public.audiovisual-content"},
+            {"application/zip", "public.zip-archive public.archive"},
+            {"application/gzip", "org.gnu.gnu-zip-archive public.archive"},
+            {"application/x-executable", "public.unix-executable public.executable"},
+            {"application/x-msdownload", "com.microsoft.windows-executable public.executable"},
+            {"application/x-ms-dos-executable", "com.microsoft.windows-executable public.executable"},
+        };
+        QHash<QString, QStringList> map;
+        for (const auto &[media, identifiers] : table)
+            map.insert(QString::fromLatin1(media), QString::fromLatin1(identifiers).split(QLatin1Char(' ')));
+        return map;
+    }();
     return types;
 }
 
@@ -59,9 +66,12 @@ QStringList ContentType::typeTreeForFile(const QString &path)
     }
     if (mime.inherits(QStringLiteral("text/plain")) && !tree.contains(QStringLiteral("public.plain-text")))
         tree << QStringLiteral("public.plain-text") << QStringLiteral("public.text");
-    if (tree.contains(QStringLiteral("public.text")) || tree.contains(QStringLiteral("public.image"))
-        || tree.contains(QStringLiteral("public.audiovisual-content")) || tree.contains(QStringLiteral("com.adobe.pdf")))
-        tree << QStringLiteral("public.content");
+    for (const char *content : {"public.text", "public.image", "public.audiovisual-content", "com.adobe.pdf"}) {
+        if (tree.contains(QLatin1String(content))) {
+            tree << QStringLiteral("public.content");
+            break;
+        }
+    }
     tree << QStringLiteral("public.data") << QStringLiteral("public.item");
     return tree;
 }

@@ -76,8 +76,9 @@ void QXQueryEvaluator::compileExpressions(const QXQueryNode &node)
     // where a lower-case letter meets an upper-case one; likewise it ends.
     static const QString wordStart = QStringLiteral("(?:^|(?<=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
     static const QString wordEnd = QStringLiteral("(?:$|(?=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
-    QRegularExpression regex(node.wordBased ? wordStart + QStringLiteral("(?:") + expression + QStringLiteral(")") + wordEnd
-                                            : QStringLiteral("\\A(?:") + expression + QStringLiteral(")\\z"),
+    const QString group = QStringLiteral("(?:") + expression + QStringLiteral(")");
+    QRegularExpression regex(node.wordBased ? wordStart + group + wordEnd
+                                            : QStringLiteral("\\A") + group + QStringLiteral("\\z"),
                              options);
     regex.optimize();
     _expressions.insert(&node, regex);

@@ -585,7 +585,8 @@ QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
         return {};
     }
     if (search.gaveUp())
-        SystemLog::log(QStringLiteral("saved search %1 gave up after %2 entries").arg(path).arg(_savedSearchEntryLimit));
+        SystemLog::log(
+            QStringLiteral("saved search %1 gave up after %2 entries").arg(path).arg(_savedSearchEntryLimit));
     console(Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(found.size())));
     return found;
 }

@@ -87,6 +87,8 @@ protected:
 TEST_F(QXFileCounterTest, CountsTheFilesAScanWouldVisit)
 {
     const QString tree = home.filePath("Tree");
+    const QXExclusionPredicate subfolderRule = QXExclusionPredicate::containing("/tree/sub");
+    const QXExclusionPredicate fileRule = QXExclusionPredicate::matching(".*/Tree/a");
     const QStringList four{home.filePath("Found/1"), home.filePath("Found/2"), home.filePath("Found/3"),
                            home.filePath("Found/4")};
     const struct
@@ -103,8 +105,8 @@ TEST_F(QXFileCounterTest, CountsTheFilesAScanWouldVisit)
         {"an empty folder", {home.filePath("Empty")}, {}, false, 0, {}},
         {"a folder tree, folders not counted", {tree}, {}, false, 6, {}},
         {"several paths add up", {home.filePath("single.txt"), tree, home.filePath("Empty")}, {}, false, 7, {}},
-        {"a predicate on a subfolder prunes it", {tree}, {QXExclusionPredicate::containing("/tree/sub")}, false, 4, "skipping Sub"},
-        {"a predicate on a file still counts it", {tree}, {QXExclusionPredicate::matching(".*/Tree/a")}, false, 6, "skipping a"},
+        {"a predicate on a subfolder prunes it", {tree}, {subfolderRule}, false, 4, "skipping Sub"},
+        {"a predicate on a file still counts it", {tree}, {fileRule}, false, 6, "skipping a"},
         {"quarantine on skips its folder", {tree}, {}, true, 5, "skipping " + tree + "/Held"},
         {"a saved search counts what it finds and itself", {"/x/Four.savedSearch"}, {}, false, 5, {}},
         {"a saved search finding a folder counts its files", {"/x/Tree.savedSearch"}, {}, false, 7, {}},
@@ -130,7 +132,8 @@ TEST_F(QXFileCounterTest, CountingTheRootVolumeSkipsTheFoldersOfItsPrefixes)
     // holds is counted; links and files count, folders do not.
     delegate.rootPrefixes.clear();
     int expected = 0;
-    const QFileInfoList top = QDir("/").entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    const QFileInfoList top
+        = QDir("/").entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     for (const QFileInfo &entry : top) {
         delegate.rootPrefixes << entry.absoluteFilePath();
         if (!entry.isDir() || entry.isSymLink())
@@ -181,15 +184,17 @@ TEST_F(QXFileCounterTest, CoordinatorReplacesARunningCountAndStopCancelsIt)
 
     utils.setScanning(true);
     utils.stop();
+    const QVariantList found{home.filePath("Found")};
     const QVariantMap search{{"RawQuery", R"(kMDItemFSName == "*")"},
-                             {"SearchCriteria", QVariantMap{{"CurrentFolderPath", QVariantList{home.filePath("Found")}}}}};
+                             {"SearchCriteria", QVariantMap{{"CurrentFolderPath", found}}}};
     QFile writer(pipe);
     ASSERT_TRUE(writer.open(QIODevice::WriteOnly));
     writer.write(PropertyList::toXml(search));
     writer.close();
     // Four found, the search itself, and of the cancelled tree only its first entry, a folder.
     ASSERT_TRUE(QTest::qWaitFor([&] { return owner.calls.filter("fileCounterReturned").size() == 2; }, 10000));
-    EXPECT_EQ(owner.calls.filter("fileCounterReturned"), (QStringList{"fileCounterReturned:1", "fileCounterReturned:5"}));
+    EXPECT_EQ(owner.calls.filter("fileCounterReturned"),
+              (QStringList{"fileCounterReturned:1", "fileCounterReturned:5"}));
     EXPECT_EQ(utils.theFileCounter(), nullptr);
 }
 

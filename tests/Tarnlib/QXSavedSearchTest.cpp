@@ -27,6 +27,12 @@ QByteArray binaryForm(const QByteArray &xml)
     return binary;
 }
 
+// The inner query and scope pair of a saved search.
+QVariantMap rawQueryDict(const char *query, const QVariant &scopes)
+{
+    return {{"RawQueryDict", QVariantMap{{"RawQuery", QString::fromUtf8(query)}, {"SearchScopes", scopes}}}};
+}
+
 QVariantMap joined(QVariantMap map, const QVariantMap &more)
 {
     map.insert(more);
@@ -63,7 +69,8 @@ protected:
 
     QString success(qsizetype count) const
     {
-        return "appendToConsole:" + Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(count));
+        return "appendToConsole:"
+            + Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(count));
     }
 
     FreshPreferences home;
@@ -74,7 +81,8 @@ protected:
 
 TEST_F(QXSavedSearchTest, QueryAndScopesAreReadFromEitherPlaceInEitherForm)
 {
-    const QVariantMap txtInDocs{{"RawQuery", R"(kMDItemFSName == "*.txt")"}, {"SearchScopes", QVariantList{home.filePath("Docs")}}};
+    const QVariantList docsScope{home.filePath("Docs")};
+    const QVariantMap txtInDocs = rawQueryDict(R"(kMDItemFSName == "*.txt")", docsScope).value("RawQueryDict").toMap();
     const QVariantMap pdfInHome{{"RawQuery", R"(kMDItemContentType == "com.adobe.pdf")"},
                                 {"SearchCriteria", QVariantMap{{"CurrentFolderPath", QVariantList{"~"}}}}};
     const QVariantMap noScopes{{"RawQuery", R"(kMDItemFSName == "*.txt")"}};
@@ -88,15 +96,15 @@ TEST_F(QXSavedSearchTest, QueryAndScopesAreReadFromEitherPlaceInEitherForm)
          {docs("a.txt"), docs("b.txt"), docs("Inner/d.txt")}},
         {"an inner pair without scopes gives way to the top-level pair",
          joined({{"RawQueryDict", noScopes}}, pdfInHome), {docs("c.pdf")}},
-        {"a home scope", QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", R"(kMDItemFSName == "e.txt")"}, {"SearchScopes", QVariantList{"kMDQueryScopeHome"}}}}},
+        {"a home scope", rawQueryDict(R"(kMDItemFSName == "e.txt")", QVariantList{"kMDQueryScopeHome"}),
          {home.filePath("Other/e.txt")}},
-        {"a query that finds nothing", QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", R"(kMDItemFSName == "zzz")"}, {"SearchScopes", QVariantList{home.filePath("Docs")}}}}},
-         {}},
+        {"a query that finds nothing", rawQueryDict(R"(kMDItemFSName == "zzz")", docsScope), {}},
     };
     for (const auto &row : rows) {
         for (const bool binary : {false, true}) {
             const QByteArray xml = PropertyList::toXml(row.contents);
-            const QString path = home.writeFile(QStringLiteral("Search%1.savedSearch").arg(binary), binary ? binaryForm(xml) : xml);
+            const QString path
+                = home.writeFile(QStringLiteral("Search%1.savedSearch").arg(binary), binary ? binaryForm(xml) : xml);
             delegate.calls.clear();
             EXPECT_EQ(expand(path), row.expected) << row.name << (binary ? " (binary)" : " (XML)");
             EXPECT_EQ(delegate.calls, QStringList{success(row.expected.size())}) << row.name;
@@ -112,13 +120,14 @@ TEST_F(QXSavedSearchTest, UnusableSavedSearchesFindNothingAndSayWhichOne)
         const char *name;
         QByteArray contents;
     } rows[] = {
-        {"no query at all", PropertyList::toXml(QVariantMap{{"SearchCriteria", QVariantMap{{"CurrentFolderPath", docsScope}}}})},
+        {"no query at all",
+         PropertyList::toXml(QVariantMap{{"SearchCriteria", QVariantMap{{"CurrentFolderPath", docsScope}}}})},
         {"a query without scopes", PropertyList::toXml(QVariantMap{{"RawQuery", "true"}})},
         {"not a dictionary", PropertyList::toXml(QVariantList{"RawQuery"})},
         {"not a property list", "RawQuery = true"},
-        {"an unclosed string", PropertyList::toXml(QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", R"(kMDItemFSName == "a)"}, {"SearchScopes", docsScope}}}})},
-        {"an unknown modifier", PropertyList::toXml(QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", R"(kMDItemFSName == "a"q)"}, {"SearchScopes", docsScope}}}})},
-        {"a dangling operator", PropertyList::toXml(QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", "kMDItemFSSize > 1 &&"}, {"SearchScopes", docsScope}}}})},
+        {"an unclosed string", PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "a)", docsScope))},
+        {"an unknown modifier", PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "a"q)", docsScope))},
+        {"a dangling operator", PropertyList::toXml(rawQueryDict("kMDItemFSSize > 1 &&", docsScope))},
     };
     for (const auto &row : rows) {
         const QString path = home.writeFile("Bad.savedSearch", row.contents);
@@ -133,8 +142,8 @@ TEST_F(QXSavedSearchTest, UnusableSavedSearchesFindNothingAndSayWhichOne)
 
 TEST_F(QXSavedSearchTest, WalksGiveUpAfterTheirBoundWithAMessage)
 {
-    const QByteArray everything = PropertyList::toXml(
-        QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", R"(kMDItemFSName == "*")"}, {"SearchScopes", QVariantList{"kMDQueryScopeComputer"}}}}});
+    const QByteArray everything
+        = PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "*")", QVariantList{"kMDQueryScopeComputer"}));
     const QString path = home.writeFile("All.savedSearch", everything);
     utils.setSavedSearchEntryLimit(50);
     const QStringList found = expand(path);
@@ -146,7 +155,7 @@ TEST_F(QXSavedSearchTest, WalksGiveUpAfterTheirBoundWithAMessage)
     // Within the bound nothing is said.
     utils.setSavedSearchEntryLimit(7);
     const QString docsOnly = home.writeFile(
-        "Docs.savedSearch", PropertyList::toXml(QVariantMap{{"RawQueryDict", QVariantMap{{"RawQuery", "true"}, {"SearchScopes", QVariantList{home.filePath("Docs")}}}}}));
+        "Docs.savedSearch", PropertyList::toXml(rawQueryDict("true", QVariantList{home.filePath("Docs")})));
     EXPECT_EQ(expand(docsOnly).size(), 5);
     EXPECT_FALSE(log.anyContains(docsOnly + " gave up"));
 }
