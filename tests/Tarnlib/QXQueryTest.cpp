@@ -19,6 +19,7 @@ protected:
         write("photo.JPG", QByteArray("\xFF\xD8\xFF\xE0\x00\x10JFIF\x00", 11) + QByteArray(1989, '\0'), {2026, 11, 22});
         write("Résumé.pdf", "%PDF-1.4\n%nothing\n", {2026, 11, 23});
         write("big.bin", QByteArray(5000, '\x01'), {2025, 1, 1});
+        write("notesForToday.txt", "x", {2026, 11, 1});
     }
 
     void write(const QString &name, const QByteArray &contents, QDate modified)
@@ -59,6 +60,9 @@ TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
         {R"(kMDItemDisplayName == "draft"w)", txt, false},
         {R"(kMDItemDisplayName == "raft"cw)", txt, false},
         {R"(kMDItemDisplayName == "dra*"cw)", txt, true},
+        {R"(kMDItemDisplayName == "for"cw)", "notesForToday.txt", true},
+        {R"(kMDItemDisplayName == "today"w)", "notesForToday.txt", false},
+        {R"(kMDItemDisplayName == "sfor"cw)", "notesForToday.txt", false},
         {R"(kMDItemDisplayName == "photo.?PG")", jpg, true},
         {R"(kMDItemDisplayName == "photo.\?PG")", jpg, false},
         {R"(kMDItemContentType == "public.jpeg")", jpg, true},
