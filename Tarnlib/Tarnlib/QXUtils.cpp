@@ -1,6 +1,8 @@
 #include "QXUtils.h"
 
 #include "QXEngineChecker.h"
+#include "QXFileCounter.h"
+#include "QXSavedSearch.h"
 #include "QXScanner.h"
 #include "QXUpdater.h"
 #include "QXUtilsDelegate.h"
@@ -14,6 +16,7 @@
 #include "platform/UserFolders.h"
 #include "platform/Workspace.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
@@ -168,6 +171,7 @@ QXUtils::QXUtils(QXUtilsDelegate *delegate, QObject *parent)
 QXUtils::QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engineCandidates, QObject *parent)
     : QObject(parent)
     , _delegate(delegate)
+    , _savedSearchEntryLimit(QXSavedSearch::defaultEntryLimit)
 {
     _useClamd = _delegate ? _delegate->useClamd() : true;
     registerDefaultsAndDomains();
@@ -190,6 +194,16 @@ QXUtils::QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engine
 
 QXUtils::~QXUtils()
 {
+    // A count may be waiting for the main thread to take its total.
+    _delegate = nullptr;
+    for (const std::weak_ptr<QXFileCounter> &weak : std::as_const(_fileCountersInFlight)) {
+        if (const std::shared_ptr<QXFileCounter> counter = weak.lock())
+            counter->cancel();
+    }
+    _theOperationQueue->clear();
+    while (!_theOperationQueue->waitForDone(10))
+        QCoreApplication::sendPostedEvents(this);
+
     // A worker that ends its thread delivers what is on its way to the main
     // thread, and no report may reach a delegate that is going away.
     for (QXWorkerThread *worker : std::initializer_list<QXWorkerThread *>{_theScanner, _theUpdater, _theChecker}) {
@@ -352,6 +366,23 @@ void QXUtils::scanFiles(const QStringList &paths)
     scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
 }
 
+void QXUtils::countFiles(const QStringList &paths)
+{
+    auto counter = std::make_shared<QXFileCounter>(this, this);
+    counter->setThePathsToScan(paths);
+    _theFileCounter = counter;
+    _fileCountersInFlight.removeIf([](const std::weak_ptr<QXFileCounter> &weak) { return weak.expired(); });
+    _fileCountersInFlight << counter;
+    _theOperationQueue->start([counter] { counter->start(); });
+}
+
+void QXUtils::fileCounterReturned(qint64 count)
+{
+    if (_delegate)
+        _delegate->fileCounterReturned(count);
+    _theFileCounter.reset();
+}
+
 void QXUtils::pauseResume()
 {
     if (_theScanner)
@@ -365,6 +396,10 @@ void QXUtils::stop()
         if (_theScanner)
             _theScanner->stop();
         _theOperationQueue->clear();
+        for (const std::weak_ptr<QXFileCounter> &weak : std::as_const(_fileCountersInFlight)) {
+            if (const std::shared_ptr<QXFileCounter> counter = weak.lock())
+                counter->cancel();
+        }
         _paused = false;
     } else if (_updating) {
         if (_theUpdater)
@@ -689,9 +724,22 @@ void QXUtils::infectionFound(const QString &line)
 
 QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
 {
-    Q_UNUSED(path);
-    // Saved searches are not expanded yet: the file itself is still scanned.
-    return {};
+    // Runs on a worker's thread; the console text goes to the main thread.
+    const auto console = [this](const QString &text) {
+        QMetaObject::invokeMethod(this, [this, text] { appendToConsole(text); }, Qt::QueuedConnection);
+    };
+    QXSavedSearch search(path);
+    const QStringList found = search.expand(_savedSearchEntryLimit);
+    if (!search.problem().isEmpty()) {
+        SystemLog::log(QStringLiteral("saved search: %1").arg(search.problem()));
+        console(Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName()));
+        return {};
+    }
+    if (search.gaveUp())
+        SystemLog::log(
+            QStringLiteral("saved search %1 gave up after %2 entries").arg(path).arg(_savedSearchEntryLimit));
+    console(Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(found.size())));
+    return found;
 }
 
 void QXUtils::updateStarted()

@@ -2,6 +2,7 @@
 
 #include "QXEngineCheckerDelegate.h"
 #include "QXExclusionPredicate.h"
+#include "QXFileCounterDelegate.h"
 #include "QXScannerDelegate.h"
 #include "QXUpdaterDelegate.h"
 
@@ -16,6 +17,8 @@
 #include <QVariant>
 #include <QVariantMap>
 
+#include <memory>
+
 class QThreadPool;
 class QXEngineChecker;
 class QXFileCounter;
@@ -27,7 +30,11 @@ class UserDefaultsController;
 // The one settings-and-policy object: preference access over the built-in
 // defaults, engine and log locations, scan policy, and the coordinator of
 // the engine workers, whose reports it relays to its delegate.
-class QXUtils : public QObject, public QXScannerDelegate, public QXEngineCheckerDelegate, public QXUpdaterDelegate
+class QXUtils : public QObject,
+                public QXScannerDelegate,
+                public QXEngineCheckerDelegate,
+                public QXUpdaterDelegate,
+                public QXFileCounterDelegate
 {
     Q_OBJECT
 public:
@@ -57,6 +64,7 @@ public:
     void checkEngine();
     void updateDefs();
     void scanFiles(const QStringList &paths);
+    void countFiles(const QStringList &paths);
     void pauseResume();
     void stop();
     void determineQuarantineSettings();
@@ -84,6 +92,9 @@ public:
     void appendToConsole(const QString &text) override;
     void infectionFound(const QString &line) override;
     QStringList obtainFilesForSavedSearchAtPath(const QString &path) override;
+
+    // Report of the file counter.
+    void fileCounterReturned(qint64 count) override;
 
     // Reports of the updater.
     void updateStarted() override;
@@ -129,7 +140,7 @@ public:
     bool useClamd() const override { return _useClamd; }
     bool quarantineFiles() const override { return _quarantineFiles; }
     QStringList exclusionStrings() const override { return _exclusionStrings; }
-    QList<QXExclusionPredicate> counterExcludes() const { return _counterExcludes; }
+    QList<QXExclusionPredicate> counterExcludes() const override { return _counterExcludes; }
     QStringList exclusionStringsForRootVolScan() const override { return _exclusionStringsForRootVolScan; }
     bool scanning() const { return _scanning; }
     void setScanning(bool flag) { _scanning = flag; }
@@ -140,6 +151,10 @@ public:
     QString engineShortVersionString() const override;
     void setEngineShortVersionString(const QString &version) override;
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }
+    QXFileCounter *theFileCounter() const { return _theFileCounter.get(); }
+    // How many entries a saved search looks at before it gives up.
+    qsizetype savedSearchEntryLimit() const { return _savedSearchEntryLimit; }
+    void setSavedSearchEntryLimit(qsizetype limit) { _savedSearchEntryLimit = limit; }
     QXScanner *theScanner() const { return _theScanner; }
     QXEngineChecker *theChecker() const { return _theChecker; }
     QXUpdater *theUpdater() const { return _theUpdater; }
@@ -197,7 +212,10 @@ private:
     // Guards the three values the engine checker sets from its thread.
     mutable QMutex _checkerLock;
     QThreadPool *_theOperationQueue = nullptr;
-    QXFileCounter *_theFileCounter = nullptr;
+    std::shared_ptr<QXFileCounter> _theFileCounter;
+    // Every count not yet finished, replaced ones too, so that stop reaches them.
+    QList<std::weak_ptr<QXFileCounter>> _fileCountersInFlight;
+    qsizetype _savedSearchEntryLimit;
     QXUpdater *_theUpdater = nullptr;
     QXEngineChecker *_theChecker = nullptr;
     QXScanner *_theScanner = nullptr;

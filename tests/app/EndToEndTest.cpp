@@ -2,6 +2,7 @@
 
 #include "app/Dispatcher.h"
 #include "events/SCEvents.h"
+#include "platform/PropertyList.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FakeNotificationService.h"
 #include "ui/InfectedItemsWindow.h"
@@ -210,6 +211,22 @@ TEST_F(EndToEndTest, AFolderUnpackedAtOnceIsNotifiedOncePerInfectedFile)
     ASSERT_TRUE(QTest::qWaitFor([&] { return shown("after.com") == 1; }, 30000));
     for (int i = 0; i < count; ++i)
         EXPECT_EQ(shown(QStringLiteral("sample-%1.com").arg(i)), 1) << i;
+}
+
+TEST_F(EndToEndTest, SavedSearchPlacedInAWatchedFolderHasTheFilesItFindsScanned)
+{
+    // The search looks outside the watched folder, so only the search can bring these files to a scan.
+    const QString found = home.writeFile("Elsewhere/found.com", EngineFixture::eicarContents());
+    const QString ignored = home.writeFile("Elsewhere/ignored.txt", EngineFixture::eicarContents());
+    const QVariantMap search{
+        {QStringLiteral("RawQueryDict"),
+         QVariantMap{{QStringLiteral("RawQuery"), QStringLiteral(R"((kMDItemFSName == "*.com"c) && (true))")},
+                     {QStringLiteral("SearchScopes"), QVariantList{home.filePath("Elsewhere")}}}}};
+    write("Infected.savedSearch", PropertyList::toXml(search));
+
+    ASSERT_TRUE(waitUntilListed(found));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_FALSE(listedPaths().contains(ignored));
 }
 
 } // namespace
