@@ -157,6 +157,10 @@ struct InstalledPrefix
 {
     InstalledPrefix()
     {
+        // Laid out by root, the prefix is shared and its daemon runs as the
+        // engine account, which must be able to reach it.
+        QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
         QProcess install;
         install.setProcessChannelMode(QProcess::MergedChannels);
         install.start(EngineFixture::installScriptPath(), {enginePath()});
