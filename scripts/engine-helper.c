@@ -43,13 +43,22 @@ static void die(int status, const char *format, ...)
 
 /* A configuration anyone but root could edit would let them choose what the
  * daemon or updater does with the engine account's rights. */
-static void require_root_owned(const char *path)
+static void require_root_owned(const char *path, int want_folder)
 {
     struct stat st;
     if (lstat(path, &st) != 0)
         die(STATUS_FAILED, "%s: %s", path, strerror(errno));
-    if (!S_ISREG(st.st_mode) || st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)))
-        die(STATUS_FAILED, "%s must be a file only root can change", path);
+    if ((want_folder ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) || st.st_uid != 0
+        || (st.st_mode & (S_IWGRP | S_IWOTH)))
+        die(STATUS_FAILED, "%s must be a %s only root can change", path, want_folder ? "folder" : "file");
+}
+
+/* The folders above it too, or the file could be swapped for another. */
+static void require_root_owned_config(const char *path)
+{
+    require_root_owned(KORVANE_PREFIX, 1);
+    require_root_owned(KORVANE_PREFIX "/etc", 1);
+    require_root_owned(path, 0);
 }
 
 /* The daemon serves every user, so it keeps none of the caller's identity,
@@ -152,13 +161,13 @@ int main(int argc, char **argv)
     if (strcmp(argv[1], "clamd") == 0) {
         if (argc != 2)
             die(STATUS_BAD_OPTION, "the shared daemon takes no options");
-        require_root_owned(CLAMD_CONF);
+        require_root_owned_config(CLAMD_CONF);
         become_engine_account(0);
         execl("/usr/sbin/clamd", "/usr/sbin/clamd", "--config-file=" CLAMD_CONF, (char *)NULL);
         die(STATUS_FAILED, "/usr/sbin/clamd: %s", strerror(errno));
     }
     if (strcmp(argv[1], "freshclam") == 0) {
-        require_root_owned(FRESHCLAM_CONF);
+        require_root_owned_config(FRESHCLAM_CONF);
         become_engine_account(1);
         return run_update(argv + 2, argc - 2);
     }
