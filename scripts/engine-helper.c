@@ -19,13 +19,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #define CLAMD_CONF KORVANE_PREFIX "/etc/clamd.conf"
 #define FRESHCLAM_CONF KORVANE_PREFIX "/etc/freshclam.conf"
 #define DB_DIR KORVANE_PREFIX "/share/clamav"
+#define SOCKET KORVANE_PREFIX "/run/clamd.sock"
 
 /* What freshclam itself exits with for an option it does not know. */
 enum { STATUS_BAD_OPTION = 2, STATUS_FAILED = 62 };
@@ -79,6 +82,22 @@ static void become_engine_account(int keep_caller_as_real_uid)
         die(STATUS_FAILED, "cannot become %s: %s", KORVANE_ACCOUNT, strerror(errno));
     if (geteuid() != uid || getegid() != gid || (real != uid && setuid(0) == 0))
         die(STATUS_FAILED, "could not drop privileges");
+}
+
+/* A second daemon would fail on the socket, but only after it has written
+ * its pid over that of the one that runs. */
+static int daemon_answers(void)
+{
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    if (strlen(SOCKET) >= sizeof address.sun_path)
+        return 0;
+    strcpy(address.sun_path, SOCKET);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return 0;
+    const int answers = connect(fd, (const struct sockaddr *)&address, sizeof address) == 0;
+    close(fd);
+    return answers;
 }
 
 static int allowed_update_option(const char *option)
@@ -163,6 +182,10 @@ int main(int argc, char **argv)
             die(STATUS_BAD_OPTION, "the shared daemon takes no options");
         require_root_owned_config(CLAMD_CONF);
         become_engine_account(0);
+        if (daemon_answers()) {
+            fprintf(stderr, "engine-helper: the shared daemon already listens on %s\n", SOCKET);
+            return 0;
+        }
         execl("/usr/sbin/clamd", "/usr/sbin/clamd", "--config-file=" CLAMD_CONF, (char *)NULL);
         die(STATUS_FAILED, "/usr/sbin/clamd: %s", strerror(errno));
     }

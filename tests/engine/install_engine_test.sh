@@ -311,7 +311,27 @@ else
     check "and writes the log only clamav may write" test "$(wc -l < "$log")" -gt "$before"
     expect_eq "which stays clamav's" "clamav 644" "$(stat -c '%U %a' "$log")"
 
+    # A second start while the daemon runs finds it and leaves it be.
+    as "$user_b" timeout 60 "$prefix/sbin/clamd" > /dev/null 2>&1
+    expect_eq "a second start finds the daemon listening" 0 "$?"
+    expect_eq "and leaves it running under its pid" "$pid" "$(cat "$prefix/run/clamd.pid" 2>/dev/null)"
+    expect_eq "which still answers" "$tmp/home b/clean.txt: OK" \
+        "$(as "$user_b" "$prefix/bin/clamdscan" --no-summary "$tmp/home b/clean.txt" 2>&1)"
     stop_daemon "$prefix/run/clamd.pid"
+
+    # A configuration others could change would let them steer the helper.
+    chmod 666 "$prefix/etc/clamd.conf"
+    out=$(as "$user_a" timeout 60 "$prefix/sbin/clamd" 2>&1)
+    check "the helper refuses a configuration others may change" test $? -ne 0
+    expect_match "and says so" 'only root can change' "$out"
+    chmod 644 "$prefix/etc/clamd.conf"
+    stop_daemon "$prefix/run/clamd.pid"
+
+    # What a user left in the world-writable folder of the earlier layout goes.
+    install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"
+    "$installer" "$prefix" > /dev/null 2>&1
+    check "reinstalling removes definitions an ordinary user wrote" test ! -e "$db/planted.ndb"
+    check "and keeps ours" test -s "$db/daily.cud"
 fi
 remove_accounts
 
