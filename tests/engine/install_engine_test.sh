@@ -310,6 +310,13 @@ else
     expect_match "RunFreshclam runs for an ordinary user" '^ClamAV update process started' "$(head -n1 "$tmp/update")"
     check "and writes the log only clamav may write" test "$(wc -l < "$log")" -gt "$before"
     expect_eq "which stays clamav's" "clamav 644" "$(stat -c '%U %a' "$log")"
+    # The agent stops an update that hangs: the user who ran it may end it,
+    # and freshclam goes with it.
+    out=$(as "$user_b" bash -c '"$0" --stdout > /dev/null 2>&1 & p=$!; sleep 1
+        child=$(ps -o pid= --ppid "$p" | xargs); kill -TERM "$p"; wait "$p"; echo "$? ${child:-none}"' \
+        "$prefix/bin/RunFreshclam")
+    expect_eq "the user who runs an update may stop it" 143 "${out% *}"
+    check "and freshclam ends with it" test -n "${out#* }" -a "${out#* }" != none -a ! -e "/proc/${out#* }"
 
     # A second start while the daemon runs finds it and leaves it be.
     as "$user_b" timeout 60 "$prefix/sbin/clamd" > /dev/null 2>&1
