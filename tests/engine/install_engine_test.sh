@@ -336,9 +336,11 @@ else
 
     # What a user left in the world-writable folder of the earlier layout goes.
     install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"
+    chown "$user_a" "$db/freshclam.log"
     "$installer" "$prefix" > /dev/null 2>&1
     check "reinstalling removes definitions an ordinary user wrote" test ! -e "$db/planted.ndb"
     check "and keeps ours" test -s "$db/daily.cud"
+    expect_eq "with a fresh log of clamav's" "clamav 644" "$(stat -c '%U %a' "$db/freshclam.log")"
 fi
 remove_accounts
 
