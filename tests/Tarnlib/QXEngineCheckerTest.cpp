@@ -157,6 +157,10 @@ struct InstalledPrefix
 {
     InstalledPrefix()
     {
+        // Laid out by root, the prefix is shared and its daemon runs as the
+        // engine account, which must be able to reach it.
+        QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
         QProcess install;
         install.setProcessChannelMode(QProcess::MergedChannels);
         install.start(EngineFixture::installScriptPath(), {enginePath()});
@@ -340,6 +344,30 @@ TEST(QXEngineCheckerTest, ClamdRunningSeesAnyProgramWhosePathContainsClamd)
     sleeper.kill();
     ASSERT_TRUE(sleeper.waitForFinished());
     EXPECT_FALSE(ProcessList::executablePaths().contains(canonical));
+}
+
+// A shared daemon runs as the engine account; another user's agent must still
+// see it running, or it would start a second one that cannot take the socket.
+TEST(QXEngineCheckerTest, ClamdRunningSeesADaemonOfAnotherUser)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can look at the process list as another user here";
+    QTemporaryDir dir;
+    const QString fake = QFileInfo(dir.filePath("clamd")).absoluteFilePath();
+    ASSERT_TRUE(QFile::copy("/bin/sleep", fake));
+    QFile::setPermissions(fake, QFile::ReadOwner | QFile::ExeOwner);
+    QProcess daemon;
+    daemon.start(fake, {"60"});
+    ASSERT_TRUE(daemon.waitForStarted());
+
+    QProcess other;
+    other.start("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups",
+                            KORVANE_BINARY_DIR "/bin/list_programs"});
+    ASSERT_TRUE(other.waitForFinished(30000)) << other.errorString().toStdString();
+    const QStringList seen = QString::fromLocal8Bit(other.readAllStandardOutput()).split('\n');
+    EXPECT_TRUE(seen.contains(fake)) << other.readAllStandardError().toStdString();
+    daemon.kill();
+    daemon.waitForFinished();
 }
 
 TEST(QXEngineCheckerTest, RealEngineIsFoundItsDaemonStartsAgainAfterQuitButNotWithoutDefinitions)

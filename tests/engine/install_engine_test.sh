@@ -24,6 +24,8 @@ expect_match() { # name regex actual
 }
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kv engine.XXXXXX")
+# A shared prefix's daemon runs as the engine account, which must reach it.
+chmod 755 "$tmp"
 prefix="$tmp/engine prefix"
 empty="$tmp/empty prefix"
 daemon_pids=()
@@ -71,16 +73,30 @@ for f in bin/clamscan bin/clamdscan bin/RunFreshclam sbin/clamd; do
     [[ -x $prefix/$f ]] || missing+=("$f")
 done
 expect_eq "wrappers are executable" "" "${missing[*]}"
-expect_eq "run/ is sticky and world-writable" 1777 "$(stat -c %a "$prefix/run")"
-expect_eq "share/clamav is writable by every user" 777 "$(stat -c %a "$prefix/share/clamav")"
-expect_eq "freshclam.log is writable by every user" 666 "$(stat -c %a "$prefix/share/clamav/freshclam.log")"
+conf=$(<"$prefix/etc/clamd.conf")
+db=$prefix/share/clamav
+if (( EUID == 0 )); then
+    # Shared: only the engine account writes definitions or makes the socket.
+    expect_eq "share/clamav belongs to clamav and only it may write there" "clamav 755" "$(stat -c '%U %a' "$db")"
+    expect_eq "definitions belong to clamav and only it may change them" "" \
+        "$(find "$db" -mindepth 1 \( ! -user clamav -o -perm /022 \) -printf '%P %u %m\n')"
+    expect_eq "run/ belongs to clamav and only it may make the socket" "clamav 755" "$(stat -c '%U %a' "$prefix/run")"
+    expect_eq "bin, sbin, etc and libexec are root's alone" "" \
+        "$(find "$prefix/bin" "$prefix/sbin" "$prefix/etc" "$prefix/libexec" \( ! -user root -o -perm /022 \) -printf '%p %u %m\n')"
+    expect_eq "the helper is setuid root" "root 4755" "$(stat -c '%U %a' "$prefix/libexec/engine-helper")"
+    expect_match "clamd.conf runs the daemon as clamav" $'(^|\n)User clamav\n' "$conf"
+    expect_match "every user may connect to the shared daemon" $'(^|\n)LocalSocketMode 666\n' "$conf"
+else
+    expect_eq "share/clamav is the owner's alone" 755 "$(stat -c %a "$db")"
+    if [[ $conf =~ (^|$'\n')User[[:space:]] ]]; then fail "clamd.conf has no User line"; else pass "clamd.conf has no User line"; fi
+    expect_match "only the owner may connect to a private daemon" $'(^|\n)LocalSocketMode 600\n' "$conf"
+fi
+expect_match "the client hands the daemon open files" ' --fdpass ' "$(<"$prefix/bin/clamdscan")"
 expect_eq "only our daily.cud holds definitions" "daily.cud freshclam.log" \
     "$(cd "$prefix/share/clamav" && echo *)"
-conf=$(<"$prefix/etc/clamd.conf")
 expect_match "clamd.conf socket under the prefix" $'(^|\n)LocalSocket '"$prefix/run/clamd.sock"$'\n' "$conf"
 expect_match "clamd.conf PID file under the prefix" $'(^|\n)PidFile '"$prefix/run/clamd.pid"$'\n' "$conf"
 expect_match "clamd.conf detaches" $'(^|\n)Foreground no\n' "$conf"
-if [[ $conf =~ (^|$'\n')User[[:space:]] ]]; then fail "clamd.conf has no User line"; else pass "clamd.conf has no User line"; fi
 expect_match "freshclam.conf database folder" \
     $'(^|\n)DatabaseDirectory '"$prefix/share/clamav"$'\n' "$(<"$prefix/etc/freshclam.conf")"
 
@@ -194,6 +210,139 @@ expect_eq "clamscan wrapper uses the same definitions" "$home/eicar.com: Korvane
 stop_daemon "$prefix/run/clamd.pid"
 if [[ -n $pid ]] && kill -0 "$pid" 2>/dev/null; then fail "daemon stops"; else pass "daemon stops"; fi
 check "socket removed on stop" test ! -e "$prefix/run/clamd.sock"
+
+# --- several users ---------------------------------------------------------
+
+# Two throw-away accounts, each with a home only it may enter, share the
+# prefix root laid out: both get scans at once, neither learns of the other's
+# files through the daemon, and neither can touch the definitions.
+accounts=()
+remove_accounts() {
+    local name
+    for name in "${accounts[@]}"; do
+        userdel "$name" 2>/dev/null
+        getent group "$name" > /dev/null && groupdel "$name" 2>/dev/null
+    done
+    accounts=()
+}
+trap 'remove_accounts; cleanup' EXIT
+make_account() { # name home
+    useradd --no-create-home --home-dir "$2" --shell /usr/sbin/nologin --user-group "$1" > /dev/null 2>&1 || return 1
+    accounts+=("$1")
+    install -d -m 700 -o "$1" -g "$1" "$2"
+}
+as() { # name command...
+    local name=$1; shift
+    (cd / && setpriv --reuid="$name" --regid="$name" --init-groups "$@")
+}
+
+user_a=kvtest-a-$$ user_b=kvtest-b-$$
+if (( EUID != 0 )) || ! command -v useradd > /dev/null; then
+    echo "skip several users: only root can make throw-away accounts here"
+elif ! make_account "$user_a" "$tmp/home a" || ! make_account "$user_b" "$tmp/home b"; then
+    echo "skip several users: useradd could not make throw-away accounts"
+else
+    cp "$db/daily.cud" "$tmp/before-users.cud"
+    for who in a b; do
+        name=user_$who
+        printf 'private to %s %s\n' "${!name}" "$marker" > "$tmp/home $who/marker.txt"
+        printf 'clean\n' > "$tmp/home $who/clean.txt"
+        chown "${!name}:${!name}" "$tmp/home $who/"*
+        chmod 600 "$tmp/home $who/"*
+    done
+
+    # A's agent finds no daemon and starts one; it must not run as A.
+    if out=$(as "$user_a" timeout 60 "$prefix/sbin/clamd" 2>&1); then pass "an ordinary user starts the shared daemon"
+    else fail "an ordinary user starts the shared daemon" "$out"; fi
+    pid=$(cat "$prefix/run/clamd.pid" 2>/dev/null)
+    [[ -n $pid ]] && daemon_pids+=("$pid")
+    expect_eq "the daemon runs as clamav, not as the user who started it" "clamav clamav" \
+        "$(ps -o ruser=,euser= -p "${pid:-0}" | xargs)"
+    expect_eq "it keeps none of that user's groups" "" \
+        "$(awk '/^Groups:/ { for (i = 2; i <= NF; i++) if ($i == g) print $i }' g="$(id -g "$user_a")" "/proc/${pid:-0}/status" 2>/dev/null)"
+
+    # Both scan at once through the one daemon, each its own files.
+    for who in a b; do
+        name=user_$who
+        as "${!name}" "$prefix/bin/clamdscan" --no-summary "$tmp/home $who/marker.txt" "$tmp/home $who/clean.txt" \
+            > "$tmp/scan-$who" 2>&1 &
+    done
+    wait
+    for who in a b; do
+        expect_eq "user $who's scan runs alongside the other's" \
+            "$tmp/home $who/marker.txt: Korvane.Test.Marker.UNOFFICIAL FOUND"$'\n'"$tmp/home $who/clean.txt: OK" \
+            "$(<"$tmp/scan-$who")"
+    done
+
+    # B asks about A's file: through the prefix's client, by path straight to
+    # the daemon, and streamed. None may say what the file holds.
+    tells_b_nothing() { # how client...
+        local how=$1 out; shift
+        out=$(as "$user_b" "$@" --no-summary "$tmp/home a/marker.txt" 2>&1)
+        if [[ $out == *FOUND* || $out == *": OK"* ]]; then fail "the daemon tells B nothing of A's file $how" "$out"
+        else pass "the daemon tells B nothing of A's file $how"; fi
+    }
+    tells_b_nothing "through the prefix's client" "$prefix/bin/clamdscan"
+    tells_b_nothing "named by path" /usr/bin/clamdscan --config-file="$prefix/etc/clamd.conf"
+    tells_b_nothing "streamed" /usr/bin/clamdscan --stream --config-file="$prefix/etc/clamd.conf"
+
+    # Nobody but the engine account may change definitions or the socket.
+    cannot() { # what command...
+        local what=$1; shift
+        if as "$user_a" "$@" 2> /dev/null; then fail "an ordinary user cannot $what"
+        else pass "an ordinary user cannot $what"; fi
+    }
+    cannot "add a signature file" touch "$db/planted.ndb"
+    cannot "empty the definitions" cp /dev/null "$db/daily.cud"
+    cannot "remove the definitions" rm "$db/daily.cud"
+    cannot "remove the daemon's socket" rm "$prefix/run/clamd.sock"
+    cannot "put anything where the socket lives" touch "$prefix/run/clamd.sock.new"
+    check "the definitions are still in place" cmp -s "$db/daily.cud" "$tmp/before-users.cud"
+
+    # Updates go through the helper, as clamav; what it will not pass on is
+    # refused with a reason.
+    out=$(as "$user_b" "$prefix/bin/RunFreshclam" --datadir="$tmp/home b" 2>&1)
+    expect_eq "RunFreshclam refuses another definitions folder" 2 "$?"
+    expect_match "and says why" 'not allowed.*--datadir' "$out"
+    log="$db/freshclam.log"
+    before=$(wc -l < "$log")
+    as "$user_b" timeout 120 "$prefix/bin/RunFreshclam" --stdout --log="$log" > "$tmp/update" 2>&1
+    expect_match "RunFreshclam runs for an ordinary user" '^ClamAV update process started' "$(head -n1 "$tmp/update")"
+    check "and writes the log only clamav may write" test "$(wc -l < "$log")" -gt "$before"
+    expect_eq "which stays clamav's" "clamav 644" "$(stat -c '%U %a' "$log")"
+    # The agent stops an update that hangs: the user who ran it may end it,
+    # and freshclam goes with it.
+    out=$(as "$user_b" bash -c '"$0" --stdout > /dev/null 2>&1 & p=$!; sleep 1
+        child=$(ps -o pid= --ppid "$p" | xargs); kill -TERM "$p"; wait "$p"; echo "$? ${child:-none}"' \
+        "$prefix/bin/RunFreshclam")
+    expect_eq "the user who runs an update may stop it" 143 "${out% *}"
+    check "and freshclam ends with it" test -n "${out#* }" -a "${out#* }" != none -a ! -e "/proc/${out#* }"
+
+    # A second start while the daemon runs finds it and leaves it be.
+    as "$user_b" timeout 60 "$prefix/sbin/clamd" > /dev/null 2>&1
+    expect_eq "a second start finds the daemon listening" 0 "$?"
+    expect_eq "and leaves it running under its pid" "$pid" "$(cat "$prefix/run/clamd.pid" 2>/dev/null)"
+    expect_eq "which still answers" "$tmp/home b/clean.txt: OK" \
+        "$(as "$user_b" "$prefix/bin/clamdscan" --no-summary "$tmp/home b/clean.txt" 2>&1)"
+    stop_daemon "$prefix/run/clamd.pid"
+
+    # A configuration others could change would let them steer the helper.
+    chmod 666 "$prefix/etc/clamd.conf"
+    out=$(as "$user_a" timeout 60 "$prefix/sbin/clamd" 2>&1)
+    check "the helper refuses a configuration others may change" test $? -ne 0
+    expect_match "and says so" 'only root can change' "$out"
+    chmod 644 "$prefix/etc/clamd.conf"
+    stop_daemon "$prefix/run/clamd.pid"
+
+    # What a user left in the world-writable folder of the earlier layout goes.
+    install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"
+    chown "$user_a" "$db/freshclam.log"
+    "$installer" "$prefix" > /dev/null 2>&1
+    check "reinstalling removes definitions an ordinary user wrote" test ! -e "$db/planted.ndb"
+    check "and keeps ours" test -s "$db/daily.cud"
+    expect_eq "with a fresh log of clamav's" "clamav 644" "$(stat -c '%U %a' "$db/freshclam.log")"
+fi
+remove_accounts
 
 echo "$passed passed, $failed failed"
 (( failed == 0 ))

@@ -62,6 +62,10 @@ EngineFixture::EngineFixture(Layout layout)
         _error = QStringLiteral("no temporary folder: ") + _dir.errorString();
         return;
     }
+    // Laid out by root, the prefix is shared and its daemon runs as the
+    // engine account, which must be able to reach it.
+    QFile::setPermissions(_dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                              | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
     if (socketPath().toUtf8().size() > maxSocketPathLength) {
         _error = QStringLiteral("socket path too long: ") + socketPath();
         return;
