@@ -3,6 +3,7 @@
 #include "Dispatcher.h"
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
+#include "platform/AppcastUpdater.h"
 #include "platform/ApplicationHost.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -60,6 +61,8 @@ const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
 constexpr int companionWaitSeconds = 30;
 QString relaunchTool;
 QString scanProgram = QStringLiteral("clamdscan");
+int updateCheckMs = 10000;
+const QUrl companionUpdateURL(QStringLiteral("Korvane://update"));
 
 } // namespace
 
@@ -177,8 +180,51 @@ void KorvaneVarden_AppDelegate::continueStartup()
     } else {
         _readyToScan = true;
     }
-    // The companion's update check is armed here once it exists.
+
+    if (!_theSparkleUpdater)
+        _theSparkleUpdater = AppcastUpdater::updaterForBundle(this);
+    if (_utils->readPreferenceForKey(QStringLiteral("SUEnableAutomaticChecks")).toBool())
+        scheduleUpdateChecks();
+    else
+        SystemLog::log(QStringLiteral("not allowed to check"));
+    _theSparkleUpdater->setDelegate(this);
 }
+
+int KorvaneVarden_AppDelegate::updateCheckInterval() { return updateCheckMs; }
+void KorvaneVarden_AppDelegate::setUpdateCheckInterval(int ms) { updateCheckMs = ms; }
+
+// Each run of continueStartup arms the checks anew; the earlier timer goes,
+// so that checks never pile up.
+void KorvaneVarden_AppDelegate::scheduleUpdateChecks()
+{
+    delete _korvaneUpdateTimer;
+    _korvaneUpdateTimer = new QTimer(this);
+    _korvaneUpdateTimer->setInterval(updateCheckMs);
+    connect(_korvaneUpdateTimer, &QTimer::timeout, this, [this] { checkForKorvaneUpdate(_korvaneUpdateTimer); });
+    _korvaneUpdateTimer->start();
+}
+
+void KorvaneVarden_AppDelegate::checkForKorvaneUpdate(QObject *)
+{
+    _theSparkleUpdater->checkForUpdateInformation();
+}
+
+void KorvaneVarden_AppDelegate::updaterDidFindValidUpdate(AppcastUpdater *, const AppcastItem &)
+{
+    // A check that was under way when the question came up must not ask again.
+    if (!_korvaneUpdateTimer)
+        return;
+    delete _korvaneUpdateTimer;
+    _korvaneUpdateTimer = nullptr;
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {Localization::text("KORVANE_UPDATE_AVAILABLE_TITLE"), Localization::text("YES"), Localization::text("NO"),
+         QString(), Localization::text("KORVANE_UPDATE_AVAILABLE_MESSAGE")});
+    if (answer == AlertPresenter::DefaultReturn)
+        Workspace::sharedWorkspace()->openURL(companionUpdateURL);
+    scheduleUpdateChecks();
+}
+
+void KorvaneVarden_AppDelegate::updaterDidNotFindUpdate(AppcastUpdater *) {}
 
 void KorvaneVarden_AppDelegate::applicationWillTerminate()
 {

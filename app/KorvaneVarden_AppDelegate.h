@@ -2,6 +2,7 @@
 
 #include "DispatcherDelegate.h"
 #include "events/SCEventListenerProtocol.h"
+#include "platform/AppcastUpdaterDelegate.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
 #include "ui/EnablingRules.h"
@@ -17,6 +18,7 @@
 #include <functional>
 #include <memory>
 
+class AppcastUpdater;
 class Dispatcher;
 class EngineStatusReactions;
 class InfectedFileActions;
@@ -44,7 +46,8 @@ class KorvaneVarden_AppDelegate : public QObject,
                                   public QXUtilsDelegate,
                                   public EngineStatusReactionsDelegate,
                                   public EnablingRulesDelegate,
-                                  public SCEventListenerProtocol
+                                  public SCEventListenerProtocol,
+                                  public AppcastUpdaterDelegate
 {
     Q_OBJECT
 public:
@@ -103,6 +106,16 @@ public:
     void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *event) override;
     void addToWaitingList(const QString &path);
     void rotateLogFile();
+
+    // The companion's update check.
+    void checkForKorvaneUpdate(QObject *sender);
+    void updaterDidFindValidUpdate(AppcastUpdater *updater, const AppcastItem &update) override;
+    void updaterDidNotFindUpdate(AppcastUpdater *updater) override;
+    AppcastUpdater *theSparkleUpdater() const { return _theSparkleUpdater; }
+    QTimer *korvaneUpdateTimer() const { return _korvaneUpdateTimer; }
+    // Ten seconds; tests check more often.
+    static int updateCheckInterval();
+    static void setUpdateCheckInterval(int ms);
     // Opens the watched folder named by the menu item's title.
     void openFolder(QAction *sender);
     // Brings up the companion's preferences; then, once it has asked or
@@ -210,6 +223,7 @@ private:
     void stopObserving();
     void validateMenu(QMenu *menu);
     void validateToolbarItems();
+    void scheduleUpdateChecks();
 
     QThreadPool *_theOperationQueue;
     quint64 _theLastEventSeen = ~quint64(0);
@@ -245,6 +259,8 @@ private:
     InfectedFileActions *_infectedFileActions;
     InfectedItemsStore *_infectedItemsStore;
     std::unique_ptr<ScanLogRotator> _scanLogRotator;
+    AppcastUpdater *_theSparkleUpdater = nullptr;
+    QTimer *_korvaneUpdateTimer = nullptr;
     // Holds attachedWindow, popupFloaterView and popupFloaterTextField.
     PathPopup *_pathPopup;
 };
