@@ -183,10 +183,14 @@ void KorvaneVarden_AppDelegate::continueStartup()
 
     if (!_theSparkleUpdater)
         _theSparkleUpdater = AppcastUpdater::updaterForBundle(this);
-    if (_utils->readPreferenceForKey(QStringLiteral("SUEnableAutomaticChecks")).toBool())
+    if (_utils->readPreferenceForKey(QStringLiteral("SUEnableAutomaticChecks")).toBool()) {
         scheduleUpdateChecks();
-    else
+    } else {
+        // Checks allowed at an earlier run end here.
+        delete _korvaneUpdateTimer;
+        _korvaneUpdateTimer = nullptr;
         SystemLog::log(QStringLiteral("not allowed to check"));
+    }
     _theSparkleUpdater->setDelegate(this);
 }
 

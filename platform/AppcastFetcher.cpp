@@ -28,6 +28,9 @@ void AppcastFetcher::fetch(const QUrl &url, int timeoutMs)
             const bool tooLarge = reply->property("tooLarge").toBool();
             emit fetched({}, tooLarge ? QStringLiteral("the feed is larger than %1 bytes").arg(largestFeed)
                                       : QStringLiteral("no answer within %1 ms").arg(timeoutMs));
+        } else if (const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+                   status.isValid() && status.toInt() != 200) {
+            emit fetched({}, QStringLiteral("HTTP status %1").arg(status.toInt()));
         } else if (reply->error() != QNetworkReply::NoError) {
             emit fetched({}, reply->errorString());
         } else {

@@ -14,20 +14,26 @@ PartType typeOf(QChar c)
 {
     if (c.isDigit())
         return PartType::Number;
-    if (c == QLatin1Char('.') || c.isSpace())
+    if (c == QLatin1Char('.'))
         return PartType::Separator;
     return PartType::Text;
 }
 
-// "1.0b12" becomes "1", ".", "0", "b", "12".
+// "1.0b12" becomes "1", ".", "0", "b", "12"; spaces only end a part.
 QStringList partsOf(const QString &version)
 {
     QStringList parts;
+    bool afterSpace = false;
     for (const QChar c : version) {
-        if (!parts.isEmpty() && typeOf(parts.last().back()) == typeOf(c) && typeOf(c) != PartType::Separator)
+        if (c.isSpace()) {
+            afterSpace = true;
+            continue;
+        }
+        if (!afterSpace && !parts.isEmpty() && typeOf(parts.last().back()) == typeOf(c) && typeOf(c) != PartType::Separator)
             parts.last().append(c);
         else
             parts.append(QString(c));
+        afterSpace = false;
     }
     return parts;
 }
