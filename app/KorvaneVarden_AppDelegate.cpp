@@ -1,6 +1,7 @@
 #include "KorvaneVarden_AppDelegate.h"
 
 #include "Dispatcher.h"
+#include "events/QXFSEventStreamWatcher.h"
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
 #include "platform/AppcastUpdater.h"
@@ -128,6 +129,8 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
         SystemLog::log(QStringLiteral("running on 10.6 - we need to use gfslogger. Booooo! If you see this and "
                                       "you're NOT running 10.6, please let me know - support@korvane.org"));
         _needGfslogger = true;
+        _gfsWatcher = new QXFSEventStreamWatcher(this, this);
+        _gfsWatcher->start();
     }
 
     _infectionListWindow->setWindowTitle(Localization::text("INFECTED_ITEMS_WINDOW_TITLE"));
@@ -392,7 +395,10 @@ void KorvaneVarden_AppDelegate::setupEventListener()
         _watching = true;
         const QStringList excluded{UserFolders::home() + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
         _events->setExcludedPaths(excluded);
-        _events->startWatchingPaths(paths);
+        if (_needGfslogger)
+            _gfsWatcher->startWatching(paths);
+        else
+            _events->startWatchingPaths(paths);
         _throbberStatusItem->setImage(_throbberWatchingImage);
         return;
     }
@@ -409,7 +415,9 @@ void KorvaneVarden_AppDelegate::setupEventListener()
 
 void KorvaneVarden_AppDelegate::stopWatching(QObject *)
 {
-    if (_events)
+    if (_needGfslogger)
+        _gfsWatcher->stopWatching();
+    else if (_events)
         _events->stopWatchingPaths();
 
     UserDefaults *own = UserDefaults::standardUserDefaults();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DispatcherDelegate.h"
+#include "events/QXFSEventStreamWatcherDelegate.h"
 #include "events/SCEventListenerProtocol.h"
 #include "platform/AppcastUpdaterDelegate.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
@@ -34,6 +35,7 @@ class QToolBar;
 class QXTInfectedViewArrayController;
 class QXTTableView;
 class QXAttachedWindow;
+class QXFSEventStreamWatcher;
 class SCEvents;
 class ScanLogRotator;
 class StatusItem;
@@ -47,7 +49,8 @@ class KorvaneVarden_AppDelegate : public QObject,
                                   public EngineStatusReactionsDelegate,
                                   public EnablingRulesDelegate,
                                   public SCEventListenerProtocol,
-                                  public AppcastUpdaterDelegate
+                                  public AppcastUpdaterDelegate,
+                                  public QXFSEventStreamWatcherDelegate
 {
     Q_OBJECT
 public:
@@ -104,7 +107,7 @@ public:
     void stopWatching(QObject *sender);
     void restartWatching(QObject *sender);
     void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *event) override;
-    void addToWaitingList(const QString &path);
+    void addToWaitingList(const QString &path) override;
     void rotateLogFile();
 
     // The companion's update check.
@@ -214,6 +217,7 @@ public:
     QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
     QToolBar *toolbar() const { return _toolbar; }
     bool needGfslogger() const { return _needGfslogger; }
+    QXFSEventStreamWatcher *gfsWatcher() const { return _gfsWatcher; }
     QXAttachedWindow *attachedWindow() const;
     QWidget *popupFloaterView() const;
     QLabel *popupFloaterTextField() const;
@@ -255,6 +259,7 @@ private:
     QXTInfectedViewArrayController *_infectedList = nullptr;
     QToolBar *_toolbar = nullptr;
     bool _needGfslogger = false;
+    QXFSEventStreamWatcher *_gfsWatcher = nullptr;
     EngineStatusReactions *_engineStatusReactions;
     InfectedFileActions *_infectedFileActions;
     InfectedItemsStore *_infectedItemsStore;
