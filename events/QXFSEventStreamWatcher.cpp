@@ -70,7 +70,11 @@ void QXFSEventStreamWatcher::start()
 
 QString QXFSEventStreamWatcher::gfsloggerPath()
 {
-    return loggerPath.isEmpty() ? QCoreApplication::applicationDirPath() + QStringLiteral("/gfslogger") : loggerPath;
+    if (!loggerPath.isEmpty())
+        return loggerPath;
+    // Beside the agent in a build tree, else where the install put it.
+    const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/gfslogger");
+    return QFileInfo::exists(beside) ? beside : QStringLiteral(KORVANE_LIBEXEC_DIR "/gfslogger");
 }
 
 void QXFSEventStreamWatcher::setGfsloggerPath(const QString &path) { loggerPath = path; }

@@ -24,7 +24,8 @@ public:
 
     void start();
 
-    // Beside the agent's executable; tests supply their own.
+    // Beside the agent's executable, else in the installed libexec folder;
+    // tests supply their own. The repair program lies beside it.
     static QString gfsloggerPath();
     static void setGfsloggerPath(const QString &path);
     static QString repairToolPath();
