@@ -1,8 +1,10 @@
 #include "KorvaneVarden_AppDelegate.h"
 
 #include "Dispatcher.h"
+#include "events/QXFSEventStreamWatcher.h"
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
+#include "platform/AppcastUpdater.h"
 #include "platform/ApplicationHost.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -64,6 +66,8 @@ const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
 constexpr int companionWaitSeconds = 30;
 QString relaunchTool;
 QString scanProgram = QStringLiteral("clamdscan");
+int updateCheckMs = 10000;
+const QUrl companionUpdateURL(QStringLiteral("Korvane://update"));
 
 } // namespace
 
@@ -129,6 +133,8 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
         SystemLog::log(QStringLiteral("running on 10.6 - we need to use gfslogger. Booooo! If you see this and "
                                       "you're NOT running 10.6, please let me know - support@korvane.org"));
         _needGfslogger = true;
+        _gfsWatcher = new QXFSEventStreamWatcher(this, this);
+        _gfsWatcher->start();
     }
 
     _infectionListWindow->setWindowTitle(Localization::text("INFECTED_ITEMS_WINDOW_TITLE"));
@@ -186,8 +192,55 @@ void KorvaneVarden_AppDelegate::continueStartup()
     } else {
         _readyToScan = true;
     }
-    // The companion's update check is armed here once it exists.
+
+    if (!_theSparkleUpdater)
+        _theSparkleUpdater = AppcastUpdater::updaterForBundle(this);
+    if (_utils->readPreferenceForKey(QStringLiteral("SUEnableAutomaticChecks")).toBool()) {
+        scheduleUpdateChecks();
+    } else {
+        // Checks allowed at an earlier run end here.
+        delete _korvaneUpdateTimer;
+        _korvaneUpdateTimer = nullptr;
+        SystemLog::log(QStringLiteral("not allowed to check"));
+    }
+    _theSparkleUpdater->setDelegate(this);
 }
+
+int KorvaneVarden_AppDelegate::updateCheckInterval() { return updateCheckMs; }
+void KorvaneVarden_AppDelegate::setUpdateCheckInterval(int ms) { updateCheckMs = ms; }
+
+// Each run of continueStartup arms the checks anew; the earlier timer goes,
+// so that checks never pile up.
+void KorvaneVarden_AppDelegate::scheduleUpdateChecks()
+{
+    delete _korvaneUpdateTimer;
+    _korvaneUpdateTimer = new QTimer(this);
+    _korvaneUpdateTimer->setInterval(updateCheckMs);
+    connect(_korvaneUpdateTimer, &QTimer::timeout, this, [this] { checkForKorvaneUpdate(_korvaneUpdateTimer); });
+    _korvaneUpdateTimer->start();
+}
+
+void KorvaneVarden_AppDelegate::checkForKorvaneUpdate(QObject *)
+{
+    _theSparkleUpdater->checkForUpdateInformation();
+}
+
+void KorvaneVarden_AppDelegate::updaterDidFindValidUpdate(AppcastUpdater *, const AppcastItem &)
+{
+    // A check that was under way when the question came up must not ask again.
+    if (!_korvaneUpdateTimer)
+        return;
+    delete _korvaneUpdateTimer;
+    _korvaneUpdateTimer = nullptr;
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {Localization::text("KORVANE_UPDATE_AVAILABLE_TITLE"), Localization::text("YES"), Localization::text("NO"),
+         QString(), Localization::text("KORVANE_UPDATE_AVAILABLE_MESSAGE")});
+    if (answer == AlertPresenter::DefaultReturn)
+        Workspace::sharedWorkspace()->openURL(companionUpdateURL);
+    scheduleUpdateChecks();
+}
+
+void KorvaneVarden_AppDelegate::updaterDidNotFindUpdate(AppcastUpdater *) {}
 
 void KorvaneVarden_AppDelegate::applicationWillTerminate()
 {
@@ -383,7 +436,10 @@ void KorvaneVarden_AppDelegate::setupEventListener()
         _watching = true;
         const QStringList excluded{UserFolders::home() + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
         _events->setExcludedPaths(excluded);
-        _events->startWatchingPaths(paths);
+        if (_needGfslogger)
+            _gfsWatcher->startWatching(paths);
+        else
+            _events->startWatchingPaths(paths);
         _throbberStatusItem->setImage(_throbberWatchingImage);
         return;
     }
@@ -400,7 +456,9 @@ void KorvaneVarden_AppDelegate::setupEventListener()
 
 void KorvaneVarden_AppDelegate::stopWatching(QObject *)
 {
-    if (_events)
+    if (_needGfslogger)
+        _gfsWatcher->stopWatching();
+    else if (_events)
         _events->stopWatchingPaths();
 
     UserDefaults *own = UserDefaults::standardUserDefaults();

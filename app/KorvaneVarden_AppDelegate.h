@@ -1,7 +1,9 @@
 #pragma once
 
 #include "DispatcherDelegate.h"
+#include "events/QXFSEventStreamWatcherDelegate.h"
 #include "events/SCEventListenerProtocol.h"
+#include "platform/AppcastUpdaterDelegate.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
 #include "ui/EnablingRules.h"
@@ -17,6 +19,7 @@
 #include <functional>
 #include <memory>
 
+class AppcastUpdater;
 class Dispatcher;
 class EngineStatusReactions;
 class InfectedFileActions;
@@ -32,6 +35,7 @@ class QToolBar;
 class QXTInfectedViewArrayController;
 class QXTTableView;
 class QXAttachedWindow;
+class QXFSEventStreamWatcher;
 class SCEvents;
 class ScanLogRotator;
 class StatusItem;
@@ -44,7 +48,9 @@ class KorvaneVarden_AppDelegate : public QObject,
                                   public QXUtilsDelegate,
                                   public EngineStatusReactionsDelegate,
                                   public EnablingRulesDelegate,
-                                  public SCEventListenerProtocol
+                                  public SCEventListenerProtocol,
+                                  public AppcastUpdaterDelegate,
+                                  public QXFSEventStreamWatcherDelegate
 {
     Q_OBJECT
 public:
@@ -101,8 +107,18 @@ public:
     void stopWatching(QObject *sender);
     void restartWatching(QObject *sender);
     void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *event) override;
-    void addToWaitingList(const QString &path);
+    void addToWaitingList(const QString &path) override;
     void rotateLogFile();
+
+    // The companion's update check.
+    void checkForKorvaneUpdate(QObject *sender);
+    void updaterDidFindValidUpdate(AppcastUpdater *updater, const AppcastItem &update) override;
+    void updaterDidNotFindUpdate(AppcastUpdater *updater) override;
+    AppcastUpdater *theSparkleUpdater() const { return _theSparkleUpdater; }
+    QTimer *korvaneUpdateTimer() const { return _korvaneUpdateTimer; }
+    // Ten seconds; tests check more often.
+    static int updateCheckInterval();
+    static void setUpdateCheckInterval(int ms);
     // Opens the watched folder named by the menu item's title.
     void openFolder(QAction *sender);
     // Brings up the companion's preferences; then, once it has asked or
@@ -204,6 +220,7 @@ public:
     QXTInfectedViewArrayController *infectedList() const { return _infectedList; }
     QToolBar *toolbar() const { return _toolbar; }
     bool needGfslogger() const { return _needGfslogger; }
+    QXFSEventStreamWatcher *gfsWatcher() const { return _gfsWatcher; }
     QXAttachedWindow *attachedWindow() const;
     QWidget *popupFloaterView() const;
     QLabel *popupFloaterTextField() const;
@@ -213,6 +230,7 @@ private:
     void stopObserving();
     void validateMenu(QMenu *menu);
     void validateToolbarItems();
+    void scheduleUpdateChecks();
 
     QThreadPool *_theOperationQueue;
     quint64 _theLastEventSeen = ~quint64(0);
@@ -246,10 +264,13 @@ private:
     QXTInfectedViewArrayController *_infectedList = nullptr;
     QToolBar *_toolbar = nullptr;
     bool _needGfslogger = false;
+    QXFSEventStreamWatcher *_gfsWatcher = nullptr;
     EngineStatusReactions *_engineStatusReactions;
     InfectedFileActions *_infectedFileActions;
     InfectedItemsStore *_infectedItemsStore;
     std::unique_ptr<ScanLogRotator> _scanLogRotator;
+    AppcastUpdater *_theSparkleUpdater = nullptr;
+    QTimer *_korvaneUpdateTimer = nullptr;
     // Holds attachedWindow, popupFloaterView and popupFloaterTextField.
     PathPopup *_pathPopup;
 };

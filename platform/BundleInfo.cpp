@@ -1,11 +1,20 @@
 #include "BundleInfo.h"
 
+#include "PropertyList.h"
+
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QVariantMap>
 
 namespace {
 QString identifier = QStringLiteral(KORVANE_AGENT_ID);
+QString info;
+
+QString infoValue(const QString &key)
+{
+    return PropertyList::readFile(BundleInfo::infoPath()).toMap().value(key).toString();
 }
+} // namespace
 
 QString BundleInfo::bundleIdentifier() { return identifier; }
 void BundleInfo::setBundleIdentifier(const QString &id) { identifier = id; }
@@ -16,4 +25,24 @@ QString BundleInfo::executableName()
 {
     const QString name = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
     return name.isEmpty() ? QStringLiteral("KorvaneVarden") : name;
+}
+
+QString BundleInfo::infoPath()
+{
+    if (!info.isEmpty())
+        return info;
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/Info.plist");
+}
+
+void BundleInfo::setInfoPath(const QString &path) { info = path; }
+
+QString BundleInfo::bundleVersion()
+{
+    const QString version = infoValue(QStringLiteral("CFBundleVersion"));
+    return version.isEmpty() ? shortVersionString() : version;
+}
+
+QUrl BundleInfo::feedURL()
+{
+    return QUrl(infoValue(QStringLiteral("SUFeedURL")), QUrl::StrictMode);
 }

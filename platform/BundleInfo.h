@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QString>
+#include <QUrl>
 
 // What the original platform keeps in a program's bundle: its identifier,
-// executable name and version.
+// executable name and version, and the information property list
+// "Info.plist" installed beside the executable.
 class BundleInfo
 {
 public:
@@ -13,4 +15,13 @@ public:
     static QString companionIdentifier();
     static QString executableName();
     static QString shortVersionString();
+
+    static QString infoPath();
+    // Tests supply an information file of their own; an empty path returns
+    // to the one beside the executable.
+    static void setInfoPath(const QString &path);
+    // "CFBundleVersion" from the information file, else the built-in version.
+    static QString bundleVersion();
+    // "SUFeedURL" from the information file; empty when it names none.
+    static QUrl feedURL();
 };

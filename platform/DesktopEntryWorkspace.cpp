@@ -108,6 +108,11 @@ bool DesktopEntryWorkspace::openFile(const QString &path)
     return QDesktopServices::openUrl(QUrl::fromLocalFile(path));
 }
 
+bool DesktopEntryWorkspace::openURL(const QUrl &url)
+{
+    return QDesktopServices::openUrl(url);
+}
+
 bool DesktopEntryWorkspace::selectFile(const QString &path)
 {
     const QUrl folder = QUrl::fromLocalFile(QFileInfo(path).path());

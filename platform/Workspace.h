@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QUrl>
 
 // Starting other desktop programs and opening files.
 class Workspace
@@ -23,6 +24,9 @@ public:
     // Shows the file selected in a file viewer window of its own. Answers
     // whether it could be handed on; the viewer may come up later.
     virtual bool selectFile(const QString &path) = 0;
+    // Hands a URL to the desktop's handler for its scheme. Answers whether
+    // a handler took it.
+    virtual bool openURL(const QUrl &url) = 0;
 
     // A folder that the desktop shows as one file: an application or
     // document bundle, named with one of the package extensions.

@@ -37,6 +37,7 @@ public:
         return opens;
     }
     bool selectFile(const QString &) override { return false; }
+    bool openURL(const QUrl &) override { return false; }
 
     bool opens = true;
     QStringList opened;
