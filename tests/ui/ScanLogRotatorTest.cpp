@@ -103,25 +103,6 @@ TEST_F(ScanLogRotatorTest, SizeLimitIsThePreferredSizeOnlyWhenItIsAPositiveNumbe
     }
 }
 
-TEST(LogRotationToolTest, BothConfigurationsTakeThePathLiterallyAndRotateBySizeIntoThreeBzip2Archives)
-{
-    const QString log = "/home/ann %2/logs/KorvaneVarden-scan.log";
-    EXPECT_EQ(LogRotationTool::newsyslogConfiguration(log, 1000, 100, 1024), header + log + "\t1000:100\t640\t3\t1024\t*\tCJN");
-    EXPECT_EQ(LogRotationTool::logrotateConfiguration(log, 1000, 100, 1024),
-              "\"" + log + "\" {\n"
-              "    size 1024k\n"
-              "    rotate 3\n"
-              "    compress\n"
-              "    compresscmd /bin/bzip2\n"
-              "    uncompresscmd /bin/bunzip2\n"
-              "    compressext .bz2\n"
-              "    create 0640 1000 100\n"
-              "    su 1000 100\n"
-              "    missingok\n"
-              "    nomail\n"
-              "}\n");
-}
-
 // newsyslog does not run here: a script in its place records what it is given.
 TEST_F(ScanLogRotatorTest, NewsyslogIsHandedItsOneEntryFileWhichIsGoneAfterwards)
 {
