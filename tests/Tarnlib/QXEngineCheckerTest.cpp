@@ -202,10 +202,8 @@ TEST(QXEngineCheckerTest, VersionLinesDecideTheReportTheThresholdsAndAnEngineUpd
         {"ClamAV 0.98.4", "", db, true, true, "0.98.4"},
         {"ClamAV 0.95.1" + d, "", found("ClamAV 0.95.1" + d), false, false, "0.95.1"},
         {"ClamAV 0.95.2" + d, "", found("ClamAV 0.95.2" + d), false, true, "0.95.2"},
-        {"ClamAV 0.96" + d, "", found("ClamAV 0.96" + d), true, true, "0.96"},
         // From major version 1 on both thresholds are passed, whatever the minor.
         {"ClamAV 1.0.0" + d, "", found("ClamAV 1.0.0" + d), true, true, "1.0.0"},
-        {"ClamAV 1.4.6", "", db, true, true, "1.4.6"},
         // Several version lines: each is read, the last one decides.
         {"ClamAV 0.95.1" + d + "\nClamAV 0.98.4", "", db, true, true, "0.98.4"},
         {"ClamAV 0.98.4\nClamAV 0.95.2/1/x", "", found("ClamAV 0.95.2/1/x"), false, true, "0.95.2"},
@@ -215,7 +213,6 @@ TEST(QXEngineCheckerTest, VersionLinesDecideTheReportTheThresholdsAndAnEngineUpd
         {"ClamAV 1.4.6" + d, "1.5.0", engine, true, true, "1.4.6"},
         {"ClamAV 1.4.6" + d, "1.4.6", found("ClamAV 1.4.6" + d), true, true, "1.4.6"},
         {"ClamAV 1.4.6" + d, "0.105.2", found("ClamAV 1.4.6" + d), true, true, "1.4.6"},
-        {"ClamAV 1.4.6" + d, "2.0", engine, true, true, "1.4.6"},
         // A development build allows the file list and leaves the rest alone,
         // even a newer installer.
         {"ClamAV 0.99-devel-20140210" + d, "0.99.5", found("ClamAV 0.99-devel-20140210" + d), unset, true, "preset"},
@@ -267,10 +264,6 @@ TEST(QXEngineCheckerTest, SocketComesFromTheLastLocalSocketLineOfClamdConf)
         {"#LocalSocket /tmp/clamd.socket\nLocalSocket /var/run/clamd.sock\n", "/var/run/clamd.sock"},
         {"#LocalSocket /tmp/clamd.socket\n", "/tmp/clamd.socket"},
         {"LocalSocket /var/run/clamd.sock\n# LocalSocket /tmp/later.sock\nLogSyslog no\n", "/tmp/later.sock"},
-        // Taken as it stands: a carriage return stays, a second key ends it.
-        {"LocalSocket /run/a.sock\r\n", "/run/a.sock\r"},
-        {"LocalSocket a LocalSocket b\n", "a "},
-        {"LocalSocket x", "x"},
         // No match leaves what was known, and so does no file at all.
         {"LocalSocket \nLocalSocketMode 660\nTCPSocket 3310\n", preset},
         {QByteArray(), preset},
