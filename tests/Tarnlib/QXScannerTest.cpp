@@ -97,8 +97,6 @@ protected:
         return QTest::qWaitFor([&] { return reached->load(); }, waitLimit);
     }
 
-    void scanNamesTheListCannotCarry(bool clamd);
-
     // Only for its file helpers: the samples to scan live here.
     ScriptedPrefix files;
     FakeScannerDelegate delegate;
@@ -161,43 +159,6 @@ TEST_F(QXScannerTest, CleanFilesGivenAsArgumentsEndWithStatusZeroAndWriteNoListN
     EXPECT_FALSE(QFile::exists(delegate.scanLog));
 }
 
-TEST_F(QXScannerTest, StandAloneScannerSkipsTheQuarantineAndReportsProgress)
-{
-    ASSERT_TRUE(useRealEngine());
-    useScanLog();
-    delegate.clamd = false;
-    delegate.updates = true;
-    delegate.quarantine = true;
-    const QString folder = files.filePath("tree");
-    const QString eicar = infected("tree/eicar.com");
-    const QString harmless = clean("tree/clean.txt");
-    infected("tree/Quarantine/held.com");
-    delegate.quarantineFolder = files.filePath("tree/Quarantine");
-    scan({folder});
-
-    ASSERT_TRUE(waitForEnd());
-    const QStringList events = delegate.events();
-    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"), ElementsAre(infection(eicar, eicarName)));
-    EXPECT_THAT(delegate.eventsStartingWith("updateProgressWithMessage:"),
-                UnorderedElementsAre("updateProgressWithMessage:Scanning " + eicar,
-                                     "updateProgressWithMessage:Scanning " + harmless));
-    EXPECT_EQ(events.count("updateProgressBar"), 2);
-    EXPECT_THAT(events.mid(events.size() - 2),
-                ElementsAre("updateProgressWithPercentDone:100", "scanFinishedWithStatus:1"));
-
-    const QString log = QString::fromUtf8(readFile(delegate.scanLog));
-    const QStringList lines = log.split('\n');
-    ASSERT_GT(lines.size(), 7);
-    EXPECT_EQ(lines.at(0), QString(79, '-'));
-    EXPECT_TRUE(dateLine.match(lines.at(1)).hasMatch()) << qPrintable(lines.at(1));
-    EXPECT_THAT(lines.mid(2, 5), ElementsAre("Items to be scanned:", "", folder, "", ""));
-    EXPECT_TRUE(log.contains(eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND\n"));
-    EXPECT_TRUE(log.contains("SCAN SUMMARY"));
-    EXPECT_FALSE(log.contains("Scanning "));
-    EXPECT_FALSE(log.contains("held.com: Korvane"));
-    EXPECT_TRUE(log.endsWith("\n\n"));
-}
-
 TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
 {
     ScriptEngine engine("exit 0");
@@ -216,28 +177,6 @@ TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
                 ElementsAre("--no-summary", "--one", "", "--two", "--file-list=" + scanner->scanListTempFilePath()));
     EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), "/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2");
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
-}
-
-TEST_F(QXScannerTest, StandAloneScannerGetsExclusionsRootPairsQuarantineAndPaths)
-{
-    ScriptEngine engine("exit 0");
-    ASSERT_TRUE(useScript(engine));
-    delegate.clamd = false;
-    delegate.fileList = false;
-    delegate.noSummary = true;
-    delegate.exclusions = {"--exclude=\\.log$", "--exclude-dir=cache"};
-    delegate.rootExclusions = {"A", "B"};
-    delegate.quarantine = true;
-    delegate.quarantineFolder = "/q";
-    delegate.additional = QString();
-    scan({"/", "/home", "/"});
-
-    ASSERT_TRUE(waitForEnd());
-    const QStringList rootPairs {"--exclude=^A", "--exclude-dir=^A", "--exclude=^B", "--exclude-dir=^B"};
-    EXPECT_EQ(engine.recordedArguments(),
-              (QStringList {"-rv", "--exclude=\\.log$", "--exclude-dir=cache"} + rootPairs + rootPairs
-               + QStringList {"--exclude=^/q", "--exclude-dir=^/q", "--scan-mail=no", "--no-summary", "", "/", "/home", "/"}));
-    EXPECT_TRUE(engine.copiedFileList().isEmpty());
 }
 
 TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
@@ -368,10 +307,9 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
 }
 
 // A newline would cut the name in the engine's list and in its output.
-void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
+TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline)
 {
     ASSERT_TRUE(useRealEngine());
-    delegate.clamd = clamd;
     const QString split = infected("two\nlines.com");
     const QString ending = infected("ends in a newline\n");
     const QString harmless = clean("clean\nname.txt");
@@ -384,10 +322,6 @@ void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
                                      infection(ending, eicarName)));
     EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
 }
-
-TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline) { scanNamesTheListCannotCarry(true); }
-
-TEST_F(QXScannerTest, StandAloneScannerScansNamesWithANewline) { scanNamesTheListCannotCarry(false); }
 
 TEST_F(QXScannerTest, AnEngineThatFallsSilentIsEndedAndTheScanReportedAsCrashed)
 {
