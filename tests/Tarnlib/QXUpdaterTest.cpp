@@ -1,8 +1,6 @@
 #include "Tarnlib/Tarnlib/QXUpdater.h"
 #include "Tarnlib/Tarnlib/QXUpdaterDelegate.h"
 
-#include "platform/PropertyList.h"
-#include "platform/SystemVersion.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/QtPrinters.h"
 #include "tests/support/ScriptedPrefix.h"
@@ -10,7 +8,6 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QMutex>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 #include <atomic>
@@ -39,7 +36,7 @@ public:
     bool logUpdates() const override { return asked(logging); }
     QString enginePath() const override { return asked(engine); }
     QString updateLogPath() const override { return asked(logPath); }
-    bool wantUpdatePercentages() const override { return asked(wantPercentages); }
+    bool wantUpdatePercentages() const override { return asked(true); }
 
     QStringList takeReports()
     {
@@ -47,7 +44,7 @@ public:
         return std::exchange(reports, {});
     }
 
-    bool exit1 = false, logging = false, wantPercentages = true;
+    bool exit1 = false, logging = false;
     QString engine, logPath;
     mutable std::atomic_int wrongThread = 0;
 
@@ -145,22 +142,6 @@ const QStringList freshclamProgress {
     "message:main.cvd updated (version: 62, sigs: 6647427, f-level: 90, builder: sigmgr)",
 };
 
-// Points the system version at a file of the test's for as long as it lives.
-class SystemVersionFile
-{
-public:
-    explicit SystemVersionFile(const QString &version)
-    {
-        PropertyList::writeXmlFile(_dir.filePath("SystemVersion.plist"), QVariantMap {{"ProductVersion", version}});
-        SystemVersion::setPath(_dir.filePath("SystemVersion.plist"));
-    }
-    ~SystemVersionFile() { SystemVersion::setPath(_saved); }
-
-private:
-    QTemporaryDir _dir;
-    QString _saved = SystemVersion::path();
-};
-
 } // namespace
 
 TEST(QXUpdaterTest, LauncherOutputBecomesProgressAndItsStatusTheEnd)
@@ -187,42 +168,17 @@ TEST(QXUpdaterTest, ArgumentsFollowTheSettingsOfEachRunInTheirFixedOrder)
         QStringList arguments;
     } cases[] {{false, false, {"--stdout"}}, {true, false, {"--stdout", exit1}},
                {false, true, {"--stdout", log}}, {true, true, {"--stdout", log, exit1}}};
-    // Only the one system that needs it gets the DNS fix, as the last argument.
-    for (const auto &[version, dns] : {std::pair {"10.8", QStringList()}, {"10.9.5", QStringList {"--no-dns"}}}) {
-        SystemVersionFile system(version);
-        UpdaterRig rig;
-        rig.writeLauncher("", 0);
-        rig.delegate.logPath = logPath;
-        for (const auto &c : cases) {
-            SCOPED_TRACE(QStringLiteral("%1 exit1 %2 logging %3").arg(version).arg(int(c.exit1)).arg(int(c.logging)).toStdString());
-            rig.delegate.exit1 = c.exit1;
-            rig.delegate.logging = c.logging;
-            rig.update();
-            EXPECT_EQ(rig.recordedArguments(), c.arguments + dns);
-            EXPECT_EQ(rig.updater.needsExit1FreshclamFlag(), c.exit1);
-        }
-    }
-}
-
-TEST(QXUpdaterTest, UnwantedProgressIsDrainedButNotRelayed)
-{
     UpdaterRig rig;
-    rig.delegate.wantPercentages = false;
-    LogCapture log;
-    // A megabyte on each stream fills any pipe that is not read.
-    rig.writeLauncher(freshclamOutput, 1,
-                      "head -c 1048576 /dev/zero | tr '\\0' a\n"
-                      "head -c 1048576 /dev/zero | tr '\\0' b >&2\n"
-                      "echo done >&2\n");
-    EXPECT_EQ(rig.update(), (QStringList {"updateStarted", "finished:1"}));
-    EXPECT_FALSE(rig.updater.delegateWantsUpdates());
-    EXPECT_TRUE(log.anyContains("done"));
-
-    // The wish is asked again at every run.
-    rig.delegate.wantPercentages = true;
-    rig.writeLauncher("Downloading main.cvd [ 45%]\n", 0);
-    EXPECT_EQ(rig.update(), (QStringList {"updateStarted", "message:Downloading main.cvd ", "percent:45",
-                                          "percent:100", "finished:0"}));
+    rig.writeLauncher("", 0);
+    rig.delegate.logPath = logPath;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(QStringLiteral("exit1 %1 logging %2").arg(int(c.exit1)).arg(int(c.logging)).toStdString());
+        rig.delegate.exit1 = c.exit1;
+        rig.delegate.logging = c.logging;
+        rig.update();
+        EXPECT_EQ(rig.recordedArguments(), c.arguments);
+        EXPECT_EQ(rig.updater.needsExit1FreshclamFlag(), c.exit1);
+    }
 }
 
 TEST(QXUpdaterTest, LauncherThatCannotStartEndsAsAFailedUpdate)
@@ -237,10 +193,6 @@ TEST(QXUpdaterTest, LauncherThatCannotStartEndsAsAFailedUpdate)
     QFile::setPermissions(rig.prefix.filePath("bin/RunFreshclam"), QFile::ReadOwner);
     EXPECT_EQ(rig.update(), failed);
     EXPECT_TRUE(log.anyContains("error:"));
-
-    // Not wanting progress only drops the 100.
-    rig.delegate.wantPercentages = false;
-    EXPECT_EQ(rig.update(), (QStringList {failed.first(), failed.last()}));
 }
 
 TEST(QXUpdaterTest, StopEndsTheRunningLauncherAsATerminatedUpdate)
