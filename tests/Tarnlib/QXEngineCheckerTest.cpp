@@ -15,12 +15,10 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QTemporaryFile>
 #include <QTest>
 #include <QThread>
 #include <atomic>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
@@ -134,22 +132,6 @@ void writeInstaller(const QString &package, const QString &version)
 {
     QDir().mkpath(package + "/Contents");
     ASSERT_TRUE(PropertyList::writeXmlFile(package + "/Contents/Info.plist", QVariantMap {{"CFBundleShortVersionString", version}}));
-}
-
-QByteArray capturingStandardOutput(const std::function<void()> &fn)
-{
-    QTemporaryFile file;
-    if (!file.open())
-        return "cannot capture";
-    std::fflush(stdout);
-    const int saved = ::dup(STDOUT_FILENO);
-    ::dup2(file.handle(), STDOUT_FILENO);
-    fn();
-    std::fflush(stdout);
-    ::dup2(saved, STDOUT_FILENO);
-    ::close(saved);
-    file.seek(0);
-    return file.readAll();
 }
 
 // A real engine prefix laid out by the project's installer, its daemon not started.
@@ -282,23 +264,18 @@ TEST(QXEngineCheckerTest, SocketComesFromTheLastLocalSocketLineOfClamdConf)
     }
 }
 
-TEST(QXEngineCheckerTest, DaemonThatCannotBeReachedIsNotResponding)
+TEST(QXEngineCheckerTest, DaemonThatCannotBeReachedOrHangsIsNotResponding)
 {
     ScriptedPrefix prefix;
     RecordingCheckerDelegate delegate;
     delegate.engine = prefix.path();
-    QXEngineChecker checker(&delegate);
-
-    // No configuration: nothing is tried and nothing printed.
-    EXPECT_EQ(capturingStandardOutput([&] { EXPECT_FALSE(checker.clamdResponding()); }), QByteArray());
-    EXPECT_TRUE(checker.clamdSocket().isNull());
+    EXPECT_FALSE(QXEngineChecker(&delegate).clamdResponding()) << "without a configuration";
 
     const QByteArray socket = prefix.filePath("run/clamd.sock").toUtf8();
     prefix.writeFile("etc/clamd.conf", "LocalSocket " + socket + '\n');
-    QXEngineChecker fresh(&delegate);
-    EXPECT_EQ(capturingStandardOutput([&] { EXPECT_FALSE(fresh.clamdResponding()); }),
-              "Error, can't connect to clamd through " + socket + ".\n");
-    EXPECT_EQ(fresh.clamdSocket(), QString::fromUtf8(socket));
+    QXEngineChecker checker(&delegate);
+    EXPECT_FALSE(checker.clamdResponding()) << "without a socket";
+    EXPECT_EQ(checker.clamdSocket(), QString::fromUtf8(socket));
 
     // A socket that takes connections into its backlog and never answers,
     // like a daemon that hangs: the time limit ends the wait.
@@ -308,8 +285,7 @@ TEST(QXEngineCheckerTest, DaemonThatCannotBeReachedIsNotResponding)
     std::strncpy(address.sun_path, socket.constData(), sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(silent, 4), 0);
-    EXPECT_EQ(capturingStandardOutput([&] { EXPECT_FALSE(fresh.clamdResponding()); }),
-              "Error, clamd did not answer through " + socket + ".\n");
+    EXPECT_FALSE(checker.clamdResponding());
     ::close(silent);
 }
 
