@@ -114,12 +114,6 @@ void UserDefaults::addSuiteNamed(const QString &suite)
     _suites.append(suite);
 }
 
-QStringList UserDefaults::suites() const
-{
-    QMutexLocker locker(&_lock);
-    return _suites;
-}
-
 UserDefaults::Domain &UserDefaults::load(const QString &name)
 {
     std::unique_ptr<Domain> &slot = _domains[name];

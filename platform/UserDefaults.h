@@ -32,7 +32,6 @@ public:
     void registerDefaults(const QVariantMap &defaults);
     QVariantMap registrationDomain() const;
     void addSuiteNamed(const QString &suite);
-    QStringList suites() const;
 
     // Absent keys read as an invalid QVariant.
     QVariant objectForKey(const QString &key);
