@@ -26,12 +26,6 @@ QByteArray xmlDocument(const QByteArray &body)
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body + "</plist>\n";
 }
 
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // Makes writes past `bytes` fail with EFBIG, as a full disk would, and works
 // for root too. SIGXFSZ is ignored meanwhile so the process survives.
 class FileSizeLimit
@@ -131,11 +125,11 @@ TEST(PropertyListTest, AFailedWriteNamesItsPlaceAndLeavesThePreviousFileWhole)
     const QString path = home.configHome() + "/prefs.plist";
     const QVariantMap previous {{"version", qint64(1)}};
     ASSERT_TRUE(PropertyList::writeXmlFile(path, previous));
-    const QByteArray previousBytes = readAll(path);
+    const QByteArray previousBytes = TemporaryHome::readFile(path);
     // A value a plist cannot hold is refused before anything is written.
     EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap {{"bad", QUrl("x:y")}}, &error));
     EXPECT_TRUE(error.contains(path)) << error.toStdString();
-    EXPECT_EQ(readAll(path), previousBytes);
+    EXPECT_EQ(TemporaryHome::readFile(path), previousBytes);
 
     // Larger than the limit, so the temporary copy is cut off part-way, as on a full disk.
     const QVariantMap next {{"version", qint64(2)}, {"padding", QByteArray(64 * 1024, 'x')}};
@@ -146,7 +140,7 @@ TEST(PropertyListTest, AFailedWriteNamesItsPlaceAndLeavesThePreviousFileWhole)
     }
     EXPECT_FALSE(written);
     EXPECT_TRUE(error.contains(path)) << error.toStdString();
-    EXPECT_EQ(readAll(path), previousBytes);
+    EXPECT_EQ(TemporaryHome::readFile(path), previousBytes);
     EXPECT_EQ(QDir(home.configHome()).entryList(QDir::Files | QDir::Hidden), QStringList {"prefs.plist"});
 
     ASSERT_TRUE(PropertyList::writeXmlFile(path, next, &error)) << error.toStdString();

@@ -15,12 +15,6 @@ namespace {
 
 const QString own = KORVANE_AGENT_ID, companion = KORVANE_COMPANION_ID;
 
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // Another program editing a domain file behind the store's back.
 void writeDomain(const QString &domain, const QVariantMap &values)
 {
@@ -129,7 +123,7 @@ TEST(UserDefaultsTest, SynchronizeWritesOnlyRealChangesAndMergesThemOverAnotherP
     EXPECT_TRUE(defaults.synchronize());
     defaults.setObjectForKey("hand", "a");
     EXPECT_TRUE(defaults.synchronize());
-    EXPECT_EQ(readAll(path), handWritten);
+    EXPECT_EQ(TemporaryHome::readFile(path), handWritten);
 
     defaults.setObjectForKey("ours", "mine");
     defaults.removeObjectForKey("doomed");
@@ -157,7 +151,7 @@ TEST(UserDefaultsTest, MalformedDomainFileIsLoggedOnceAndNeverOverwritten)
     defaults.setObjectForKey("mine", "key");
     EXPECT_FALSE(defaults.synchronize());
     EXPECT_FALSE(defaults.synchronize());
-    EXPECT_EQ(readAll(path), garbage);
+    EXPECT_EQ(TemporaryHome::readFile(path), garbage);
     EXPECT_EQ(defaults.objectForKey("key"), QVariant("mine"));
     EXPECT_EQ(log.lines().size(), 2) << log.lines().join('\n').toStdString();
     EXPECT_TRUE(log.lines().last().contains(path)) << log.lines().last().toStdString();
