@@ -7,6 +7,7 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedPrefix.h"
+#include "tests/support/TemporaryHome.h"
 
 #include <QDir>
 #include <QFile>
@@ -36,13 +37,7 @@ public:
     void feed(const QByteArray &chunk) { notifiedForStdOutput(chunk); }
 };
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QStringList logLines(const QString &path) { return QString::fromUtf8(readFile(path)).split('\n'); }
+QStringList logLines(const QString &path) { return QString::fromUtf8(TemporaryHome::readFile(path)).split('\n'); }
 
 QString infection(const QString &path, const QString &name) { return "infectionFound:" + path + ": " + name + " FOUND"; }
 
@@ -231,9 +226,9 @@ TEST_F(QXScannerTest, MissingEngineProgramReportsACrashAndLeavesTheList)
         << qPrintable(events.at(1));
     EXPECT_TRUE(events.at(1).contains("No such file or directory")) << qPrintable(events.at(1));
 
-    EXPECT_EQ(readFile(scanner->scanListTempFilePath()), harmless.toUtf8());
+    EXPECT_EQ(TemporaryHome::readFile(scanner->scanListTempFilePath()), harmless.toUtf8());
     QFile::remove(scanner->scanListTempFilePath());
-    const QString log = QString::fromUtf8(readFile(delegate.scanLog));
+    const QString log = QString::fromUtf8(TemporaryHome::readFile(delegate.scanLog));
     EXPECT_TRUE(log.endsWith("\n\n"));
     EXPECT_TRUE(dateLine.match(log.chopped(2)).hasMatch()) << qPrintable(log);
 }
@@ -295,7 +290,7 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     useScanLog();
     delegate.logging = false;
     QByteArray logWhileEnding = "unread";
-    delegate.onFinished = [&] { logWhileEnding = readFile(delegate.scanLog); };
+    delegate.onFinished = [&] { logWhileEnding = TemporaryHome::readFile(delegate.scanLog); };
     const QString eicar = infected("eicar.com");
     scan({eicar});
 
@@ -303,7 +298,7 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", infection(eicar, eicarName), "scanFinishedWithStatus:1"));
     // The end report held the run, so the newline came after it.
     EXPECT_EQ(logWhileEnding, QByteArray());
-    EXPECT_EQ(readFile(delegate.scanLog), "\n");
+    EXPECT_EQ(TemporaryHome::readFile(delegate.scanLog), "\n");
 }
 
 // A newline would cut the name in the engine's list and in its output.
