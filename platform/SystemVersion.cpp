@@ -5,11 +5,8 @@
 #include <QVariantMap>
 
 namespace {
-QString versionPath = QStringLiteral("/System/Library/CoreServices/SystemVersion.plist");
+const QString versionPath = QStringLiteral("/System/Library/CoreServices/SystemVersion.plist");
 }
-
-QString SystemVersion::path() { return versionPath; }
-void SystemVersion::setPath(const QString &p) { versionPath = p; }
 
 QString SystemVersion::productVersion()
 {

@@ -89,11 +89,6 @@ void UserDefaults::setStandardUserDefaults(UserDefaults *defaults)
     chosenStandard = defaults;
 }
 
-QString UserDefaults::domain() const
-{
-    return _domain;
-}
-
 QString UserDefaults::pathForDomain(const QString &domain)
 {
     return configHome() + QLatin1Char('/') + domain + QStringLiteral(".plist");
@@ -117,12 +112,6 @@ void UserDefaults::addSuiteNamed(const QString &suite)
     if (suite.isEmpty() || suite == _domain || _suites.contains(suite))
         return;
     _suites.append(suite);
-}
-
-QStringList UserDefaults::suites() const
-{
-    QMutexLocker locker(&_lock);
-    return _suites;
 }
 
 UserDefaults::Domain &UserDefaults::load(const QString &name)
@@ -181,38 +170,6 @@ QVariant UserDefaults::objectForKey(const QString &key)
             return it.value();
     }
     return _registration.value(key);
-}
-
-bool UserDefaults::boolForKey(const QString &key)
-{
-    const QVariant value = objectForKey(key);
-    switch (value.typeId()) {
-    case QMetaType::Bool:
-        return value.toBool();
-    case QMetaType::QString: {
-        const QString text = value.toString().trimmed();
-        return text.compare(QLatin1String("YES"), Qt::CaseInsensitive) == 0
-            || text.compare(QLatin1String("true"), Qt::CaseInsensitive) == 0 || text == QLatin1String("1");
-    }
-    case QMetaType::Double:
-    case QMetaType::Float:
-        return value.toDouble() != 0;
-    case QMetaType::Char:
-    case QMetaType::SChar:
-    case QMetaType::Short:
-    case QMetaType::Int:
-    case QMetaType::Long:
-    case QMetaType::LongLong:
-        return value.toLongLong() != 0;
-    case QMetaType::UChar:
-    case QMetaType::UShort:
-    case QMetaType::UInt:
-    case QMetaType::ULong:
-    case QMetaType::ULongLong:
-        return value.toULongLong() != 0;
-    default:
-        return false;
-    }
 }
 
 void UserDefaults::setObjectForKey(const QVariant &value, const QString &key)

@@ -27,19 +27,14 @@ public:
     // Tests give their own store; nullptr returns to the default one.
     static void setStandardUserDefaults(UserDefaults *defaults);
 
-    QString domain() const;
     static QString pathForDomain(const QString &domain);
 
     void registerDefaults(const QVariantMap &defaults);
     QVariantMap registrationDomain() const;
     void addSuiteNamed(const QString &suite);
-    QStringList suites() const;
 
     // Absent keys read as an invalid QVariant.
     QVariant objectForKey(const QString &key);
-    // Absent -> false; numbers are true when non-zero; strings when "YES",
-    // "true" or "1" (any case).
-    bool boolForKey(const QString &key);
 
     // Writes go to the own domain and reach the disk at synchronize(). An
     // invalid value removes the key; a value a property list cannot hold is

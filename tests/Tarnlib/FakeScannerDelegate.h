@@ -19,9 +19,8 @@ class FakeScannerDelegate : public QXScannerDelegate
 {
 public:
     QString engine, scanLog, quarantineFolder;
-    bool clamd = true, fileList = true, updates = false, logging = true, noSummary = false, quarantine = false,
-         mail = false;
-    QStringList exclusions, rootExclusions;
+    bool fileList = true, updates = false, logging = true, quarantine = false, mail = false;
+    QStringList exclusions;
     std::optional<QString> additional;
     QMap<QString, QStringList> savedSearches;
     // Runs inside the end report, while the scanner waits for it.
@@ -45,12 +44,12 @@ public:
     bool quarantineFiles() const override { return asked(quarantine); }
     bool scanEmailFiles() const override { return asked(mail); }
     bool logScans() const override { return asked(logging); }
-    bool suppressSummary() const override { return asked(noSummary); }
+    bool suppressSummary() const override { return asked(false); }
     // Asked once by the scanner's constructor, on the owner's thread.
-    bool useClamd() const override { return clamd; }
+    bool useClamd() const override { return true; }
     bool wantScanStatusUpdates() const override { return updates; }
     QStringList exclusionStrings() const override { return asked(exclusions); }
-    QStringList exclusionStringsForRootVolScan() const override { return asked(rootExclusions); }
+    QStringList exclusionStringsForRootVolScan() const override { return asked(QStringList()); }
     QString enginePath() const override { return asked(engine); }
     QString pathToScanLog() const override { return asked(scanLog); }
     QStringList pathsToScan() const override { return {}; }

@@ -7,6 +7,7 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedPrefix.h"
+#include "tests/support/TemporaryHome.h"
 
 #include <QDir>
 #include <QFile>
@@ -36,13 +37,7 @@ public:
     void feed(const QByteArray &chunk) { notifiedForStdOutput(chunk); }
 };
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QStringList logLines(const QString &path) { return QString::fromUtf8(readFile(path)).split('\n'); }
+QStringList logLines(const QString &path) { return QString::fromUtf8(TemporaryHome::readFile(path)).split('\n'); }
 
 QString infection(const QString &path, const QString &name) { return "infectionFound:" + path + ": " + name + " FOUND"; }
 
@@ -96,8 +91,6 @@ protected:
         scanner->perform([reached] { *reached = true; });
         return QTest::qWaitFor([&] { return reached->load(); }, waitLimit);
     }
-
-    void scanNamesTheListCannotCarry(bool clamd);
 
     // Only for its file helpers: the samples to scan live here.
     ScriptedPrefix files;
@@ -161,43 +154,6 @@ TEST_F(QXScannerTest, CleanFilesGivenAsArgumentsEndWithStatusZeroAndWriteNoListN
     EXPECT_FALSE(QFile::exists(delegate.scanLog));
 }
 
-TEST_F(QXScannerTest, StandAloneScannerSkipsTheQuarantineAndReportsProgress)
-{
-    ASSERT_TRUE(useRealEngine());
-    useScanLog();
-    delegate.clamd = false;
-    delegate.updates = true;
-    delegate.quarantine = true;
-    const QString folder = files.filePath("tree");
-    const QString eicar = infected("tree/eicar.com");
-    const QString harmless = clean("tree/clean.txt");
-    infected("tree/Quarantine/held.com");
-    delegate.quarantineFolder = files.filePath("tree/Quarantine");
-    scan({folder});
-
-    ASSERT_TRUE(waitForEnd());
-    const QStringList events = delegate.events();
-    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"), ElementsAre(infection(eicar, eicarName)));
-    EXPECT_THAT(delegate.eventsStartingWith("updateProgressWithMessage:"),
-                UnorderedElementsAre("updateProgressWithMessage:Scanning " + eicar,
-                                     "updateProgressWithMessage:Scanning " + harmless));
-    EXPECT_EQ(events.count("updateProgressBar"), 2);
-    EXPECT_THAT(events.mid(events.size() - 2),
-                ElementsAre("updateProgressWithPercentDone:100", "scanFinishedWithStatus:1"));
-
-    const QString log = QString::fromUtf8(readFile(delegate.scanLog));
-    const QStringList lines = log.split('\n');
-    ASSERT_GT(lines.size(), 7);
-    EXPECT_EQ(lines.at(0), QString(79, '-'));
-    EXPECT_TRUE(dateLine.match(lines.at(1)).hasMatch()) << qPrintable(lines.at(1));
-    EXPECT_THAT(lines.mid(2, 5), ElementsAre("Items to be scanned:", "", folder, "", ""));
-    EXPECT_TRUE(log.contains(eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND\n"));
-    EXPECT_TRUE(log.contains("SCAN SUMMARY"));
-    EXPECT_FALSE(log.contains("Scanning "));
-    EXPECT_FALSE(log.contains("held.com: Korvane"));
-    EXPECT_TRUE(log.endsWith("\n\n"));
-}
-
 TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
 {
     ScriptEngine engine("exit 0");
@@ -216,28 +172,6 @@ TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
                 ElementsAre("--no-summary", "--one", "", "--two", "--file-list=" + scanner->scanListTempFilePath()));
     EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), "/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2");
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
-}
-
-TEST_F(QXScannerTest, StandAloneScannerGetsExclusionsRootPairsQuarantineAndPaths)
-{
-    ScriptEngine engine("exit 0");
-    ASSERT_TRUE(useScript(engine));
-    delegate.clamd = false;
-    delegate.fileList = false;
-    delegate.noSummary = true;
-    delegate.exclusions = {"--exclude=\\.log$", "--exclude-dir=cache"};
-    delegate.rootExclusions = {"A", "B"};
-    delegate.quarantine = true;
-    delegate.quarantineFolder = "/q";
-    delegate.additional = QString();
-    scan({"/", "/home", "/"});
-
-    ASSERT_TRUE(waitForEnd());
-    const QStringList rootPairs {"--exclude=^A", "--exclude-dir=^A", "--exclude=^B", "--exclude-dir=^B"};
-    EXPECT_EQ(engine.recordedArguments(),
-              (QStringList {"-rv", "--exclude=\\.log$", "--exclude-dir=cache"} + rootPairs + rootPairs
-               + QStringList {"--exclude=^/q", "--exclude-dir=^/q", "--scan-mail=no", "--no-summary", "", "/", "/home", "/"}));
-    EXPECT_TRUE(engine.copiedFileList().isEmpty());
 }
 
 TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
@@ -292,9 +226,9 @@ TEST_F(QXScannerTest, MissingEngineProgramReportsACrashAndLeavesTheList)
         << qPrintable(events.at(1));
     EXPECT_TRUE(events.at(1).contains("No such file or directory")) << qPrintable(events.at(1));
 
-    EXPECT_EQ(readFile(scanner->scanListTempFilePath()), harmless.toUtf8());
+    EXPECT_EQ(TemporaryHome::readFile(scanner->scanListTempFilePath()), harmless.toUtf8());
     QFile::remove(scanner->scanListTempFilePath());
-    const QString log = QString::fromUtf8(readFile(delegate.scanLog));
+    const QString log = QString::fromUtf8(TemporaryHome::readFile(delegate.scanLog));
     EXPECT_TRUE(log.endsWith("\n\n"));
     EXPECT_TRUE(dateLine.match(log.chopped(2)).hasMatch()) << qPrintable(log);
 }
@@ -356,7 +290,7 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     useScanLog();
     delegate.logging = false;
     QByteArray logWhileEnding = "unread";
-    delegate.onFinished = [&] { logWhileEnding = readFile(delegate.scanLog); };
+    delegate.onFinished = [&] { logWhileEnding = TemporaryHome::readFile(delegate.scanLog); };
     const QString eicar = infected("eicar.com");
     scan({eicar});
 
@@ -364,14 +298,13 @@ TEST_F(QXScannerTest, HandMadePrefixDetectsTheSameSignaturesAndWithLoggingOffThe
     EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", infection(eicar, eicarName), "scanFinishedWithStatus:1"));
     // The end report held the run, so the newline came after it.
     EXPECT_EQ(logWhileEnding, QByteArray());
-    EXPECT_EQ(readFile(delegate.scanLog), "\n");
+    EXPECT_EQ(TemporaryHome::readFile(delegate.scanLog), "\n");
 }
 
 // A newline would cut the name in the engine's list and in its output.
-void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
+TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline)
 {
     ASSERT_TRUE(useRealEngine());
-    delegate.clamd = clamd;
     const QString split = infected("two\nlines.com");
     const QString ending = infected("ends in a newline\n");
     const QString harmless = clean("clean\nname.txt");
@@ -384,10 +317,6 @@ void QXScannerTest::scanNamesTheListCannotCarry(bool clamd)
                                      infection(ending, eicarName)));
     EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
 }
-
-TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline) { scanNamesTheListCannotCarry(true); }
-
-TEST_F(QXScannerTest, StandAloneScannerScansNamesWithANewline) { scanNamesTheListCannotCarry(false); }
 
 TEST_F(QXScannerTest, AnEngineThatFallsSilentIsEndedAndTheScanReportedAsCrashed)
 {

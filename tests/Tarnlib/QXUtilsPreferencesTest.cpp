@@ -1,12 +1,9 @@
 #include "RecordingUtilsDelegate.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
-#include "platform/BundleInfo.h"
-#include "platform/UserDefaults.h"
 #include "platform/UserDefaultsController.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
 
-#include <QDateTime>
 #include <QFileInfo>
 #include <gtest/gtest.h>
 
@@ -19,8 +16,6 @@ class QXUtilsPreferencesTest : public ::testing::Test
 {
 protected:
     QXUtils *make() { return utils.emplace_back(std::make_unique<QXUtils>(&delegate)).get(); }
-
-    void TearDown() override { BundleInfo::setBundleIdentifier(agentDomain); }
 
     FreshPreferences home;
     RecordingUtilsDelegate delegate;
@@ -69,20 +64,6 @@ TEST_F(QXUtilsPreferencesTest, TheAgentCannotWriteSettingsThroughTheCompanionOpe
     EXPECT_TRUE(home.readDomain(companionDomain).value(QStringLiteral("ScanEmail")).toBool());
 }
 
-TEST_F(QXUtilsPreferencesTest, RunningAsTheCompanionWritesItsOwnDomainAndAddsNoSuite)
-{
-    BundleInfo::setBundleIdentifier(companionDomain);
-    FreshPreferences companionHome; // a store made under the companion's identifier
-    QXUtils u(&delegate);
-    EXPECT_TRUE(companionHome.defaults()->suites().isEmpty());
-    u.setPreference(false, QStringLiteral("ScanEmail"));
-    u.syncPrefs();
-    EXPECT_EQ(companionHome.readDomain(companionDomain).value(QStringLiteral("ScanEmail")), QVariant(false));
-    u.deletePreferenceForKey(QStringLiteral("ScanEmail"));
-    u.syncPrefs();
-    EXPECT_FALSE(companionHome.readDomain(companionDomain).contains(QStringLiteral("ScanEmail")));
-}
-
 TEST_F(QXUtilsPreferencesTest, BufferedValueIsSeenBeforeTheCommitAndGoneAfterARevert)
 {
     QXUtils *u = make();
@@ -108,18 +89,6 @@ TEST_F(QXUtilsPreferencesTest, CustomEnginePrefixIsTriedLastAndSetupRecordsTheFi
               QStringLiteral("/usr/local/korvane/share/clamav/freshclam.log"));
 }
 
-TEST_F(QXUtilsPreferencesTest, AppStoreMarkIgnoresTheCustomPrefixAndIsClearedAtTheNextCommit)
-{
-    home.writeDomain(agentDomain, {{QStringLiteral("PathToClamav"), QStringLiteral("/opt/engine")},
-                                   {QStringLiteral("isAppStore"), true}});
-    QXUtils *u = make();
-    EXPECT_EQ(u->enginePathsArray().size(), 5);
-    EXPECT_FALSE(u->readPreferenceForKey(QStringLiteral("isAppStore")).isValid());
-    EXPECT_TRUE(home.readDomain(agentDomain).contains(QStringLiteral("isAppStore")));
-    u->syncPrefs();
-    EXPECT_FALSE(home.readDomain(agentDomain).contains(QStringLiteral("isAppStore")));
-}
-
 TEST_F(QXUtilsPreferencesTest, ScanLogAndAutostartFolderLiveUnderTheXdgFoldersAndTheLogFolderIsCreated)
 {
     QXUtils *u = make();
@@ -127,7 +96,6 @@ TEST_F(QXUtilsPreferencesTest, ScanLogAndAutostartFolderLiveUnderTheXdgFoldersAn
     EXPECT_TRUE(QFileInfo(home.stateHome() + QStringLiteral("/korvane")).isDir());
     EXPECT_EQ(u->launchAgentsDir(), home.configHome() + QStringLiteral("/autostart"));
 }
-
 
 TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysIsReadAsItComesOrCountsAsAbsentAndIsLoggedOnceWithItsKey)
 {

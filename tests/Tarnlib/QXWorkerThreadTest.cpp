@@ -1,7 +1,6 @@
 #include "Tarnlib/Tarnlib/QXWorkerThread.h"
 
 #include "ProcessState.h"
-#include "tests/support/LogCapture.h"
 
 #include <QCoreApplication>
 #include <QMutexLocker>
@@ -35,11 +34,7 @@ public:
         int emptyChunks = 0;
     };
 
-    explicit RecordingWorker(bool recordErrors = true)
-        : _recordErrors(recordErrors)
-    {
-        start();
-    }
+    RecordingWorker() { start(); }
     ~RecordingWorker() override { stopThread(); }
 
     void run(const QString &program, const QStringList &arguments = {})
@@ -71,13 +66,7 @@ public:
 
 protected:
     void notifiedForStdOutput(const QByteArray &chunk) override { note(_seen.output, chunk); }
-    void notifiedForStdError(const QByteArray &chunk) override
-    {
-        if (_recordErrors)
-            note(_seen.errors, chunk);
-        else
-            QXWorkerThread::notifiedForStdError(chunk);
-    }
+    void notifiedForStdError(const QByteArray &chunk) override { note(_seen.errors, chunk); }
 
 private:
     void note(QByteArray &into, const QByteArray &chunk)
@@ -88,7 +77,6 @@ private:
         _seen.emptyChunks += chunk.isEmpty() ? 1 : 0;
     }
 
-    const bool _recordErrors;
     mutable QMutex _lock;
     Seen _seen;
 };
@@ -143,15 +131,6 @@ TEST(QXWorkerThreadTest, RunAnswersTheExitCodeTheKillingSignalOrWhyTheProgramCou
         EXPECT_TRUE(result->error.contains(c.error)) << qPrintable(result->error);
         EXPECT_FALSE(worker.hasChild());
     }
-}
-
-TEST(QXWorkerThreadTest, StandardErrorGoesToTheSystemLogByDefault)
-{
-    LogCapture log;
-    RecordingWorker worker(false);
-    worker.runShell("echo 'not a virus' >&2");
-    worker.finished();
-    EXPECT_TRUE(log.contains("error:not a virus\n")) << qPrintable(log.lines().join('|'));
 }
 
 TEST(QXWorkerThreadTest, SuspendResumeAndTerminateReachTheRunningChildAndWithoutOneAnswerNo)

@@ -78,7 +78,7 @@ TEST_F(AgentFixture, BatchReadyDuringAScanStaysReadyUntilTheFirstTickAfterTheSca
     EXPECT_FALSE(agent->readyToScan());
 }
 
-TEST_F(AgentFixture, ScanAnimatesThroughEveryFrameAndItsEndOrCrashMakesTheAgentReadyWithTheWatchingImage)
+TEST_F(AgentFixture, AScansEndOrCrashStopsTheAnimationAndMakesTheAgentReadyWithTheWatchingImage)
 {
     agent->applicationDidFinishLaunching();
     for (bool crash : {false, true}) {
@@ -87,13 +87,6 @@ TEST_F(AgentFixture, ScanAnimatesThroughEveryFrameAndItsEndOrCrashMakesTheAgentR
         agent->utils()->setScanning(true);
         agent->scanStarted();
         EXPECT_TRUE(agent->throbberAnimationTimer()->isActive());
-        for (int tick = 0; tick < 9; ++tick) {
-            agent->forwardAnimation();
-            EXPECT_EQ(shownImage(), agent->throbberAnimationFrames().at(tick).cacheKey()) << tick;
-        }
-        EXPECT_EQ(agent->throbberAnimationCurrentFrame(), 0);
-        agent->reverseAnimation();
-        EXPECT_EQ(agent->throbberAnimationCurrentFrame(), 8);
         crash ? agent->scanCrashed(QStringLiteral("launch path not accessible")) : agent->scanFinishedWithStatus(2);
         EXPECT_FALSE(agent->throbberAnimationTimer()->isActive());
         EXPECT_FALSE(agent->utils()->scanning());

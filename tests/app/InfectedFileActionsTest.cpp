@@ -21,19 +21,6 @@
 
 namespace {
 
-int modeOf(const QString &path)
-{
-    struct stat info;
-    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
-void fill(const QString &folder)
-{
-    QFile filler(folder + "/filler");
-    if (filler.open(QIODevice::WriteOnly))
-        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) { }
-}
-
 class InfectedFileActionsTest : public AgentFixture
 {
 protected:
@@ -162,7 +149,7 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPu
         EXPECT_EQ(value(i, "originalFilePath"), files[i]);
     }
     EXPECT_EQ(value(3, "status"), Localization::text("TRASHED"));
-    EXPECT_EQ(modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
     EXPECT_TRUE(list->selectionIndexes().isEmpty());
     EXPECT_FALSE(agent->quarantineFileAtIndex(0));
     EXPECT_EQ(copiesOf("occupant"), 1);
@@ -173,7 +160,7 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPu
 
     for (int i : {0, 1, 2, 3})
         EXPECT_EQ(value(i, "filePath"), files[i]);
-    EXPECT_EQ(modeOf(files[0]), 0750);
+    EXPECT_EQ(TemporaryHome::modeOf(files[0]), 0750);
     EXPECT_EQ(alerts.beeps, 0);
     EXPECT_TRUE(eachOnce(files));
 }
@@ -211,7 +198,7 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
          [this](const QString &, const QString &volume) { agent->utils()->setQuarantineLocation(volume); }},
         {"quarantine of a file that vanished", Quarantine, false, {}, vanish},
         {"delete of a file that vanished", Delete, false, {}, vanish},
-        {"delete on a full disk", Delete, true, {}, [](const QString &, const QString &volume) { fill(volume); }},
+        {"delete on a full disk", Delete, true, {}, {}}, // the volume is filled
         {"put back onto a taken name", PutBack, false, taken,
          [](const QString &file, const QString &) {
              QFile newcomer(file);
@@ -242,7 +229,7 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
             agent->quarantineFile(nullptr);
         }
         const InfectedItem before = row(0);
-        c.spoil(file, volume ? volume->path() : QString());
+        c.spoil ? c.spoil(file, volume ? volume->path() : QString()) : volume->fill();
         const int beeps = alerts.beeps;
         select({0});
 
@@ -330,7 +317,7 @@ TEST_F(InfectedFileActionsTest, TheListSurvivesARestartAndFilesCanBePutBackThen)
     agent->putBack(nullptr);
     for (int i : {0, 1, 2})
         EXPECT_EQ(value(i, "filePath"), files[i]);
-    EXPECT_EQ(modeOf(files[0]), 0755);
+    EXPECT_EQ(TemporaryHome::modeOf(files[0]), 0755);
     EXPECT_TRUE(eachOnce(files));
 
     agent->clearInfectedList(nullptr);

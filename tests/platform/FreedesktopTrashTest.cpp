@@ -16,12 +16,6 @@
 
 namespace {
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 bool writeFile(const QString &path, const QByteArray &contents)
 {
     QDir().mkpath(QFileInfo(path).path());
@@ -29,18 +23,12 @@ bool writeFile(const QString &path, const QByteArray &contents)
     return file.open(QIODevice::WriteOnly) && file.write(contents) == contents.size();
 }
 
-int modeOf(const QString &path)
-{
-    struct stat info;
-    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777) : -1;
-}
-
 // The Path= line of a .trashinfo, and whether the rest of it is as the
 // specification wants: the group line first and a local deletion time
 // between before and after.
 QByteArray recordedPath(const QString &infoPath, const QDateTime &before, const QDateTime &after)
 {
-    const QList<QByteArray> lines = readFile(infoPath).split('\n');
+    const QList<QByteArray> lines = TemporaryHome::readFile(infoPath).split('\n');
     if (lines.size() != 4 || lines[0] != "[Trash Info]" || !lines[1].startsWith("Path=")
         || !lines[2].startsWith("DeletionDate=") || !lines[3].isEmpty())
         return "unexpected: " + lines.join('|');
@@ -72,11 +60,11 @@ TEST_F(FreedesktopTrashTest, AFileInTheHomeGoesToTheHomeTrashWithItsAbsolutePath
     const QString folder = home.filePath(".local/share/Trash");
     EXPECT_EQ(trashed, folder + "/files/50% off.exe") << error.toStdString();
     EXPECT_FALSE(QFileInfo::exists(file));
-    EXPECT_EQ(readFile(trashed), "payload");
+    EXPECT_EQ(TemporaryHome::readFile(trashed), "payload");
     EXPECT_EQ(recordedPath(folder + "/info/50% off.exe.trashinfo", before, QDateTime::currentDateTime()),
               QFile::encodeName(QFileInfo(home.path()).canonicalFilePath()) + "/Down%20loads/50%25%20off.exe");
     for (const char *sub : {"", "/files", "/info"})
-        EXPECT_EQ(modeOf(folder + sub), 0700) << sub;
+        EXPECT_EQ(TemporaryHome::modeOf(folder + sub), 0700) << sub;
 }
 
 TEST_F(FreedesktopTrashTest, ATakenNameGetsANumberAndAFileWithoutItsRecordStillHoldsItsName)
@@ -92,8 +80,8 @@ TEST_F(FreedesktopTrashTest, ATakenNameGetsANumberAndAFileWithoutItsRecordStillH
     EXPECT_EQ(trashed,
               QStringList({folder + "/files/eicar.com", folder + "/files/eicar.2.com", folder + "/files/eicar.4.com"}))
         << error.toStdString();
-    EXPECT_EQ(readFile(folder + "/files/eicar.4.com"), "c");
-    EXPECT_EQ(readFile(folder + "/files/eicar.3.com"), "orphan");
+    EXPECT_EQ(TemporaryHome::readFile(folder + "/files/eicar.4.com"), "c");
+    EXPECT_EQ(TemporaryHome::readFile(folder + "/files/eicar.3.com"), "orphan");
     EXPECT_EQ(QDir(folder + "/info").entryList(QDir::Files),
               QStringList({"eicar.2.com.trashinfo", "eicar.4.com.trashinfo", "eicar.com.trashinfo"}));
     EXPECT_EQ(trash.trashFolders().first(), folder);
@@ -142,12 +130,12 @@ TEST_F(FreedesktopTrashTest, AFileOnAnotherVolumeGoesToThatVolumesTrashWithAPath
 
         const QString folder = volume.path() + '/' + QString(c.expectedTrash).arg(uid());
         EXPECT_EQ(trashed, folder + "/files/a file%.com") << c.name << ": " << error.toStdString();
-        EXPECT_EQ(readFile(trashed), c.name) << c.name;
+        EXPECT_EQ(TemporaryHome::readFile(trashed), c.name) << c.name;
         EXPECT_FALSE(QFileInfo::exists(file)) << c.name;
         EXPECT_EQ(recordedPath(folder + "/info/a file%.com.trashinfo", before, QDateTime::currentDateTime()),
                   "in%20box/a%20file%25.com")
             << c.name;
-        EXPECT_EQ(modeOf(folder), 0700) << c.name;
+        EXPECT_EQ(TemporaryHome::modeOf(folder), 0700) << c.name;
         EXPECT_TRUE(trash.trashFolders().contains(folder)) << c.name;
     }
 }
@@ -167,13 +155,7 @@ TEST_F(FreedesktopTrashTest, AFileThatCannotBeTrashedStaysWhereItWasAndLeavesNoR
     } cases[] = {
         {"the volume's Trash is a file",
          [](const QString &top) { writeFile(top + "/.Trash-" + QString::number(::getuid()), "x"); }, 1024 * 1024},
-        {"the volume is full",
-         [](const QString &top) {
-             QFile filler(top + "/filler");
-             if (filler.open(QIODevice::WriteOnly))
-                 while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) { }
-         },
-         64 * 1024},
+        {"the volume is full", {}, 64 * 1024},
     };
     for (const auto &c : cases) {
         MountedTmpfs volume(c.size);
@@ -181,12 +163,12 @@ TEST_F(FreedesktopTrashTest, AFileThatCannotBeTrashedStaysWhereItWasAndLeavesNoR
             GTEST_SKIP() << volume.reason().toStdString();
         const QString file = volume.path() + "/eicar.com";
         ASSERT_TRUE(writeFile(file, "payload")) << c.name;
-        c.spoil(volume.path());
+        c.spoil ? c.spoil(volume.path()) : volume.fill();
 
         error.clear();
         EXPECT_EQ(trash.moveToTrash(file, &error), QString()) << c.name;
         EXPECT_FALSE(error.isEmpty()) << c.name;
-        EXPECT_EQ(readFile(file), "payload") << c.name;
+        EXPECT_EQ(TemporaryHome::readFile(file), "payload") << c.name;
         const QString info = volume.path() + "/.Trash-" + uid() + "/info";
         EXPECT_TRUE(QDir(info).entryList(QDir::Files).isEmpty()) << c.name;
     }

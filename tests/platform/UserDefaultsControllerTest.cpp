@@ -22,22 +22,6 @@ protected:
 
 } // namespace
 
-TEST_F(UserDefaultsControllerTest, BufferedValueIsSeenBeforeCommitAndGoneAfterRevert)
-{
-    defaults.registerDefaults({{"interval", qint64(60)}});
-    controller.setAppliesImmediately(false);
-
-    controller.setValue(qint64(5), "interval");
-    EXPECT_EQ(controller.value("interval"), QVariant(qint64(5)));
-    EXPECT_TRUE(controller.hasUnappliedChanges());
-    EXPECT_EQ(defaults.objectForKey("interval"), QVariant(qint64(60)));
-    EXPECT_FALSE(QFile::exists(UserDefaults::pathForDomain(own)));
-
-    controller.revert();
-    EXPECT_FALSE(controller.hasUnappliedChanges());
-    EXPECT_EQ(controller.value("interval"), QVariant(qint64(60)));
-}
-
 TEST_F(UserDefaultsControllerTest, StoredValueWinsOverTheInitialOneAndABufferedRemovalHidesBothUntilTheCommit)
 {
     ASSERT_TRUE(PropertyList::writeXmlFile(UserDefaults::pathForDomain(own), QVariantMap{{"path", "/stored"}}));

@@ -29,3 +29,10 @@ MountedTmpfs::~MountedTmpfs()
     if (_mounted)
         ::umount2(QFile::encodeName(_dir.path()).constData(), MNT_DETACH);
 }
+
+void MountedTmpfs::fill() const
+{
+    QFile filler(_dir.filePath(QStringLiteral("filler")));
+    if (filler.open(QIODevice::WriteOnly))
+        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) { }
+}

@@ -16,6 +16,8 @@ public:
     bool isMounted() const { return _mounted; }
     QString reason() const { return _reason; }
     QString path() const { return _dir.path(); }
+    // Writes until the file system is full.
+    void fill() const;
 
 private:
     QTemporaryDir _dir;

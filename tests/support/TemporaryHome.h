@@ -21,6 +21,10 @@ public:
     // Writes a file (making its folders) and answers its absolute path.
     QString writeFile(const QString &relative, const QByteArray &contents) const;
 
+    // Any file's contents (empty when it cannot be read) and permission bits (-1 when missing).
+    static QByteArray readFile(const QString &path);
+    static int modeOf(const QString &path);
+
 private:
     QTemporaryDir _dir;
     QByteArray _saved[4];

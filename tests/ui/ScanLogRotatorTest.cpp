@@ -20,12 +20,6 @@ namespace {
 const QString header = "# logfilename [owner:group] mode count size when flags [/pid_file] [sig_num]\n";
 const LogRotationTool logrotate(LogRotationTool::Kind::Logrotate, QString(LogRotationTool::logrotatePath));
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
-}
-
 struct stat statOf(const QString &path)
 {
     struct stat info = {};
@@ -104,25 +98,6 @@ TEST_F(ScanLogRotatorTest, SizeLimitIsThePreferredSizeOnlyWhenItIsAPositiveNumbe
     }
 }
 
-TEST(LogRotationToolTest, BothConfigurationsTakeThePathLiterallyAndRotateBySizeIntoThreeBzip2Archives)
-{
-    const QString log = "/home/ann %2/logs/KorvaneVarden-scan.log";
-    EXPECT_EQ(LogRotationTool::newsyslogConfiguration(log, 1000, 100, 1024), header + log + "\t1000:100\t640\t3\t1024\t*\tCJN");
-    EXPECT_EQ(LogRotationTool::logrotateConfiguration(log, 1000, 100, 1024),
-              "\"" + log + "\" {\n"
-              "    size 1024k\n"
-              "    rotate 3\n"
-              "    compress\n"
-              "    compresscmd /bin/bzip2\n"
-              "    uncompresscmd /bin/bunzip2\n"
-              "    compressext .bz2\n"
-              "    create 0640 1000 100\n"
-              "    su 1000 100\n"
-              "    missingok\n"
-              "    nomail\n"
-              "}\n");
-}
-
 // newsyslog does not run here: a script in its place records what it is given.
 TEST_F(ScanLogRotatorTest, NewsyslogIsHandedItsOneEntryFileWhichIsGoneAfterwards)
 {
@@ -130,8 +105,8 @@ TEST_F(ScanLogRotatorTest, NewsyslogIsHandedItsOneEntryFileWhichIsGoneAfterwards
     QFile::setPermissions(tool, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     ScanLogRotator(utils(), LogRotationTool(LogRotationTool::Kind::Newsyslog, tool)).rotateLogFile();
 
-    EXPECT_EQ(readFile(tool + ".args"), ("-Cr\n-f\n" + temp + "/scanlogrotate.conf\n").toUtf8());
-    EXPECT_EQ(QString::fromUtf8(readFile(tool + ".conf")),
+    EXPECT_EQ(TemporaryHome::readFile(tool + ".args"), ("-Cr\n-f\n" + temp + "/scanlogrotate.conf\n").toUtf8());
+    EXPECT_EQ(QString::fromUtf8(TemporaryHome::readFile(tool + ".conf")),
               header + ScanLogRotator::logPath() + QStringLiteral("\t%1:%2\t640\t3\t5120\t*\tCJN").arg(getuid()).arg(getgid()));
     EXPECT_EQ(leftInTemp(), QStringList());
 }
@@ -177,7 +152,7 @@ TEST_F(ScanLogRotatorTest, MissingLogIsCreatedEmptyAndOneBelowTheLimitIsLeftAlon
     const QByteArray contents = megabyteLog(1).left(100 * 1024);
     writeLog(contents);
     rotator.rotateLogFile();
-    EXPECT_TRUE(readFile(ScanLogRotator::logPath()) == contents);
+    EXPECT_TRUE(TemporaryHome::readFile(ScanLogRotator::logPath()) == contents);
     EXPECT_EQ(archives(), QStringList());
     EXPECT_EQ(leftInTemp(), QStringList());
 }
@@ -193,7 +168,7 @@ TEST_F(ScanLogRotatorTest, MissingOrFailingToolLeavesTheLogAsItWasAndIsLoggedOnc
         ScanLogRotator rotator(utils(), LogRotationTool(LogRotationTool::Kind::Logrotate, program));
         rotator.rotateLogFile();
         rotator.rotateLogFile();
-        EXPECT_TRUE(readFile(log) == megabyteLog(1));
+        EXPECT_TRUE(TemporaryHome::readFile(log) == megabyteLog(1));
         EXPECT_EQ(archives(), QStringList());
         EXPECT_EQ(leftInTemp(), QStringList());
         ASSERT_EQ(systemLog.lines().size(), 1);
@@ -210,7 +185,7 @@ TEST_F(ScanLogRotatorTest, UnwritableConfigurationKeepsTheToolFromRunning)
         LogCapture systemLog;
         qputenv("TMPDIR", folder.toUtf8());
         ScanLogRotator(utils(), logrotate).rotateLogFile();
-        EXPECT_TRUE(readFile(log) == megabyteLog(1));
+        EXPECT_TRUE(TemporaryHome::readFile(log) == megabyteLog(1));
         EXPECT_EQ(archives(), QStringList());
         EXPECT_TRUE(systemLog.anyContains("scanlogrotate.conf"));
     }
