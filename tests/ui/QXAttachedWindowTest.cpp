@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <memory>
 
 inline void PrintTo(const QRect &rect, std::ostream *out)
@@ -122,6 +123,46 @@ TEST_F(AttachedWindowTest, AutomaticSideTakesRoomBelowFirstThenRightAndKeepsBesi
         parent.setGeometry(c.parent);
         auto window = attach(c.point, Side::Automatic, 0, c.parent.isEmpty() ? nullptr : &parent);
         EXPECT_EQ(int(window->side()), int(c.expected));
+    }
+}
+
+TEST_F(AttachedWindowTest, SettersKeepTheBorderMarginRadiusAndArrowWithinTheShape)
+{
+    struct Case {
+        const char *name;
+        std::function<void(QXAttachedWindow &)> change;
+        qreal border, margin, radius, arrowBase;
+    };
+    const Case cases[] = {
+        {"a border wider than the margin", [](QXAttachedWindow &w) { w.setBorderWidth(5); }, 2, 2, 8, 20},
+        {"a thin border", [](QXAttachedWindow &w) { w.setBorderWidth(1); }, 1, 2, 8, 20},
+        {"a negative margin", [](QXAttachedWindow &w) { w.setViewMargin(-3); }, 2, 0, 8, 20},
+        // (60 + 2 x 2 - 20) / 2
+        {"a radius larger than the shape", [](QXAttachedWindow &w) { w.setCornerRadius(100); }, 2, 2, 22, 20},
+        {"a negative radius", [](QXAttachedWindow &w) { w.setCornerRadius(-4); }, 2, 2, 0, 20},
+        {"a smaller margin clamps the radius anew",
+         [](QXAttachedWindow &w) {
+             w.setCornerRadius(30);
+             w.setViewMargin(0);
+         },
+         2, 0, 20, 20},
+        // 60 + 2 x 2 - 8, less 8 again for the rounded corner beside it
+        {"an arrow wider than the shape", [](QXAttachedWindow &w) { w.setArrowBaseWidth(100); }, 2, 2, 8, 48},
+        {"an arrow wider than the shape, beside a sharp corner",
+         [](QXAttachedWindow &w) {
+             w.setDrawsRoundCornerBesideArrow(false);
+             w.setArrowBaseWidth(100);
+         },
+         2, 2, 8, 56},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        auto window = attach({400, 300}, Side::Below);
+        c.change(*window);
+        EXPECT_EQ(window->borderWidth(), c.border);
+        EXPECT_EQ(window->viewMargin(), c.margin);
+        EXPECT_EQ(window->cornerRadius(), c.radius);
+        EXPECT_EQ(window->arrowBaseWidth(), c.arrowBase);
     }
 }
 
