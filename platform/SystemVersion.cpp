@@ -5,8 +5,11 @@
 #include <QVariantMap>
 
 namespace {
-const QString versionPath = QStringLiteral("/System/Library/CoreServices/SystemVersion.plist");
+QString versionPath = QStringLiteral("/System/Library/CoreServices/SystemVersion.plist");
 }
+
+QString SystemVersion::path() { return versionPath; }
+void SystemVersion::setPath(const QString &p) { versionPath = p; }
 
 QString SystemVersion::productVersion()
 {
