@@ -50,7 +50,8 @@ public:
     static quint64 nextEventId();
 
     // Watches every folder below roots. Batches arrive through eventsOccurred on
-    // this object's thread, latency seconds after their first change. Folders whose
+    // this object's thread, latency seconds after their first change; a file changed
+    // after this answered is reported even when its folder's watch came later. Folders whose
     // path begins with one of unwatchedPrefixes (text, not path components) get no
     // watch. Roots that cannot be watched are logged and do not make this fail;
     // false only when the system gives no watcher or this one is already running.

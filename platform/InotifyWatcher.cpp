@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,6 +38,23 @@ constexpr uint32_t watchedChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_M
 // A walk step longer than this hands the thread back to its event loop, so the
 // queue is read and a stop is heard while a large tree is being set up.
 constexpr qint64 walkSliceMs = 10;
+
+// File systems that keep times to the second or two (FAT keeps two) stamp a change
+// made just after the start with a time before it.
+constexpr qint64 stampMarginNs = 2'000'000'000;
+
+qint64 nanoseconds(const timespec &time)
+{
+    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+// The clock file systems stamp changes with, read the way they read it.
+qint64 stampClockNs()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return nanoseconds(now);
+}
 
 QByteArray joined(const QByteArray &folder, const QByteArray &name)
 {
@@ -83,7 +101,7 @@ class InotifyWatcher::Worker : public QObject
 {
 public:
     Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes,
-           qint64 watchBudget);
+           qint64 watchBudget, qint64 changedSinceNs);
     ~Worker() override;
 
     void begin();
@@ -129,6 +147,7 @@ private:
     QByteArray pathOf(int wd) const;
     QByteArray rootOf(int wd) const;
     bool isUnwatched(const QByteArray &path) const;
+    bool isRecent(const timespec &time) const { return nanoseconds(time) >= _changedSinceNs; }
     void note(const QByteArray &path, quint32 flags);
     void closeBatch();
 
@@ -136,6 +155,8 @@ private:
     const int _fd;
     const int _latencyMs;
     const qint64 _watchBudget;
+    // Changes stamped from then on may have come before their folder's watch.
+    const qint64 _changedSinceNs;
     QList<QByteArray> _roots;
     QList<QByteArray> _unwatchedPrefixes;
     QSocketNotifier *_notifier = nullptr;
@@ -155,11 +176,12 @@ private:
 };
 
 InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs,
-                               const QStringList &unwatchedPrefixes, qint64 watchBudget)
+                               const QStringList &unwatchedPrefixes, qint64 watchBudget, qint64 changedSinceNs)
     : _owner(owner)
     , _fd(fd)
     , _latencyMs(latencyMs)
     , _watchBudget(watchBudget)
+    , _changedSinceNs(changedSinceNs)
 {
     for (const QString &root : roots)
         _roots.append(QFile::encodeName(root));
@@ -462,6 +484,16 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     const int fd = ::open(folder.path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
     if (fd < 0)
         return;
+    if (folder.walk == Walk::Initial && !isRoot) {
+        // Moved in since the start (a move changes only the moved folder's ctime), so
+        // what it holds keeps its old times: all of it is new, as for a folder moved in
+        // while watched.
+        struct stat status;
+        if (::fstat(fd, &status) == 0 && isRecent(status.st_ctim) && !isRecent(status.st_mtim)) {
+            note(folder.path, ItemRenamed | ItemIsDir);
+            folder.walk = Walk::New;
+        }
+    }
     DIR *dir = ::fdopendir(fd);
     if (!dir) {
         ::close(fd);
@@ -470,16 +502,19 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     while (const dirent *entry = ::readdir(dir)) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
             continue;
-        bool isFolder = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_UNKNOWN) {
-            struct stat status;
-            isFolder = ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
-        }
+        const bool initialEntry = folder.walk == Walk::Initial && entry->d_type != DT_DIR;
+        struct stat status;
+        const bool stated = (initialEntry || entry->d_type == DT_UNKNOWN)
+            && ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        const bool isFolder = entry->d_type == DT_DIR || (stated && S_ISDIR(status.st_mode));
         const QByteArray name(entry->d_name);
         const QByteArray path = joined(folder.path, name);
         // A folder that was new when its watch came: what is in it already was created since the start.
         if (folder.walk == Walk::New)
             note(path, ItemCreated | (isFolder ? ItemIsDir : ItemIsFile));
+        // Written or moved in since the start, perhaps before this folder's watch existed.
+        else if (initialEntry && stated && !isFolder && (isRecent(status.st_mtim) || isRecent(status.st_ctim)))
+            note(path, ItemModified | ItemIsFile);
         if (isFolder && !isUnwatched(path))
             _pending.push_back({-1, folder.wd, name, path, folder.walk});
     }
@@ -607,6 +642,8 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
 {
     if (_worker)
         return false;
+    // Taken before answering, so that whatever the caller writes next counts as new.
+    const qint64 changedSinceNs = stampClockNs() - stampMarginNs;
     const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0) {
         NSLog(QStringLiteral("cannot watch %1: %2").arg(roots.join(QStringLiteral(", ")), qt_error_string(errno)));
@@ -615,7 +652,8 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
     QStringList cleanRoots;
     for (const QString &root : roots)
         cleanRoots.append(root.isEmpty() ? root : QDir::cleanPath(root));
-    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes, _watchBudget);
+    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes, _watchBudget,
+                         changedSinceNs);
     _worker->moveToThread(&_thread);
     _thread.start();
     QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);

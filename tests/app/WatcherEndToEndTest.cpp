@@ -135,4 +135,31 @@ TEST_F(WatcherEndToEndTest, FolderThatIsMissingOrRemovedIsWatchedOnceItIsThereAn
     EXPECT_TRUE(waitUntilListed({write("deeper/later.com")})) << listedPaths().join(' ').toStdString();
 }
 
+TEST_F(WatcherEndToEndTest, InfectedFilesWrittenRightAfterWatchingRestartsAreScannedThoughTheirFoldersWereNotWatchedYet)
+{
+    // Enough folders that the walk after the restart is still going when the files land.
+    for (int i = 0; i < 40; ++i)
+        for (int j = 0; j < 40; ++j)
+            QDir().mkpath(home.filePath(QStringLiteral("Watched/tree/%1/%2").arg(i).arg(j)));
+    // The walk takes the last listed folder first, so the first listed are reached last.
+    const auto listed = [](const QString &path) {
+        return QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
+    };
+    const QString tree = home.filePath("Watched/tree");
+    QStringList reachedLast;
+    for (const QString &middle : listed(tree).mid(0, 2))
+        for (const QString &leaf : listed(tree + '/' + middle).mid(0, 4))
+            reachedLast.append(tree + '/' + middle + '/' + leaf + "/infected.com");
+    ASSERT_TRUE(waitUntilIdle());
+
+    agent->restartWatching(nullptr);
+    for (const QString &path : std::as_const(reachedLast)) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(EngineFixture::eicarContents());
+    }
+
+    EXPECT_TRUE(waitUntilListed(reachedLast)) << listedPaths().join(' ').toStdString();
+}
+
 } // namespace

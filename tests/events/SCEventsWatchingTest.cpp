@@ -9,10 +9,12 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSet>
 #include <QThread>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -185,6 +187,8 @@ TEST_F(SCEventsWatchingTest, RemovalIsReportedAndAnAttributeChangeIsNotAModifica
     const QString emptied = folder.makeFolder("emptied");
     const QString script = folder.writeFile("script.sh");
     watch({folder.path()});
+    // Made moments before the start, the files may be reported once by the first walk.
+    listener.events.clear();
 
     ASSERT_TRUE(QFile::remove(file));
     ASSERT_TRUE(QDir().rmdir(emptied));
@@ -351,4 +355,63 @@ TEST_F(SCEventsWatchingTest, DelegateMayStopTheStreamWhileBeingCalled)
     // The batch in hand is finished, as the original stream does.
     EXPECT_GE(stopper.events.size(), 1);
     EXPECT_FALSE(events.flushEventStreamSync());
+}
+
+TEST_F(SCEventsWatchingTest, EveryFileWrittenOrMovedInOnceStartAnsweredIsReportedWhileOlderFilesAreNot)
+{
+    // Large enough that the first walk is still going when the writing below begins.
+    constexpr int fanout = 45;
+    WatchedFolder outside;
+    for (int i = 0; i < fanout; ++i)
+        for (int j = 0; j < fanout; ++j)
+            folder.makeFolder(QStringLiteral("tree/%1/%2").arg(i).arg(j));
+    // In the order the folders list them, which a walk that takes the last listed
+    // first reaches last, so that the writing and the walk cross.
+    const auto listed = [](const QString &path) {
+        return QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
+    };
+    QStringList leaves;
+    for (const QString &middle : listed(folder.filePath("tree")))
+        for (const QString &leaf : listed(folder.filePath("tree/" + middle)))
+            leaves.append("tree/" + middle + '/' + leaf);
+    QStringList older;
+    for (qsizetype at = 0; at < leaves.size(); at += 50)
+        older.append(folder.writeFile(leaves.at(at) + "/older.txt"));
+    // Made long before the start and only moved in after it, so what they hold has old times.
+    for (qsizetype at = 0; at < leaves.size(); at += 10)
+        outside.writeFile(QStringLiteral("file-%1").arg(at));
+    for (qsizetype at = 5; at < leaves.size(); at += 100)
+        outside.writeFile(QStringLiteral("folder-%1/sub/deep.txt").arg(at));
+    // File systems that keep times to the second or two must not make these look new.
+    QThread::msleep(2500);
+
+    ASSERT_TRUE(events.startWatchingPaths({folder.path()}));
+    QStringList expected;
+    for (qsizetype at = 0; at < leaves.size(); ++at) {
+        const QString leaf = folder.filePath(leaves.at(at));
+        if (at % 10 == 0) {
+            ASSERT_TRUE(QFile::rename(outside.filePath(QStringLiteral("file-%1").arg(at)), leaf + "/moved.txt"));
+            expected.append(leaf + "/moved.txt");
+        } else if (at % 100 == 5) {
+            ASSERT_TRUE(QDir().rename(outside.filePath(QStringLiteral("folder-%1").arg(at)), leaf + "/folder"));
+            expected.append(leaf + "/folder/sub/deep.txt");
+        } else {
+            QFile file(leaf + "/new.txt");
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write("new\n");
+            expected.append(file.fileName());
+        }
+    }
+    ASSERT_TRUE(events.flushEventStreamSync());
+
+    QSet<QString> reported;
+    for (const SCEvent &event : listener.events)
+        reported.insert(event.eventPath());
+    QStringList missed;
+    std::copy_if(expected.begin(), expected.end(), std::back_inserter(missed),
+                 [&](const QString &path) { return !reported.contains(path); });
+    EXPECT_EQ(missed.size(), 0) << "of " << expected.size() << " written or moved in after the start, e.g. "
+                                << missed.mid(0, 5).join(' ').toStdString();
+    const auto olderReported = std::count_if(older.begin(), older.end(), [&](const QString &path) { return reported.contains(path); });
+    EXPECT_EQ(olderReported, 0) << "of " << older.size() << " files written before the start";
 }
