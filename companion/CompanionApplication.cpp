@@ -5,8 +5,8 @@
 #include "PreferencesWindow.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
-#include "platform/ProcessList.h"
 #include "platform/SystemLog.h"
+#include "platform/Workspace.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -43,13 +43,8 @@ QString CompanionApplication::agentProgram()
 
 bool CompanionApplication::isAgentRunning()
 {
-    for (const QString &program : ProcessList::executablePaths()) {
-        // A rebuilt or upgraded agent still runs from its "(deleted)" file.
-        const QString name = QFileInfo(program).fileName();
-        if (name == agentName || name == agentName + QStringLiteral(" (deleted)"))
-            return true;
-    }
-    return false;
+    // The agent owns its name on the session bus while it runs.
+    return Workspace::sharedWorkspace()->isApplicationActive(QStringLiteral(KORVANE_AGENT_ID));
 }
 
 bool CompanionApplication::startAgent()
