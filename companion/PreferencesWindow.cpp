@@ -133,7 +133,10 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     form->addRow(tr("Quarantine folder:"), quarantineRow);
     form->addRow(_logScans);
     form->addRow(_suppressSummary);
-    form->addRow(tr("Rotate the scan log at:"), _rotateSize);
+    auto *rotateRow = new QHBoxLayout;
+    rotateRow->addWidget(_rotateSize);
+    rotateRow->addStretch();
+    form->addRow(tr("Rotate the scan log at:"), rotateRow);
     form->addRow(tr("More scanner arguments:"), _additionalArgs);
     form->addRow(_logUpdates);
     form->addRow(_updateDefsOnLaunch);

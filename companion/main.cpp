@@ -56,7 +56,6 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationVersion(BundleInfo::shortVersionString());
     Localization::install(app.get());
     if (graphical) {
-        QApplication::setApplicationDisplayName(QStringLiteral("Korvane"));
         QApplication::setDesktopFileName(BundleInfo::companionIdentifier());
     }
 
