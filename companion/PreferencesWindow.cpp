@@ -258,7 +258,8 @@ bool PreferencesWindow::save()
         _settings->setValue(QStringLiteral("QuarantineFolder"), quarantine);
     _settings->setValue(QStringLiteral("LogScans"), _logScans->isChecked());
     _settings->setValue(QStringLiteral("SuppressSummary"), _suppressSummary->isChecked());
-    const QString arguments = _additionalArgs->text().trimmed();
+    // The scanner splits the arguments at single blanks.
+    const QString arguments = _additionalArgs->text().simplified();
     if (arguments.isEmpty())
         _settings->removeValue(QStringLiteral("AdditionalCmdLineArgs"));
     else
@@ -282,7 +283,9 @@ bool PreferencesWindow::save()
 
 void PreferencesWindow::present()
 {
-    load();
+    // A window already open keeps what the user is editing.
+    if (!isVisible())
+        load();
     show();
     raise();
     activateWindow();

@@ -43,12 +43,12 @@ int main(int argc, char **argv)
 {
     BundleInfo::setBundleIdentifier(BundleInfo::companionIdentifier());
 
-    // Scripts use the command line where no display may exist.
+    // Scripts use the command line where no display may exist: only the
+    // window and URLs need one.
     bool graphical = true;
     for (int i = 1; i < argc; ++i) {
         const QByteArray word(argv[i]);
-        if (word == "--add-folder" || word == "--remove-folder" || word == "--list-folders" || word == "--first-run"
-            || word == "--help" || word == "-h" || word == "--version" || word == "-v")
+        if (word.startsWith('-') && word != "--show-preferences")
             graphical = false;
     }
     std::unique_ptr<QCoreApplication> app(graphical ? new QApplication(argc, argv) : new QCoreApplication(argc, argv));
@@ -95,19 +95,21 @@ int main(int argc, char **argv)
     }
 
     CompanionApplication companion;
+    bool handled = false;
+    for (const QString &argument : parser.positionalArguments())
+        handled = companion.openUrl(QUrl(argument)) || handled;
     if (!companion.claimBusName()) {
         // One companion per session: the running one shows its window.
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(QStringLiteral("KorvaneShouldOpenPrefs"),
-                                                                             QStringLiteral("Korvane"));
-        return 0;
+        if (!handled || parser.isSet(show)) {
+            DistributedNotificationCenter::defaultCenter()->postNotificationName(
+                QStringLiteral("KorvaneShouldOpenPrefs"), QStringLiteral("Korvane"));
+            return 0;
+        }
+        return app->exec();
     }
     companion.observeAgent();
     if (!CompanionApplication::isAgentRunning())
         companion.startAgent();
-
-    bool handled = false;
-    for (const QString &argument : parser.positionalArguments())
-        handled = companion.openUrl(QUrl(argument)) || handled;
     if (!handled || parser.isSet(show))
         companion.showPreferences();
     return app->exec();

@@ -81,7 +81,7 @@ TEST_F(CompanionSettingsTest, SettingsSavedInTheWindowAreTheOnesTheAgentReadsWit
     control<QCheckBox>("QuarantineInfected")->setChecked(true);
     control<QCheckBox>("LogScans")->setChecked(false);
     control<QCheckBox>("SuppressSummary")->setChecked(true);
-    control<QLineEdit>("AdditionalCmdLineArgs")->setText("--fdpass --multiscan");
+    control<QLineEdit>("AdditionalCmdLineArgs")->setText(" --fdpass   --multiscan ");
     control<QCheckBox>("LogUpdates")->setChecked(false);
     control<QCheckBox>("UpdateDefsOnLaunch")->setChecked(true);
     control<QSpinBox>("rotateScanlogWhenSizeReaches")->setValue(700);
