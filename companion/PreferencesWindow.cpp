@@ -80,10 +80,10 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
 
     auto *exclusionsPage = new QWidget;
     auto *exclusionsLayout = new QVBoxLayout(exclusionsPage);
-    exclusionsLayout->addWidget(new QLabel(tr("Paths that match an enabled pattern are never scanned. Text matches "
-                                              "anywhere, ignoring case; a regular expression must match the whole "
-                                              "path.")));
-    exclusionsLayout->itemAt(0)->widget()->setProperty("wordWrap", true);
+    auto *exclusionsNote = new QLabel(tr("Paths that match an enabled pattern are never scanned. Text matches "
+                                         "anywhere, ignoring case; a regular expression must match the whole path."));
+    exclusionsNote->setWordWrap(true);
+    exclusionsLayout->addWidget(exclusionsNote);
     _exclusions = new QTableWidget(0, 4);
     _exclusions->setObjectName(QStringLiteral("exclusions"));
     _exclusions->setHorizontalHeaderLabels({tr("On"), tr("Pattern"), tr("Regular Expression"), tr("Comment")});
