@@ -2,12 +2,14 @@
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "companion/CompanionApplication.h"
 #include "companion/LoginItem.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "platform/PropertyList.h"
 #include "platform/UserDefaults.h"
 #include "platform/UserDefaultsController.h"
 
 #include <QFileInfo>
 #include <QPushButton>
+#include <QTest>
 
 namespace {
 
@@ -86,8 +88,15 @@ TEST_F(CompanionSettingsTest, SettingsSavedInTheWindowAreTheOnesTheAgentReadsWit
     control<QCheckBox>("UpdateDefsOnLaunch")->setChecked(true);
     control<QSpinBox>("rotateScanlogWhenSizeReaches")->setValue(700);
     control<QCheckBox>("SUEnableAutomaticChecks")->setChecked(true);
+    QObject agentSide;
+    QStringList restarts;
+    DistributedNotificationCenter::defaultCenter()->addObserver(
+        &agentSide, "KorvaneVardenShouldRestart", [&](const QString &object) { restarts << object; });
     ASSERT_TRUE(w->save());
     EXPECT_TRUE(alerts.alerts.isEmpty());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return restarts == QStringList{"Korvane"}; }, 5000))
+        << "the agent is asked to pick the settings up";
+    DistributedNotificationCenter::defaultCenter()->removeObserver(&agentSide);
 
     // The file itself: the keys and value types the agent expects.
     const QVariantMap file = home->readDomain(companionDomain);
