@@ -343,7 +343,13 @@ void KorvaneVarden_AppDelegate::wakingUp()
 
 QString KorvaneVarden_AppDelegate::relaunchToolPath()
 {
-    return relaunchTool.isEmpty() ? QCoreApplication::applicationDirPath() + QStringLiteral("/relaunch") : relaunchTool;
+    if (!relaunchTool.isEmpty())
+        return relaunchTool;
+    // Beside the agent in a build tree; in the helper folder once installed.
+    const QString own = QCoreApplication::applicationDirPath();
+    const QString beside = own + QStringLiteral("/relaunch");
+    const QString installed = QDir::cleanPath(own + QStringLiteral("/../" KORVANE_HELPER_DIR "/relaunch"));
+    return QFileInfo(beside).isExecutable() || !QFileInfo(installed).isExecutable() ? beside : installed;
 }
 
 void KorvaneVarden_AppDelegate::setRelaunchToolPath(const QString &path)

@@ -4,6 +4,7 @@
 #include "platform/SystemLog.h"
 
 #include <QApplication>
+#include <QDBusConnection>
 #include <QTimer>
 
 int main(int argc, char **argv)
@@ -18,6 +19,8 @@ int main(int argc, char **argv)
     Localization::install(&app);
 
     KorvaneVarden_AppDelegate delegate;
+    // Korvane tells by this name whether the agent runs in this session.
+    QDBusConnection::sessionBus().registerService(BundleInfo::bundleIdentifier());
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                      [&delegate] { delegate.applicationWillTerminate(); });
     QTimer::singleShot(0, &delegate, [&delegate] { delegate.applicationDidFinishLaunching(); });

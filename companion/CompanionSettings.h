@@ -1,0 +1,63 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVariantList>
+#include <QVariantMap>
+
+#include <memory>
+
+class QXUtils;
+
+// The companion's settings, edited through QXUtils running as the companion
+// so that they land in the companion's own domain, which the agent reads.
+// Changes are buffered until save().
+class CompanionSettings
+{
+public:
+    CompanionSettings();
+    ~CompanionSettings();
+
+    // The file the agent reads the settings from.
+    static QString domainPath();
+    static bool domainExists();
+
+    QVariant value(const QString &key) const;
+    void setValue(const QString &key, const QVariant &value);
+    void removeValue(const QString &key);
+
+    // Watched folders as written ("~/..." for folders in the home folder).
+    QStringList watchedFolders() const;
+    void setWatchedFolders(const QStringList &folders);
+    // Each answers false with a clear message and changes nothing when the
+    // folder does not exist, is already there or is not there.
+    bool addWatchedFolder(const QString &folder, QString *error = nullptr);
+    bool removeWatchedFolder(const QString &folder, QString *error = nullptr);
+
+    QVariantList exclusionRecords() const;
+    // Refused as a whole, with the first problem, when a record is unusable.
+    bool setExclusionRecords(const QVariantList &records, QString *error = nullptr);
+    // Empty when the record can be used; otherwise what is wrong with it.
+    static QString exclusionRecordProblem(const QVariantMap &record);
+
+    // Empty when the folder may be the quarantine folder.
+    static QString quarantineFolderProblem(const QString &folder);
+
+    // Writes what changed; answers false (changes kept) when the file could
+    // not be written. After a save the agent is asked to restart.
+    bool save(QString *error = nullptr);
+    void revert();
+
+    // Writes the first run's defaults when there are no settings yet: the
+    // Downloads folder as the one watched folder. Answers whether it wrote.
+    bool writeFirstRunDefaults(QString *error = nullptr);
+
+    // "/home/u/x" -> "~/x"; how folders are kept, so that the settings
+    // survive a renamed home.
+    static QString abbreviated(const QString &folder);
+    static QString expanded(const QString &folder);
+
+private:
+    std::unique_ptr<QXUtils> _utils;
+};

@@ -1,0 +1,351 @@
+#include "PreferencesWindow.h"
+
+#include "CompanionSettings.h"
+#include "LoginItem.h"
+#include "platform/AlertPresenter.h"
+
+#include <QCheckBox>
+#include <QDialogButtonBox>
+#include <QFileDialog>
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QTableWidget>
+#include <QVBoxLayout>
+
+namespace {
+
+enum ExclusionColumn { EnabledColumn, PatternColumn, RegExColumn, CommentColumn };
+
+constexpr int defaultRotateKilobytes = 5120;
+
+QCheckBox *checkBox(const QString &text, const char *name)
+{
+    auto *box = new QCheckBox(text);
+    box->setObjectName(QLatin1String(name));
+    return box;
+}
+
+QPushButton *button(const QString &text, const char *name)
+{
+    auto *b = new QPushButton(text);
+    b->setObjectName(QLatin1String(name));
+    return b;
+}
+
+QTableWidgetItem *checkItem(bool checked)
+{
+    auto *item = new QTableWidgetItem;
+    item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsUserCheckable);
+    item->setCheckState(checked ? Qt::Checked : Qt::Unchecked);
+    return item;
+}
+
+} // namespace
+
+PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString &agentProgram, QWidget *parent)
+    : QWidget(parent)
+    , _settings(settings)
+    , _agentProgram(agentProgram)
+    , _chooseFolder([](QWidget *p, const QString &title, const QString &start) {
+        return QFileDialog::getExistingDirectory(p, title, start);
+    })
+{
+    setObjectName(QStringLiteral("PreferencesWindow"));
+    setWindowTitle(tr("Korvane Preferences"));
+    auto *tabs = new QTabWidget;
+
+    auto *foldersPage = new QWidget;
+    auto *foldersLayout = new QVBoxLayout(foldersPage);
+    foldersLayout->addWidget(new QLabel(tr("KorvaneVarden scans new and changed files in these folders:")));
+    _folders = new QListWidget;
+    _folders->setObjectName(QStringLiteral("folders"));
+    foldersLayout->addWidget(_folders);
+    auto *folderButtons = new QHBoxLayout;
+    QPushButton *addFolderButton = button(tr("Add…"), "addFolder");
+    QPushButton *removeFolderButton = button(tr("Remove"), "removeFolder");
+    QPushButton *upButton = button(tr("Move Up"), "moveFolderUp");
+    QPushButton *downButton = button(tr("Move Down"), "moveFolderDown");
+    for (QPushButton *b : {addFolderButton, removeFolderButton, upButton, downButton})
+        folderButtons->addWidget(b);
+    folderButtons->addStretch();
+    foldersLayout->addLayout(folderButtons);
+    tabs->addTab(foldersPage, tr("Folders"));
+
+    auto *exclusionsPage = new QWidget;
+    auto *exclusionsLayout = new QVBoxLayout(exclusionsPage);
+    auto *exclusionsNote = new QLabel(tr("Paths that match an enabled pattern are never scanned. Text matches "
+                                         "anywhere, ignoring case; a regular expression must match the whole path."));
+    exclusionsNote->setWordWrap(true);
+    exclusionsLayout->addWidget(exclusionsNote);
+    _exclusions = new QTableWidget(0, 4);
+    _exclusions->setObjectName(QStringLiteral("exclusions"));
+    _exclusions->setHorizontalHeaderLabels({tr("On"), tr("Pattern"), tr("Regular Expression"), tr("Comment")});
+    _exclusions->verticalHeader()->hide();
+    _exclusions->horizontalHeader()->setSectionResizeMode(PatternColumn, QHeaderView::Stretch);
+    _exclusions->horizontalHeader()->setSectionResizeMode(CommentColumn, QHeaderView::Stretch);
+    _exclusions->horizontalHeader()->setSectionResizeMode(EnabledColumn, QHeaderView::ResizeToContents);
+    _exclusions->horizontalHeader()->setSectionResizeMode(RegExColumn, QHeaderView::ResizeToContents);
+    _exclusions->setSelectionBehavior(QAbstractItemView::SelectRows);
+    exclusionsLayout->addWidget(_exclusions);
+    auto *exclusionButtons = new QHBoxLayout;
+    QPushButton *addExclusionButton = button(tr("Add"), "addExclusion");
+    QPushButton *removeExclusionButton = button(tr("Remove"), "removeExclusion");
+    exclusionButtons->addWidget(addExclusionButton);
+    exclusionButtons->addWidget(removeExclusionButton);
+    exclusionButtons->addStretch();
+    exclusionsLayout->addLayout(exclusionButtons);
+    tabs->addTab(exclusionsPage, tr("Exclusions"));
+
+    auto *scanningPage = new QWidget;
+    auto *form = new QFormLayout(scanningPage);
+    _scanEmail = checkBox(tr("Scan the mail programs' folders"), "ScanEmail");
+    _quarantineInfected = checkBox(tr("Move infected files into the quarantine folder"), "QuarantineInfected");
+    _quarantineFolder = new QLineEdit;
+    _quarantineFolder->setObjectName(QStringLiteral("QuarantineFolder"));
+    _quarantineFolder->setPlaceholderText(tr("none"));
+    auto *quarantineRow = new QHBoxLayout;
+    quarantineRow->addWidget(_quarantineFolder);
+    QPushButton *chooseQuarantine = button(tr("Choose…"), "chooseQuarantineFolder");
+    quarantineRow->addWidget(chooseQuarantine);
+    _logScans = checkBox(tr("Keep a scan log"), "LogScans");
+    _suppressSummary = checkBox(tr("Leave the summary out of the scan log"), "SuppressSummary");
+    _additionalArgs = new QLineEdit;
+    _additionalArgs->setObjectName(QStringLiteral("AdditionalCmdLineArgs"));
+    _additionalArgs->setPlaceholderText(tr("none"));
+    _rotateSize = new QSpinBox;
+    _rotateSize->setObjectName(QStringLiteral("rotateScanlogWhenSizeReaches"));
+    _rotateSize->setRange(1, 1024 * 1024);
+    _rotateSize->setSuffix(tr(" KB"));
+    _logUpdates = checkBox(tr("Keep an update log"), "LogUpdates");
+    _updateDefsOnLaunch = checkBox(tr("Update the virus definitions when KorvaneVarden starts"), "UpdateDefsOnLaunch");
+    _automaticChecks = checkBox(tr("Check for new versions of Korvane"), "SUEnableAutomaticChecks");
+    _startAtLogin = checkBox(tr("Start KorvaneVarden when I log in"), "startAtLogin");
+    form->addRow(_startAtLogin);
+    form->addRow(_scanEmail);
+    form->addRow(_quarantineInfected);
+    form->addRow(tr("Quarantine folder:"), quarantineRow);
+    form->addRow(_logScans);
+    form->addRow(_suppressSummary);
+    auto *rotateRow = new QHBoxLayout;
+    rotateRow->addWidget(_rotateSize);
+    rotateRow->addStretch();
+    form->addRow(tr("Rotate the scan log at:"), rotateRow);
+    form->addRow(tr("More scanner arguments:"), _additionalArgs);
+    form->addRow(_logUpdates);
+    form->addRow(_updateDefsOnLaunch);
+    form->addRow(_automaticChecks);
+    tabs->addTab(scanningPage, tr("Scanning"));
+
+    auto *buttons = new QDialogButtonBox(QDialogButtonBox::Save | QDialogButtonBox::Reset | QDialogButtonBox::Close);
+    buttons->button(QDialogButtonBox::Reset)->setText(tr("Revert"));
+    buttons->button(QDialogButtonBox::Save)->setObjectName(QStringLiteral("save"));
+    buttons->button(QDialogButtonBox::Reset)->setObjectName(QStringLiteral("revert"));
+
+    auto *layout = new QVBoxLayout(this);
+    layout->addWidget(tabs);
+    layout->addWidget(buttons);
+
+    connect(addFolderButton, &QPushButton::clicked, this, &PreferencesWindow::addFolder);
+    connect(removeFolderButton, &QPushButton::clicked, this, &PreferencesWindow::removeFolder);
+    connect(upButton, &QPushButton::clicked, this, [this] { moveFolder(-1); });
+    connect(downButton, &QPushButton::clicked, this, [this] { moveFolder(1); });
+    connect(addExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::addExclusion);
+    connect(removeExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::removeExclusion);
+    connect(chooseQuarantine, &QPushButton::clicked, this, &PreferencesWindow::chooseQuarantineFolder);
+    connect(buttons->button(QDialogButtonBox::Save), &QPushButton::clicked, this, &PreferencesWindow::save);
+    connect(buttons->button(QDialogButtonBox::Reset), &QPushButton::clicked, this, [this] {
+        _settings->revert();
+        load();
+    });
+    connect(buttons, &QDialogButtonBox::rejected, this, &QWidget::close);
+
+    resize(620, 440);
+    load();
+}
+
+void PreferencesWindow::setFolderChooser(FolderChooser chooser)
+{
+    _chooseFolder = std::move(chooser);
+}
+
+void PreferencesWindow::load()
+{
+    _folders->clear();
+    _folders->addItems(_settings->watchedFolders());
+
+    const QVariantList records = _settings->exclusionRecords();
+    _exclusions->setRowCount(0);
+    for (const QVariant &entry : records) {
+        const QVariantMap record = entry.toMap();
+        const int row = _exclusions->rowCount();
+        _exclusions->insertRow(row);
+        _exclusions->setItem(row, EnabledColumn, checkItem(record.value(QStringLiteral("excludeEnabled")).toBool()));
+        _exclusions->setItem(row, PatternColumn,
+                             new QTableWidgetItem(record.value(QStringLiteral("excludePattern")).toString()));
+        _exclusions->setItem(row, RegExColumn, checkItem(record.value(QStringLiteral("excludeRegEx")).toBool()));
+        _exclusions->setItem(row, CommentColumn,
+                             new QTableWidgetItem(record.value(QStringLiteral("excludeComments")).toString()));
+    }
+
+    const auto flag = [this](const char *key) { return _settings->value(QLatin1String(key)).toBool(); };
+    _scanEmail->setChecked(flag("ScanEmail"));
+    _quarantineInfected->setChecked(flag("QuarantineInfected"));
+    const QVariant quarantine = _settings->value(QStringLiteral("QuarantineFolder"));
+    _quarantineFolder->setText(quarantine.typeId() == QMetaType::QVariantMap
+                                   ? quarantine.toMap().value(QStringLiteral("path")).toString()
+                                   : quarantine.toString());
+    _logScans->setChecked(flag("LogScans"));
+    _suppressSummary->setChecked(flag("SuppressSummary"));
+    _additionalArgs->setText(_settings->value(QStringLiteral("AdditionalCmdLineArgs")).toString());
+    _logUpdates->setChecked(flag("LogUpdates"));
+    _updateDefsOnLaunch->setChecked(flag("UpdateDefsOnLaunch"));
+    bool isNumber = false;
+    const int rotate = _settings->value(QStringLiteral("rotateScanlogWhenSizeReaches")).toInt(&isNumber);
+    _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
+    _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));
+    _startAtLogin->setChecked(LoginItem::isEnabled());
+}
+
+bool PreferencesWindow::save()
+{
+    QStringList folders;
+    for (int i = 0; i < _folders->count(); ++i)
+        folders << _folders->item(i)->text();
+
+    QVariantList records;
+    for (int row = 0; row < _exclusions->rowCount(); ++row) {
+        const auto text = [&](int column) {
+            const QTableWidgetItem *item = _exclusions->item(row, column);
+            return item ? item->text().trimmed() : QString();
+        };
+        const auto checked = [&](int column) {
+            const QTableWidgetItem *item = _exclusions->item(row, column);
+            return item && item->checkState() == Qt::Checked;
+        };
+        // A row left without a pattern is taken as not wanted.
+        if (text(PatternColumn).isEmpty())
+            continue;
+        records << QVariantMap{{QStringLiteral("excludePattern"), text(PatternColumn)},
+                               {QStringLiteral("excludeEnabled"), checked(EnabledColumn)},
+                               {QStringLiteral("excludeRegEx"), checked(RegExColumn)},
+                               {QStringLiteral("excludeComments"), text(CommentColumn)}};
+    }
+    QString problem;
+    if (!_settings->setExclusionRecords(records, &problem)) {
+        complain(tr("This exclusion cannot be saved."), problem);
+        return false;
+    }
+    const QString quarantine = _quarantineFolder->text().trimmed();
+    problem = CompanionSettings::quarantineFolderProblem(quarantine);
+    if (!problem.isEmpty()) {
+        complain(tr("The quarantine folder cannot be saved."), problem);
+        return false;
+    }
+
+    _settings->setWatchedFolders(folders);
+    _settings->setValue(QStringLiteral("ScanEmail"), _scanEmail->isChecked());
+    _settings->setValue(QStringLiteral("QuarantineInfected"), _quarantineInfected->isChecked());
+    if (quarantine.isEmpty())
+        _settings->removeValue(QStringLiteral("QuarantineFolder"));
+    else
+        _settings->setValue(QStringLiteral("QuarantineFolder"), quarantine);
+    _settings->setValue(QStringLiteral("LogScans"), _logScans->isChecked());
+    _settings->setValue(QStringLiteral("SuppressSummary"), _suppressSummary->isChecked());
+    // The scanner splits the arguments at single blanks.
+    const QString arguments = _additionalArgs->text().simplified();
+    if (arguments.isEmpty())
+        _settings->removeValue(QStringLiteral("AdditionalCmdLineArgs"));
+    else
+        _settings->setValue(QStringLiteral("AdditionalCmdLineArgs"), arguments);
+    _settings->setValue(QStringLiteral("LogUpdates"), _logUpdates->isChecked());
+    _settings->setValue(QStringLiteral("UpdateDefsOnLaunch"), _updateDefsOnLaunch->isChecked());
+    _settings->setValue(QStringLiteral("rotateScanlogWhenSizeReaches"), _rotateSize->value());
+    _settings->setValue(QStringLiteral("SUEnableAutomaticChecks"), _automaticChecks->isChecked());
+
+    if (!_settings->save(&problem)) {
+        complain(tr("The settings could not be saved."), problem);
+        return false;
+    }
+    if (_startAtLogin->isChecked() != LoginItem::isEnabled()
+        && !LoginItem::setEnabled(_startAtLogin->isChecked(), _agentProgram, &problem)) {
+        complain(tr("The login setting could not be changed."), problem);
+        return false;
+    }
+    return true;
+}
+
+void PreferencesWindow::present()
+{
+    // A window already open keeps what the user is editing.
+    if (!isVisible())
+        load();
+    show();
+    raise();
+    activateWindow();
+}
+
+void PreferencesWindow::addFolder()
+{
+    const QString folder = _chooseFolder(this, tr("Choose a Folder to Watch"), QDir::homePath());
+    if (folder.isEmpty())
+        return;
+    const QString clean = CompanionSettings::abbreviated(folder);
+    if (!_folders->findItems(clean, Qt::MatchExactly).isEmpty())
+        return;
+    _folders->addItem(clean);
+    _folders->setCurrentRow(_folders->count() - 1);
+}
+
+void PreferencesWindow::removeFolder()
+{
+    delete _folders->takeItem(_folders->currentRow());
+}
+
+void PreferencesWindow::moveFolder(int by)
+{
+    const int row = _folders->currentRow();
+    const int target = row + by;
+    if (row < 0 || target < 0 || target >= _folders->count())
+        return;
+    _folders->insertItem(target, _folders->takeItem(row));
+    _folders->setCurrentRow(target);
+}
+
+void PreferencesWindow::addExclusion()
+{
+    const int row = _exclusions->rowCount();
+    _exclusions->insertRow(row);
+    _exclusions->setItem(row, EnabledColumn, checkItem(true));
+    _exclusions->setItem(row, PatternColumn, new QTableWidgetItem);
+    _exclusions->setItem(row, RegExColumn, checkItem(false));
+    _exclusions->setItem(row, CommentColumn, new QTableWidgetItem);
+    _exclusions->setCurrentCell(row, PatternColumn);
+    _exclusions->editItem(_exclusions->item(row, PatternColumn));
+}
+
+void PreferencesWindow::removeExclusion()
+{
+    if (_exclusions->currentRow() >= 0)
+        _exclusions->removeRow(_exclusions->currentRow());
+}
+
+void PreferencesWindow::chooseQuarantineFolder()
+{
+    const QString start = CompanionSettings::expanded(_quarantineFolder->text().trimmed());
+    const QString folder =
+        _chooseFolder(this, tr("Choose the Quarantine Folder"), start.isEmpty() ? QDir::homePath() : start);
+    if (!folder.isEmpty())
+        _quarantineFolder->setText(CompanionSettings::abbreviated(folder));
+}
+
+void PreferencesWindow::complain(const QString &message, const QString &details)
+{
+    AlertPresenter::sharedPresenter()->runModal({message, tr("OK"), {}, {}, details});
+}

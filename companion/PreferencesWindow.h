@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QWidget>
+
+#include <functional>
+
+class CompanionSettings;
+class QCheckBox;
+class QLineEdit;
+class QListWidget;
+class QSpinBox;
+class QTableWidget;
+
+// The companion's preferences: watched folders, exclusions, scanning,
+// logging and updates, and whether the agent starts at login. Nothing is
+// written until Save; Revert shows the saved settings again.
+class PreferencesWindow : public QWidget
+{
+    Q_OBJECT
+public:
+    // Answers the chosen folder, or an empty string when none was chosen.
+    using FolderChooser = std::function<QString(QWidget *parent, const QString &title, const QString &start)>;
+
+    PreferencesWindow(CompanionSettings *settings, const QString &agentProgram, QWidget *parent = nullptr);
+
+    // Tests choose folders without a modal dialog.
+    void setFolderChooser(FolderChooser chooser);
+
+    // Reads the settings into the controls.
+    void load();
+    // Writes the controls to the settings and saves them; a problem is shown
+    // in an alert and nothing is saved. Answers whether it saved.
+    bool save();
+    // Shows the window in front, as when the agent asks for it.
+    void present();
+
+private:
+    void addFolder();
+    void removeFolder();
+    void moveFolder(int by);
+    void addExclusion();
+    void removeExclusion();
+    void chooseQuarantineFolder();
+    void complain(const QString &message, const QString &details = {});
+
+    CompanionSettings *_settings;
+    QString _agentProgram;
+    FolderChooser _chooseFolder;
+    QListWidget *_folders;
+    QTableWidget *_exclusions;
+    QCheckBox *_scanEmail;
+    QCheckBox *_quarantineInfected;
+    QLineEdit *_quarantineFolder;
+    QCheckBox *_logScans;
+    QCheckBox *_suppressSummary;
+    QLineEdit *_additionalArgs;
+    QCheckBox *_logUpdates;
+    QCheckBox *_updateDefsOnLaunch;
+    QSpinBox *_rotateSize;
+    QCheckBox *_automaticChecks;
+    QCheckBox *_startAtLogin;
+};

@@ -1,0 +1,116 @@
+#include "CompanionApplication.h"
+#include "CompanionSettings.h"
+#include "platform/BundleInfo.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/Localization.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QTextStream>
+#include <QTimer>
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+int changeFolders(const QStringList &add, const QStringList &remove)
+{
+    CompanionSettings settings;
+    QString error;
+    for (const QString &folder : add) {
+        if (!settings.addWatchedFolder(folder, &error)) {
+            std::fprintf(stderr, "Korvane: %s\n", qPrintable(error));
+            return 1;
+        }
+    }
+    for (const QString &folder : remove) {
+        if (!settings.removeWatchedFolder(folder, &error)) {
+            std::fprintf(stderr, "Korvane: %s\n", qPrintable(error));
+            return 1;
+        }
+    }
+    if (!settings.save(&error)) {
+        std::fprintf(stderr, "Korvane: %s\n", qPrintable(error));
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    BundleInfo::setBundleIdentifier(BundleInfo::companionIdentifier());
+
+    // Scripts use the command line where no display may exist: only the
+    // window and URLs need one.
+    bool graphical = true;
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray word(argv[i]);
+        if (word.startsWith('-') && word != "--show-preferences")
+            graphical = false;
+    }
+    std::unique_ptr<QCoreApplication> app(graphical ? new QApplication(argc, argv) : new QCoreApplication(argc, argv));
+    QCoreApplication::setApplicationName(QStringLiteral("Korvane"));
+    QCoreApplication::setApplicationVersion(BundleInfo::shortVersionString());
+    Localization::install(app.get());
+    if (graphical) {
+        QApplication::setDesktopFileName(BundleInfo::companionIdentifier());
+    }
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Korvane: the settings of the KorvaneVarden virus guard."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption show(QStringLiteral("show-preferences"), QStringLiteral("Show the preferences window."));
+    const QCommandLineOption add(QStringLiteral("add-folder"), QStringLiteral("Watch DIR as well."),
+                                 QStringLiteral("DIR"));
+    const QCommandLineOption remove(QStringLiteral("remove-folder"), QStringLiteral("Stop watching DIR."),
+                                    QStringLiteral("DIR"));
+    const QCommandLineOption list(QStringLiteral("list-folders"), QStringLiteral("Print the watched folders."));
+    const QCommandLineOption first(QStringLiteral("first-run"),
+                                   QStringLiteral("Write the first settings (the Downloads folder, start at login) "
+                                                  "when there are none, and exit."));
+    parser.addOptions({show, add, remove, list, first});
+    parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("A korvane: URL, such as korvane://update."),
+                                 QStringLiteral("[URL]"));
+    parser.process(*app);
+
+    if (!graphical) {
+        QTextStream out(stdout);
+        int status = 0;
+        if (parser.isSet(first)) {
+            bool ok = false;
+            out << "Korvane: " << CompanionApplication::firstRun(&ok) << Qt::endl;
+            status = ok ? 0 : 1;
+        }
+        if (status == 0 && (parser.isSet(add) || parser.isSet(remove)))
+            status = changeFolders(parser.values(add), parser.values(remove));
+        if (status == 0 && parser.isSet(list)) {
+            for (const QString &folder : CompanionSettings().watchedFolders())
+                out << folder << Qt::endl;
+        }
+        return status;
+    }
+
+    CompanionApplication companion;
+    bool handled = false;
+    for (const QString &argument : parser.positionalArguments())
+        handled = companion.openUrl(QUrl(argument)) || handled;
+    if (!companion.claimBusName()) {
+        // One companion per session: the running one shows its window.
+        if (!handled || parser.isSet(show)) {
+            DistributedNotificationCenter::defaultCenter()->postNotificationName(
+                QStringLiteral("KorvaneShouldOpenPrefs"), QStringLiteral("Korvane"));
+            return 0;
+        }
+        return app->exec();
+    }
+    companion.observeAgent();
+    if (!CompanionApplication::isAgentRunning())
+        companion.startAgent();
+    if (!handled || parser.isSet(show))
+        companion.showPreferences();
+    return app->exec();
+}

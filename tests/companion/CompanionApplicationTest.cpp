@@ -1,0 +1,96 @@
+#include "CompanionFixture.h"
+#include "companion/CompanionApplication.h"
+#include "companion/LoginItem.h"
+#include "platform/DesktopEntryWorkspace.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QFile>
+#include <QProcess>
+#include <QTest>
+
+namespace {
+
+using CompanionApplicationTest = CompanionFixture;
+
+TEST_F(CompanionApplicationTest, TheAgentsOpenPrefsNotificationShowsTheWindowWhileTheCompanionOwnsItsName)
+{
+    CompanionApplication companion;
+    ASSERT_TRUE(companion.claimBusName());
+    companion.observeAgent();
+    DesktopEntryWorkspace workspace;
+    EXPECT_TRUE(workspace.isApplicationActive(BundleInfo::companionIdentifier()));
+    EXPECT_FALSE(companion.preferencesWindow()->isVisible());
+
+    // Posted from a process of its own, as the agent does.
+    QProcess agent;
+    agent.start(KORVANE_BINARY_DIR "/bin/post_notification", {"KorvaneShouldOpenPrefs", "KorvaneVarden"});
+    ASSERT_TRUE(agent.waitForFinished(10000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return companion.preferencesWindow()->isVisible(); }, 5000));
+
+    // A second companion in the same session does not get the name.
+    QDBusConnection other = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "second companion");
+    EXPECT_FALSE(other.registerService(BundleInfo::companionIdentifier()));
+    QDBusConnection::disconnectFromBus("second companion");
+    QDBusConnection::sessionBus().unregisterService(BundleInfo::companionIdentifier());
+}
+
+TEST_F(CompanionApplicationTest, TheLoginEntryAppearsAndDisappearsWithTheCheckboxAndNamesTheAgent)
+{
+    // A path that needs quoting in a desktop entry.
+    const QString agent = home->filePath("my apps/100% \"Korvane\"/KorvaneVarden");
+    PreferencesWindow *w = openWindow(agent);
+    auto *atLogin = control<QCheckBox>("startAtLogin");
+    EXPECT_FALSE(atLogin->isChecked());
+
+    atLogin->setChecked(true);
+    ASSERT_TRUE(w->save());
+    ASSERT_TRUE(QFile::exists(home->configHome() + "/autostart/org.korvane.KorvaneVarden.desktop"));
+    EXPECT_EQ(DesktopEntryWorkspace::commandOfDesktopEntry(LoginItem::path()), QStringList{agent});
+    w->load();
+    EXPECT_TRUE(atLogin->isChecked());
+
+    atLogin->setChecked(false);
+    ASSERT_TRUE(w->save());
+    EXPECT_FALSE(QFile::exists(LoginItem::path()));
+    EXPECT_TRUE(alerts.alerts.isEmpty());
+}
+
+TEST_F(CompanionApplicationTest, UpdateUrlShowsTheVersionsAndThePackageManagersWay)
+{
+    CompanionApplication companion;
+    EXPECT_FALSE(companion.openUrl(QUrl("https://korvane.org/update")));
+    EXPECT_EQ(companion.updateNotice(), nullptr);
+    ASSERT_TRUE(companion.openUrl(QUrl("Korvane://update")));
+    ASSERT_NE(companion.updateNotice(), nullptr);
+    const QString text = companion.updateNotice()->text();
+    EXPECT_TRUE(text.contains(BundleInfo::shortVersionString()));
+    EXPECT_TRUE(text.contains("apt install --only-upgrade korvane"));
+    EXPECT_TRUE(CompanionApplication::updateInstructions("0.1.0", "0.2.0").contains("offers version 0.2.0"));
+}
+
+// The command line as scripts use it, on the built program.
+TEST_F(CompanionApplicationTest, TheCommandLineAddsListsAndRemovesFoldersAndSaysWhatIsWrong)
+{
+    const QString scans = makeFolder("scans");
+    const auto run = [&](const QStringList &arguments, QString *output = nullptr) {
+        QProcess korvane;
+        korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", arguments);
+        EXPECT_TRUE(korvane.waitForFinished(20000));
+        if (output)
+            *output = QString::fromUtf8(korvane.readAllStandardOutput() + korvane.readAllStandardError());
+        return korvane.exitCode();
+    };
+    QString output;
+    EXPECT_EQ(run({"--first-run"}, &output), 0);
+    EXPECT_TRUE(output.contains(CompanionSettings::domainPath())) << output.toStdString();
+    EXPECT_EQ(run({"--add-folder", scans, "--list-folders"}, &output), 0);
+    EXPECT_EQ(output.split('\n', Qt::SkipEmptyParts).filter("~"), (QStringList{"~/Downloads", "~/scans"}));
+    EXPECT_EQ(run({"--add-folder", home->filePath("nowhere")}, &output), 1);
+    EXPECT_TRUE(output.contains("nowhere is not a folder"));
+    EXPECT_EQ(run({"--remove-folder", "~/Downloads", "--list-folders"}, &output), 0);
+    EXPECT_EQ(output.split('\n', Qt::SkipEmptyParts).filter("~"), QStringList{"~/scans"});
+    EXPECT_EQ(run({"--bogus"}), 1);
+}
+
+} // namespace

@@ -1,0 +1,55 @@
+#!/bin/bash
+# `cmake --install` into a prefix with a space under DESTDIR: every file the
+# desktop needs is there, valid, and nothing lands outside DESTDIR.
+#   install_tree_test.sh BUILD_DIR
+set -uo pipefail
+build=$1
+passed=0 failed=0
+pass() { passed=$((passed + 1)); echo "ok   $1"; }
+fail() { failed=$((failed + 1)); echo "FAIL $1"; [[ -z ${2-} ]] || printf '     %s\n' "$2"; }
+check() { local name=$1; shift; if "$@"; then pass "$name"; else fail "$name"; fi; }
+
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/kv install.XXXXXX")
+trap 'rm -rf "$tmp"' EXIT
+prefix="/opt/korvane test"
+dest="$tmp/dest"
+if ! out=$(DESTDIR="$dest" cmake --install "$build" --prefix "$prefix" 2>&1); then
+    fail "cmake --install" "$out"
+    exit 1
+fi
+check "nothing is installed outside DESTDIR" test ! -e "$prefix"
+root="$dest$prefix"
+
+for f in bin/KorvaneVarden bin/Korvane lib/korvane/relaunch lib/korvane/scripts/install-engine; do
+    check "$f is an executable program" test -x "$root/$f" -a -f "$root/$f"
+done
+for f in lib/korvane/resources/signatures/korvane.ndb lib/korvane/resources/signatures/version \
+         lib/korvane/scripts/deps.d/engine-packages share/metainfo/org.korvane.Korvane.metainfo.xml \
+         share/man/man1/Korvane.1.gz share/man/man1/KorvaneVarden.1.gz share/doc/korvane/copyright; do
+    check "$f is there" test -s "$root/$f"
+done
+
+for id in org.korvane.KorvaneVarden org.korvane.Korvane; do
+    entry="$root/share/applications/$id.desktop"
+    check "$id.desktop is there" test -f "$entry"
+    icon=$(sed -n 's/^Icon=//p' "$entry")
+    check "$id.desktop names its own icon" test "$icon" = "$id"
+    check "$id icon is a scalable hicolor icon" test -s "$root/share/icons/hicolor/scalable/apps/$icon.svg"
+    program=$(sed -n 's/^Exec=\([^ ]*\).*/\1/p' "$entry")
+    check "$id.desktop starts a program of the package ($program)" test -x "$root/bin/$program"
+    if command -v desktop-file-validate >/dev/null; then
+        if msg=$(desktop-file-validate "$entry" 2>&1) && [[ -z $msg ]]; then pass "$id.desktop is valid"; else fail "$id.desktop is valid" "$msg"; fi
+    fi
+done
+check "Korvane handles korvane: URLs" grep -qx 'MimeType=x-scheme-handler/korvane;' "$root/share/applications/org.korvane.Korvane.desktop"
+check "the companion's entry takes the URL" grep -q '^Exec=Korvane %u$' "$root/share/applications/org.korvane.Korvane.desktop"
+if command -v appstreamcli >/dev/null; then
+    if msg=$(appstreamcli validate --no-net "$root/share/metainfo/org.korvane.Korvane.metainfo.xml" 2>&1); then
+        pass "the metainfo is valid"
+    else
+        fail "the metainfo is valid" "$msg"
+    fi
+fi
+
+echo "$passed passed, $failed failed"
+((failed == 0))
