@@ -6,6 +6,7 @@
 #include "platform/Trash.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 
@@ -74,7 +75,9 @@ QString QXFSEventStreamWatcher::gfsloggerPath()
         return loggerPath;
     // Beside the agent in a build tree, else where the install put it.
     const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/gfslogger");
-    return QFileInfo::exists(beside) ? beside : QStringLiteral(KORVANE_LIBEXEC_DIR "/gfslogger");
+    return QFileInfo::exists(beside)
+        ? beside
+        : QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../" KORVANE_HELPER_DIR "/gfslogger"));
 }
 
 void QXFSEventStreamWatcher::setGfsloggerPath(const QString &path) { loggerPath = path; }

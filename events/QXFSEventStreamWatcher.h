@@ -24,7 +24,7 @@ public:
 
     void start();
 
-    // Beside the agent's executable, else in the installed libexec folder;
+    // Beside the agent's executable, else in the installed helper folder;
     // tests supply their own. The repair program lies beside it.
     static QString gfsloggerPath();
     static void setGfsloggerPath(const QString &path);

@@ -72,7 +72,9 @@ protected:
 
     void allowChecks(bool allowed) const
     {
-        home.writeDomain(companionDomain, {{"SUEnableAutomaticChecks", allowed}});
+        // Something to watch, or the startup would stop at the nothing-to-watch alert.
+        home.writeDomain(companionDomain, {{"SUEnableAutomaticChecks", allowed},
+                                           {"VardenFolderArray", QVariantList{folder(home.path())}}});
     }
     QList<AlertPresenter::Alert> offers() const { return presenter.offers; }
     bool waitForRequests(int count) { return QTest::qWaitFor([&] { return server.requests >= count; }, 10000); }
