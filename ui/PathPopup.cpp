@@ -47,6 +47,7 @@ QString breakableText(const QString &path, const QFontMetrics &metrics, int widt
 PathPopup::PathPopup(InfectedItemsWindow *window, QObject *parent)
     : QObject(parent)
     , _window(window)
+    , _table(window->tableView())
     , _popupFloaterView(std::make_unique<QWidget>())
     , _popupFloaterTextField(new QLabel(_popupFloaterView.get()))
 {
@@ -62,7 +63,7 @@ PathPopup::PathPopup(InfectedItemsWindow *window, QObject *parent)
 
     // The arrow stays on the row when the window moves or the table's size changes.
     _window->installEventFilter(this);
-    _window->tableView()->installEventFilter(this);
+    _table->installEventFilter(this);
 }
 
 PathPopup::~PathPopup()
@@ -122,7 +123,7 @@ QPointF PathPopup::pointBesideRow(int row) const
 bool PathPopup::eventFilter(QObject *watched, QEvent *event)
 {
     const bool moved = watched == _window && event->type() == QEvent::Move;
-    const bool resized = watched == _window->tableView() && event->type() == QEvent::Resize;
+    const bool resized = watched == _table && event->type() == QEvent::Resize;
     if (_attachedWindow && (moved || resized))
         _attachedWindow->setPoint(pointBesideRow(_row), QXAttachedWindow::Side::Right);
     return QObject::eventFilter(watched, event);

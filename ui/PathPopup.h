@@ -37,6 +37,9 @@ private:
     QPointF pointBesideRow(int row) const;
 
     InfectedItemsWindow *_window;
+    // Kept apart so that the filter, which still runs while the window is
+    // being destroyed, never calls into the window.
+    QObject *_table;
     std::unique_ptr<QWidget> _popupFloaterView;
     QLabel *_popupFloaterTextField;
     QPointer<QXAttachedWindow> _attachedWindow;
