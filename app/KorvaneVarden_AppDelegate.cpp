@@ -96,8 +96,8 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _engineStatusReactions = new EngineStatusReactions(this, this);
     _scanLogRotator = std::make_unique<ScanLogRotator>(_utils);
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
-    _infectedFileActions =
-        new InfectedFileActions(list, _utils, [this](const QString &text) { appendToConsole(text); }, this);
+    _infectedFileActions = new InfectedFileActions(
+        list, _utils, [this](const QString &text) { appendToConsole(text); }, this);
     // Rows kept from the last run still wait for the user.
     _infectedItemsStore = new InfectedItemsStore(list, InfectedItemsStore::defaultPath(), this);
     if (list->rowCount() > 0)
@@ -206,8 +206,14 @@ void KorvaneVarden_AppDelegate::continueStartup()
     _theSparkleUpdater->setDelegate(this);
 }
 
-int KorvaneVarden_AppDelegate::updateCheckInterval() { return updateCheckMs; }
-void KorvaneVarden_AppDelegate::setUpdateCheckInterval(int ms) { updateCheckMs = ms; }
+int KorvaneVarden_AppDelegate::updateCheckInterval()
+{
+    return updateCheckMs;
+}
+void KorvaneVarden_AppDelegate::setUpdateCheckInterval(int ms)
+{
+    updateCheckMs = ms;
+}
 
 // Each run of continueStartup arms the checks anew; the earlier timer goes,
 // so that checks never pile up.
@@ -240,7 +246,8 @@ void KorvaneVarden_AppDelegate::updaterDidFindValidUpdate(AppcastUpdater *, cons
     scheduleUpdateChecks();
 }
 
-void KorvaneVarden_AppDelegate::updaterDidNotFindUpdate(AppcastUpdater *) {}
+void KorvaneVarden_AppDelegate::updaterDidNotFindUpdate(AppcastUpdater *)
+{}
 
 void KorvaneVarden_AppDelegate::applicationWillTerminate()
 {
@@ -388,8 +395,8 @@ void KorvaneVarden_AppDelegate::restartVarden(QObject *)
         program = workingCopy;
     else
         SystemLog::log(QStringLiteral("cannot copy %1 to a private folder: it runs from where it is").arg(tool));
-    QProcess::startDetached(program, {QCoreApplication::applicationFilePath(),
-                                      QString::number(QCoreApplication::applicationPid())});
+    QProcess::startDetached(
+        program, {QCoreApplication::applicationFilePath(), QString::number(QCoreApplication::applicationPid())});
     ApplicationHost::terminate();
 }
 
@@ -440,7 +447,8 @@ void KorvaneVarden_AppDelegate::setupEventListener()
 
     if (!paths.isEmpty()) {
         _watching = true;
-        const QStringList excluded{UserFolders::home() + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
+        const QStringList excluded{UserFolders::home()
+                                   + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
         _events->setExcludedPaths(excluded);
         if (_needGfslogger)
             _gfsWatcher->startWatching(paths);
@@ -607,17 +615,16 @@ void KorvaneVarden_AppDelegate::setupVardenMenus()
     connect(copy, &QAction::triggered, _infectionListTableView, &QXTTableView::copy);
 
     _infectionListTableView->setContextMenuPolicy(Qt::CustomContextMenu);
-    connect(_infectionListTableView, &QWidget::customContextMenuRequested, this, [this](const QPoint &at) {
-        _actionMenu->popup(_infectionListTableView->viewport()->mapToGlobal(at));
-    });
+    connect(_infectionListTableView, &QWidget::customContextMenuRequested, this,
+            [this](const QPoint &at) { _actionMenu->popup(_infectionListTableView->viewport()->mapToGlobal(at)); });
 
     _mainMenu = new QMenu;
     QMenu *menu = _mainMenu;
     add(menu, "ABOUT_MENU_ITEM", "about:", &Self::about);
     menu->addSeparator();
     addSubmenu(menu, _foldersBeingWatchedSubmenu, "FOLDERS_BEING_WATCHED", "doNothing:", &Self::doNothing);
-    add(menu, "ADD_REMOVE_MENU_ITEM", "addRemoveFolders:",
-        [](Self *self, QObject *sender) { self->addRemoveFolders(sender); });
+    add(menu, "ADD_REMOVE_MENU_ITEM",
+        "addRemoveFolders:", [](Self *self, QObject *sender) { self->addRemoveFolders(sender); });
     menu->addSeparator();
     add(menu, "LAUNCH_KORVANE", "launchKorvane:", &Self::launchKorvane);
     add(menu, "UPDATE_VIRUS_DEFINITIONS", "updateDefs:", &Self::updateDefs);
@@ -655,8 +662,10 @@ bool KorvaneVarden_AppDelegate::validateMenuItem(QAction *item)
     return _enablingRules.validateMenuItem(item);
 }
 
-void KorvaneVarden_AppDelegate::doNothing(QObject *) {}
-void KorvaneVarden_AppDelegate::doNothingForActionMenu(QObject *) {}
+void KorvaneVarden_AppDelegate::doNothing(QObject *)
+{}
+void KorvaneVarden_AppDelegate::doNothingForActionMenu(QObject *)
+{}
 
 void KorvaneVarden_AppDelegate::about(QObject *)
 {
@@ -883,9 +892,12 @@ void KorvaneVarden_AppDelegate::updateFinishedWithStatus(int status)
 }
 
 // The agent shows no scan or update progress.
-void KorvaneVarden_AppDelegate::updateProgressBarWithCountOfFilesScannedSoFar(quint32) {}
-void KorvaneVarden_AppDelegate::updateProgressWithMessage(const QString &) {}
-void KorvaneVarden_AppDelegate::updateProgressWithPercentDone(double) {}
+void KorvaneVarden_AppDelegate::updateProgressBarWithCountOfFilesScannedSoFar(quint32)
+{}
+void KorvaneVarden_AppDelegate::updateProgressWithMessage(const QString &)
+{}
+void KorvaneVarden_AppDelegate::updateProgressWithPercentDone(double)
+{}
 
 int KorvaneVarden_AppDelegate::addToInfectedListTheFile(const QString &fileName, const QString &path,
                                                         const QString &infectionName, const QString &status)
@@ -978,8 +990,9 @@ void KorvaneVarden_AppDelegate::showInfectedPath(QObject *)
 {
     // A click into the popup closes it, once the click is handled.
     if (QXAttachedWindow *popup = _pathPopup->showForSelectedRow())
-        connect(popup, &QXAttachedWindow::didBecomeKey, this, [this] { hideFloatingPathWindow(nullptr); },
-                Qt::QueuedConnection);
+        connect(
+            popup, &QXAttachedWindow::didBecomeKey, this, [this] { hideFloatingPathWindow(nullptr); },
+            Qt::QueuedConnection);
 }
 
 void KorvaneVarden_AppDelegate::hideFloatingPathWindow(QObject *)
@@ -1003,4 +1016,5 @@ QLabel *KorvaneVarden_AppDelegate::popupFloaterTextField() const
 }
 
 // The agent counts no files.
-void KorvaneVarden_AppDelegate::fileCounterReturned(qint64) {}
+void KorvaneVarden_AppDelegate::fileCounterReturned(qint64)
+{}

@@ -55,9 +55,9 @@ class KorvaneVarden_AppDelegate : public QObject,
     Q_OBJECT
 public:
     // init. Tests hand their own engine candidates.
-    explicit KorvaneVarden_AppDelegate(const QList<QXUtils::EngineCandidate> &engineCandidates
-                                       = QXUtils::defaultEngineCandidates(),
-                                       QObject *parent = nullptr);
+    explicit KorvaneVarden_AppDelegate(
+        const QList<QXUtils::EngineCandidate> &engineCandidates = QXUtils::defaultEngineCandidates(),
+        QObject *parent = nullptr);
     ~KorvaneVarden_AppDelegate() override;
 
     void applicationDidFinishLaunching();
@@ -97,8 +97,7 @@ public:
     QStringList toolbarDefaultItemIdentifiers(QToolBar *toolbar) const;
     QStringList toolbarAllowedItemIdentifiers(QToolBar *toolbar) const;
     // Nothing for an identifier that names no item.
-    QAction *toolbarItemForItemIdentifier(QToolBar *toolbar, const QString &identifier,
-                                          bool willBeInsertedIntoToolbar);
+    QAction *toolbarItemForItemIdentifier(QToolBar *toolbar, const QString &identifier, bool willBeInsertedIntoToolbar);
     bool validateToolbarItem(QAction *item);
 
     // Folder watching.

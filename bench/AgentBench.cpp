@@ -32,8 +32,8 @@ int main(int argc, char **argv)
     bool watchProbe = false;
     for (int i = 1; i < argc; ++i)
         watchProbe = watchProbe || QByteArray(argv[i]) == "--probe-watch";
-    std::unique_ptr<QCoreApplication> app = watchProbe ? std::make_unique<QCoreApplication>(argc, argv)
-                                                       : std::make_unique<QApplication>(argc, argv);
+    std::unique_ptr<QCoreApplication> app =
+        watchProbe ? std::make_unique<QCoreApplication>(argc, argv) : std::make_unique<QApplication>(argc, argv);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Speed and memory figures of the agent."));

@@ -14,8 +14,7 @@
 BenchAgent::BenchAgent(const QString &enginePath, const QString &watchedFolder)
     : _enginePath(enginePath)
     , _watchedFolder(watchedFolder)
-{
-}
+{}
 
 BenchAgent::~BenchAgent()
 {
@@ -32,14 +31,14 @@ bool BenchAgent::start(QString *error)
     SleepWakeNotifier::setSharedNotifier(&_sleep);
     // An agent that asks to quit has met something it cannot work with; the run says so.
     ApplicationHost::setTerminateHandler([this] { _quitRequested = true; });
-    _agent = std::make_unique<KorvaneVarden_AppDelegate>(QList<QXUtils::EngineCandidate>{
-        {_enginePath, _enginePath + QStringLiteral("/share/clamav/freshclam.log")}});
+    _agent = std::make_unique<KorvaneVarden_AppDelegate>(
+        QList<QXUtils::EngineCandidate>{{_enginePath, _enginePath + QStringLiteral("/share/clamav/freshclam.log")}});
     _agent->applicationDidFinishLaunching();
     connect(_agent->infectedList(), &QAbstractItemModel::rowsInserted, this,
             [this](const QModelIndex &, int first, int last) { rowsInserted(first, last); });
 
-    const bool ready = EventWait::until(
-        [this] { return _quitRequested || (_agent->readyToScan() && _agent->watching()); }, 60000);
+    const bool ready =
+        EventWait::until([this] { return _quitRequested || (_agent->readyToScan() && _agent->watching()); }, 60000);
     if (!ready || _quitRequested) {
         *error = _quitRequested ? QStringLiteral("the agent asked to quit while starting")
                                 : QStringLiteral("the agent was not ready to scan and watching within 60 s");
@@ -52,7 +51,9 @@ bool BenchAgent::start(QString *error)
 bool BenchAgent::waitUntilListed(const QStringList &paths, int timeoutMs) const
 {
     return EventWait::until(
-        [&] { return std::all_of(paths.cbegin(), paths.cend(), [&](const QString &p) { return _listedAt.contains(p); }); },
+        [&] {
+            return std::all_of(paths.cbegin(), paths.cend(), [&](const QString &p) { return _listedAt.contains(p); });
+        },
         timeoutMs);
 }
 
@@ -62,7 +63,7 @@ bool BenchAgent::waitUntilIdle(int timeoutMs) const
         [this] {
             Dispatcher *dispatcher = _agent->dispatcher();
             return dispatcher->waitingList().isEmpty() && dispatcher->readyList().isEmpty()
-                && !_agent->utils()->scanning();
+                   && !_agent->utils()->scanning();
         },
         timeoutMs);
 }

@@ -28,9 +28,9 @@ void BenchTable::print(QTextStream &out) const
                              QStringLiteral("pass/fail")};
     QList<QStringList> lines{header};
     for (const Row &row : _rows) {
-        const QString verdict = row.verdict == Verdict::Pass ? QStringLiteral("pass")
+        const QString verdict = row.verdict == Verdict::Pass   ? QStringLiteral("pass")
                                 : row.verdict == Verdict::Fail ? QStringLiteral("FAIL")
-                                                                : QStringLiteral("info");
+                                                               : QStringLiteral("info");
         lines.append({row.figure, row.value, row.target, verdict});
     }
     QList<qsizetype> widths(header.size(), 3);
@@ -55,7 +55,8 @@ void BenchTable::print(QTextStream &out) const
 
 int BenchTable::failures() const
 {
-    return int(std::count_if(_rows.cbegin(), _rows.cend(), [](const Row &row) { return row.verdict == Verdict::Fail; }));
+    return int(
+        std::count_if(_rows.cbegin(), _rows.cend(), [](const Row &row) { return row.verdict == Verdict::Fail; }));
 }
 
 QString BenchTable::seconds(double ms)

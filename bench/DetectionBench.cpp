@@ -76,8 +76,7 @@ DetectionBench::DetectionBench(const QString &enginePath, const QString &scratch
     : _enginePath(enginePath)
     , _watched(scratch + QStringLiteral("/Watched"))
     , _table(table)
-{
-}
+{}
 
 bool DetectionBench::run()
 {
@@ -94,7 +93,8 @@ bool DetectionBench::run()
     measureSlowWriters(agent);
     measureBurst(agent);
     if (agent.quitRequested())
-        _table.add(QStringLiteral("agent kept running"), QStringLiteral("asked to quit"), QStringLiteral("runs"), false);
+        _table.add(QStringLiteral("agent kept running"), QStringLiteral("asked to quit"), QStringLiteral("runs"),
+                   false);
     return true;
 }
 
@@ -136,7 +136,8 @@ void DetectionBench::measureLatency(BenchAgent &agent)
     }
     const double plainMs = plain.isEmpty() ? NAN : median(plain);
     const double target = targetMs(plainMs);
-    const QString targetText = QStringLiteral("≤ %1 (3 s + 2 s + 1.3 × one-file clamdscan)").arg(BenchTable::seconds(target));
+    const QString targetText =
+        QStringLiteral("≤ %1 (3 s + 2 s + 1.3 × one-file clamdscan)").arg(BenchTable::seconds(target));
 
     const double medianMs = median(latencies);
     const double p95Ms = percentile(latencies, 0.95);
@@ -148,16 +149,17 @@ void DetectionBench::measureLatency(BenchAgent &agent)
                p95Ms <= target);
     if (!latencies.isEmpty())
         _table.note(QStringLiteral("latency: close → row, min / max"),
-                    QStringLiteral("%1 / %2").arg(BenchTable::seconds(*std::min_element(latencies.cbegin(), latencies.cend())),
-                                                 BenchTable::seconds(*std::max_element(latencies.cbegin(), latencies.cend()))));
+                    QStringLiteral("%1 / %2").arg(
+                        BenchTable::seconds(*std::min_element(latencies.cbegin(), latencies.cend())),
+                        BenchTable::seconds(*std::max_element(latencies.cbegin(), latencies.cend()))));
     _table.note(QStringLiteral("latency: plain clamdscan of one file, median of 5"), BenchTable::seconds(plainMs));
 }
 
 void DetectionBench::measureSlowWriters(BenchAgent &agent)
 {
     BenchTable::progress(QStringLiteral("slow writers: %1 files, infected bytes %2 ms after opening")
-                 .arg(slowWriters)
-                 .arg(slowWriterDelayMs));
+                             .arg(slowWriters)
+                             .arg(slowWriterDelayMs));
     struct Writer
     {
         QString path;
@@ -173,20 +175,23 @@ void DetectionBench::measureSlowWriters(BenchAgent &agent)
         writer.path = QStringLiteral("%1/slow/slow-%2.bin").arg(_watched).arg(i);
         // Openings spread over a second, so they meet the latency window at different points.
         QTimer::singleShot(i * 100, Qt::PreciseTimer, &timers, [&writer, &timers] {
-            writer.fd = ::open(QFile::encodeName(writer.path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            writer.fd =
+                ::open(QFile::encodeName(writer.path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
             const QByteArray padding(4096, 'a');
-            writer.failed = writer.fd < 0 || ::write(writer.fd, padding.constData(), size_t(padding.size())) != padding.size();
+            writer.failed =
+                writer.fd < 0 || ::write(writer.fd, padding.constData(), size_t(padding.size())) != padding.size();
             QTimer::singleShot(slowWriterDelayMs, Qt::PreciseTimer, &timers, [&writer] {
                 const QByteArray infected = EngineFixture::eicarContents();
-                writer.failed = writer.failed || ::write(writer.fd, infected.constData(), size_t(infected.size())) != infected.size();
+                writer.failed = writer.failed
+                                || ::write(writer.fd, infected.constData(), size_t(infected.size())) != infected.size();
                 writer.failed = (writer.fd >= 0 && ::close(writer.fd) != 0) || writer.failed;
                 writer.closed = BenchClock::nowMs();
             });
         });
     }
-    EventWait::until([&] {
-        return std::all_of(writers.cbegin(), writers.cend(), [](const Writer &w) { return w.closed >= 0; });
-    }, 30000);
+    EventWait::until(
+        [&] { return std::all_of(writers.cbegin(), writers.cend(), [](const Writer &w) { return w.closed >= 0; }); },
+        30000);
 
     QStringList paths;
     for (const Writer &writer : writers) {
@@ -210,7 +215,8 @@ void DetectionBench::measureSlowWriters(BenchAgent &agent)
 
 void DetectionBench::measureBurst(BenchAgent &agent)
 {
-    BenchTable::progress(QStringLiteral("burst: %1 files at once, one in %2 infected").arg(burstFiles).arg(burstInfectedEvery));
+    BenchTable::progress(
+        QStringLiteral("burst: %1 files at once, one in %2 infected").arg(burstFiles).arg(burstInfectedEvery));
     QStringList all;
     QStringList infected;
     for (int i = 0; i < burstFiles; ++i) {
@@ -228,7 +234,8 @@ void DetectionBench::measureBurst(BenchAgent &agent)
         started = BenchClock::nowMs();
         for (int i = 0; i < burstFiles; ++i) {
             const bool isInfected = i % burstInfectedEvery == burstInfectedEvery / 2;
-            const double closed = writeWhole(all.at(i), isInfected ? eicar : QByteArray("clean file ") + QByteArray::number(i) + '\n');
+            const double closed =
+                writeWhole(all.at(i), isInfected ? eicar : QByteArray("clean file ") + QByteArray::number(i) + '\n');
             if (closed < 0)
                 ++unwritten;
             else
@@ -278,7 +285,8 @@ void DetectionBench::measureBurst(BenchAgent &agent)
                wronglyListed == 0);
     _table.add(QStringLiteral("burst: plain clamdscan --file-list, same files"), BenchTable::seconds(plainMs),
                QStringLiteral("finds all %1").arg(infected.size()),
-               plainMs >= 0 && plainFound.size() == infected.size() ? BenchTable::Verdict::Info : BenchTable::Verdict::Fail);
+               plainMs >= 0 && plainFound.size() == infected.size() ? BenchTable::Verdict::Info
+                                                                    : BenchTable::Verdict::Fail);
     _table.note(QStringLiteral("burst: plain clamdscan found"), count(plainFound.size(), infected.size()));
 }
 
@@ -287,7 +295,8 @@ double DetectionBench::clamdscan(const QStringList &arguments, QStringList *foun
     QProcess process;
     process.setProcessChannelMode(QProcess::SeparateChannels);
     const double started = BenchClock::nowMs();
-    process.start(_enginePath + QStringLiteral("/bin/clamdscan"), QStringList{QStringLiteral("--no-summary")} + arguments);
+    process.start(_enginePath + QStringLiteral("/bin/clamdscan"),
+                  QStringList{QStringLiteral("--no-summary")} + arguments);
     if (!process.waitForFinished(600000) || process.exitStatus() != QProcess::NormalExit) {
         process.kill();
         process.waitForFinished();
@@ -296,7 +305,8 @@ double DetectionBench::clamdscan(const QStringList &arguments, QStringList *foun
     const double elapsed = BenchClock::nowMs() - started;
     // Exit status 1 means something was found.
     if (process.exitCode() > 1) {
-        BenchTable::progress(QStringLiteral("clamdscan failed: ") + QString::fromLocal8Bit(process.readAllStandardError()));
+        BenchTable::progress(QStringLiteral("clamdscan failed: ")
+                             + QString::fromLocal8Bit(process.readAllStandardError()));
         return -1;
     }
     for (const QByteArray &line : process.readAllStandardOutput().split('\n')) {

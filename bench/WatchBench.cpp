@@ -23,8 +23,7 @@ constexpr double allowedRatio = 1.5;
 constexpr double allowedStallMs = 100;
 constexpr double allowedIdlePercent = 0.5;
 
-template<typename T>
-T median(QList<T> values)
+template <typename T> T median(QList<T> values)
 {
     if (values.isEmpty())
         return T(-1);
@@ -33,8 +32,7 @@ T median(QList<T> values)
 }
 
 // The figures of the probes that measured them.
-template<typename Probe, typename T>
-QList<T> measured(const QList<Probe> &probes, T Probe::*field)
+template <typename Probe, typename T> QList<T> measured(const QList<Probe> &probes, T Probe::*field)
 {
     QList<T> values;
     for (const Probe &probe : probes)
@@ -55,8 +53,7 @@ WatchBench::WatchBench(const QString &program, const QString &enginePath, const 
     , _enginePath(enginePath)
     , _scratch(scratch)
     , _table(table)
-{
-}
+{}
 
 void WatchBench::run(bool compareSetup, bool measureIdle)
 {
@@ -92,7 +89,8 @@ qint64 WatchBench::build(const Tree &tree, const QString &path) const
     const double started = BenchClock::nowMs();
     const qint64 folders = tree.fanouts.isEmpty() ? FolderTree::makeDeep(path, tree.chains, tree.depth)
                                                   : FolderTree::makeWide(path, tree.fanouts);
-    BenchTable::progress(QStringLiteral("%1 folders in %2 ms").arg(folders).arg(BenchClock::nowMs() - started, 0, 'f', 0));
+    BenchTable::progress(
+        QStringLiteral("%1 folders in %2 ms").arg(folders).arg(BenchClock::nowMs() - started, 0, 'f', 0));
     return folders;
 }
 
@@ -123,22 +121,25 @@ void WatchBench::compare(const Tree &tree, const QString &path, qint64 folders)
 
     const QString label = QStringLiteral("%1 (%2 folders)").arg(tree.name, thousands(folders));
     const bool timed = ourSetup >= 0 && theirSetup >= 0;
-    _table.add(label + QStringLiteral(": watch set-up, median of %1").arg(rounds),
-               QStringLiteral("%1 (inotifywait %2)").arg(BenchTable::seconds(ourSetup), BenchTable::seconds(theirSetup)),
-               QStringLiteral("≤ %1 (1.5 × inotifywait)").arg(BenchTable::seconds(allowedRatio * theirSetup)),
-               timed && ourSetup <= allowedRatio * theirSetup);
-    _table.add(label + QStringLiteral(": peak resident memory, whole process"),
-               QStringLiteral("%1 (inotifywait %2)").arg(BenchTable::megabytes(ourHwm), BenchTable::megabytes(theirHwm)),
-               QStringLiteral("≤ %1 (1.5 × inotifywait)").arg(BenchTable::megabytes(qint64(allowedRatio * double(theirHwm)))),
-               ourHwm >= 0 && theirHwm >= 0 && double(ourHwm) <= allowedRatio * double(theirHwm));
+    _table.add(
+        label + QStringLiteral(": watch set-up, median of %1").arg(rounds),
+        QStringLiteral("%1 (inotifywait %2)").arg(BenchTable::seconds(ourSetup), BenchTable::seconds(theirSetup)),
+        QStringLiteral("≤ %1 (1.5 × inotifywait)").arg(BenchTable::seconds(allowedRatio * theirSetup)),
+        timed && ourSetup <= allowedRatio * theirSetup);
+    _table.add(
+        label + QStringLiteral(": peak resident memory, whole process"),
+        QStringLiteral("%1 (inotifywait %2)").arg(BenchTable::megabytes(ourHwm), BenchTable::megabytes(theirHwm)),
+        QStringLiteral("≤ %1 (1.5 × inotifywait)").arg(BenchTable::megabytes(qint64(allowedRatio * double(theirHwm)))),
+        ourHwm >= 0 && theirHwm >= 0 && double(ourHwm) <= allowedRatio * double(theirHwm));
     _table.note(label + QStringLiteral(": our resident memory added by the watch"),
                 BenchTable::megabytes(median(added)));
     _table.add(label + QStringLiteral(": longest main-thread stall, worst of %1").arg(rounds),
-               QStringLiteral("%1 ms").arg(worstGap, 0, 'f', 1),
-               QStringLiteral("≤ %1 ms").arg(allowedStallMs), worstGap >= 0 && worstGap <= allowedStallMs);
-    _table.add(label + QStringLiteral(": runs that watched every folder"),
-               QStringLiteral("%1 of %2 (inotifywait established %3 of %2)").arg(fullyWatched).arg(ours.size()).arg(theirRuns),
-               QStringLiteral("all of ours"), fullyWatched == ours.size());
+               QStringLiteral("%1 ms").arg(worstGap, 0, 'f', 1), QStringLiteral("≤ %1 ms").arg(allowedStallMs),
+               worstGap >= 0 && worstGap <= allowedStallMs);
+    _table.add(
+        label + QStringLiteral(": runs that watched every folder"),
+        QStringLiteral("%1 of %2 (inotifywait established %3 of %2)").arg(fullyWatched).arg(ours.size()).arg(theirRuns),
+        QStringLiteral("all of ours"), fullyWatched == ours.size());
 
     // Once: the figures every tree shares.
     if (tree.name == QLatin1String("wide-10k")) {
@@ -193,9 +194,10 @@ WatchBench::Probe WatchBench::probeInotifywait(const QString &path) const
         probe.rssKb = ProcessStatus::memoryKb(process.processId(), "VmRSS");
     } else {
         BenchTable::progress(QStringLiteral("inotifywait did not establish its watches (%1): %2")
-                     .arg(process.state() == QProcess::NotRunning ? QStringLiteral("exit status %1").arg(process.exitCode())
-                                                                  : QStringLiteral("still running"),
-                          QString::fromLocal8Bit(said).simplified()));
+                                 .arg(process.state() == QProcess::NotRunning
+                                          ? QStringLiteral("exit status %1").arg(process.exitCode())
+                                          : QStringLiteral("still running"),
+                                      QString::fromLocal8Bit(said).simplified()));
     }
     process.terminate();
     if (!process.waitForFinished(10000)) {
@@ -208,10 +210,10 @@ WatchBench::Probe WatchBench::probeInotifywait(const QString &path) const
 void WatchBench::idle(const Tree &tree, const QString &path, qint64 folders)
 {
     BenchTable::progress(QStringLiteral("idle: the agent watching %1 for %2 s").arg(tree.name).arg(idleSeconds));
-    const QHash<QString, QString> values = runProbe(
-        {QStringLiteral("--probe-idle"), path, QStringLiteral("--engine"), _enginePath, QStringLiteral("--seconds"),
-         QString::number(idleSeconds)},
-        (idleSeconds + 600) * 1000);
+    const QHash<QString, QString> values =
+        runProbe({QStringLiteral("--probe-idle"), path, QStringLiteral("--engine"), _enginePath,
+                  QStringLiteral("--seconds"), QString::number(idleSeconds)},
+                 (idleSeconds + 600) * 1000);
     const double percent = values.value(QStringLiteral("cpu_percent"), QStringLiteral("-1")).toDouble();
     const QString label = QStringLiteral("idle: agent watching %1 (%2 folders)").arg(tree.name, thousands(folders));
     _table.add(label + QStringLiteral(", CPU over %1 s").arg(idleSeconds),
@@ -222,14 +224,15 @@ void WatchBench::idle(const Tree &tree, const QString &path, qint64 folders)
                QStringLiteral("< %1 %").arg(allowedIdlePercent), percent >= 0 && percent < allowedIdlePercent);
     _table.add(label + QStringLiteral(", nothing scanned meanwhile"),
                values.value(QStringLiteral("untouched")) == QLatin1String("1") ? QStringLiteral("nothing")
-                                                                              : QStringLiteral("work found"),
+                                                                               : QStringLiteral("work found"),
                QStringLiteral("nothing"), values.value(QStringLiteral("untouched")) == QLatin1String("1"));
     _table.note(label + QStringLiteral(", resident memory (VmRSS / VmHWM)"),
                 QStringLiteral("%1 / %2").arg(
                     BenchTable::megabytes(values.value(QStringLiteral("rss_kb"), QStringLiteral("-1")).toLongLong()),
                     BenchTable::megabytes(values.value(QStringLiteral("hwm_kb"), QStringLiteral("-1")).toLongLong())));
-    _table.note(label + QStringLiteral(", launch → watching"),
-                BenchTable::seconds(values.value(QStringLiteral("launch_to_watching_ms"), QStringLiteral("-1")).toDouble()));
+    _table.note(
+        label + QStringLiteral(", launch → watching"),
+        BenchTable::seconds(values.value(QStringLiteral("launch_to_watching_ms"), QStringLiteral("-1")).toDouble()));
 }
 
 QHash<QString, QString> WatchBench::runProbe(const QStringList &arguments, int timeoutMs) const
@@ -238,8 +241,10 @@ QHash<QString, QString> WatchBench::runProbe(const QStringList &arguments, int t
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process.start(_program, arguments);
     QHash<QString, QString> values;
-    if (!process.waitForFinished(timeoutMs) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        BenchTable::progress(QStringLiteral("probe %1 failed: %2").arg(arguments.join(QLatin1Char(' ')), process.errorString()));
+    if (!process.waitForFinished(timeoutMs) || process.exitStatus() != QProcess::NormalExit
+        || process.exitCode() != 0) {
+        BenchTable::progress(
+            QStringLiteral("probe %1 failed: %2").arg(arguments.join(QLatin1Char(' ')), process.errorString()));
         process.kill();
         process.waitForFinished();
         return values;

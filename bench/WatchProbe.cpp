@@ -90,7 +90,7 @@ int WatchProbe::idleAgent(const QString &tree, const QString &enginePath, int se
 
     Dispatcher *dispatcher = agent.controller()->dispatcher();
     const bool untouched = dispatcher->waitingList().isEmpty() && dispatcher->readyList().isEmpty()
-        && !agent.controller()->utils()->scanning() && !agent.quitRequested();
+                           && !agent.controller()->utils()->scanning() && !agent.quitRequested();
     report(QStringLiteral("launch_to_watching_ms"), watching - launched);
     report(QStringLiteral("cpu_s"), cpu);
     report(QStringLiteral("wall_s"), wall);

@@ -27,8 +27,7 @@ const QString packageName = QStringLiteral("korvane");
 CompanionApplication::CompanionApplication(QObject *parent)
     : QObject(parent)
     , _settings(std::make_unique<CompanionSettings>())
-{
-}
+{}
 
 CompanionApplication::~CompanionApplication()
 {
@@ -126,13 +125,14 @@ QString CompanionApplication::updateInstructions(const QString &installed, const
 {
     QString text = tr("Korvane %1 is installed.").arg(installed);
     if (offered.isEmpty())
-        text += QLatin1Char(' ') + tr("The package manager offers no other version of “%1” at the moment.").arg(packageName);
+        text += QLatin1Char(' ')
+                + tr("The package manager offers no other version of “%1” at the moment.").arg(packageName);
     else
         text += QLatin1Char(' ') + tr("The package manager offers version %1.").arg(offered);
     text += QStringLiteral("\n\n")
-        + tr("Korvane is updated with the rest of the system: use your software updater, or run\n\n"
-             "    sudo apt update && sudo apt install --only-upgrade %1")
-              .arg(packageName);
+            + tr("Korvane is updated with the rest of the system: use your software updater, or run\n\n"
+                 "    sudo apt update && sudo apt install --only-upgrade %1")
+                  .arg(packageName);
     return text;
 }
 

@@ -28,7 +28,8 @@ QString execArgument(const QString &program)
 
 QString LoginItem::path()
 {
-    return UserFolders::launchAgents() + QLatin1Char('/') + QStringLiteral(KORVANE_AGENT_ID) + QStringLiteral(".desktop");
+    return UserFolders::launchAgents() + QLatin1Char('/') + QStringLiteral(KORVANE_AGENT_ID)
+           + QStringLiteral(".desktop");
 }
 
 bool LoginItem::isEnabled()

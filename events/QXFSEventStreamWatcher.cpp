@@ -56,10 +56,13 @@ QXFSEventStreamWatcher::~QXFSEventStreamWatcher()
         delete _worker;
         return;
     }
-    QMetaObject::invokeMethod(_worker, [this] {
-        delete unixTask;
-        unixTask = nullptr;
-    }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        _worker,
+        [this] {
+            delete unixTask;
+            unixTask = nullptr;
+        },
+        Qt::BlockingQueuedConnection);
     _thread.quit();
     _thread.wait();
 }
@@ -75,12 +78,15 @@ QString QXFSEventStreamWatcher::gfsloggerPath()
         return loggerPath;
     // Beside the agent in a build tree, else where the install put it.
     const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/gfslogger");
-    return QFileInfo::exists(beside)
-        ? beside
-        : QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../" KORVANE_HELPER_DIR "/gfslogger"));
+    return QFileInfo::exists(beside) ? beside
+                                     : QDir::cleanPath(QCoreApplication::applicationDirPath()
+                                                       + QStringLiteral("/../" KORVANE_HELPER_DIR "/gfslogger"));
 }
 
-void QXFSEventStreamWatcher::setGfsloggerPath(const QString &path) { loggerPath = path; }
+void QXFSEventStreamWatcher::setGfsloggerPath(const QString &path)
+{
+    loggerPath = path;
+}
 
 QString QXFSEventStreamWatcher::repairToolPath()
 {
@@ -98,7 +104,8 @@ bool QXFSEventStreamWatcher::attributesLookGood(const QString &path)
 
 void QXFSEventStreamWatcher::repairPermissionsOnGfslogger()
 {
-    const PrivilegedExecution::Result result = PrivilegedExecution::sharedExecution()->runWithPrivileges(repairToolPath());
+    const PrivilegedExecution::Result result =
+        PrivilegedExecution::sharedExecution()->runWithPrivileges(repairToolPath());
     if (!result.started) {
         // No way to ask: the logger runs as it is and reports what it lacks.
         SystemLog::log(QStringLiteral("error: %1").arg(result.status));
@@ -116,16 +123,20 @@ void QXFSEventStreamWatcher::startWatching(const QStringList &folders)
 {
     // The Trash folders come from the mount table, read here once per start.
     const QStringList trash = Trash::sharedTrash()->trashFolders();
-    QMetaObject::invokeMethod(_worker, [this, folders, trash] { runLogger(folders, trash); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        _worker, [this, folders, trash] { runLogger(folders, trash); }, Qt::QueuedConnection);
 }
 
 void QXFSEventStreamWatcher::stopWatching()
 {
     SystemLog::log(QStringLiteral("attempting to terminate gfslogger"));
-    QMetaObject::invokeMethod(_worker, [this] {
-        if (unixTask)
-            unixTask->terminate();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        _worker,
+        [this] {
+            if (unixTask)
+                unixTask->terminate();
+        },
+        Qt::QueuedConnection);
 }
 
 bool QXFSEventStreamWatcher::isTrashedFileAtPath(const QString &path) const
@@ -193,8 +204,8 @@ void QXFSEventStreamWatcher::notifiedForStdOutput()
             if (!piece.startsWith(folder) || isTrashedFileAtPath(piece))
                 continue;
             SystemLog::log(QStringLiteral("gfslogger found: %1").arg(piece));
-            QMetaObject::invokeMethod(this, [this, piece] { _delegate->addToWaitingList(piece); },
-                                      Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                this, [this, piece] { _delegate->addToWaitingList(piece); }, Qt::QueuedConnection);
             break;
         }
     }

@@ -5,8 +5,7 @@ SCEvent::SCEvent(quint64 eventId, const QDateTime &eventDate, const QString &eve
     , _eventDate(eventDate)
     , _eventPath(eventPath)
     , _eventFlags(eventFlags)
-{
-}
+{}
 
 SCEvent SCEvent::eventWithEventId(quint64 eventId, const QDateTime &eventDate, const QString &eventPath,
                                   qint32 eventFlags)

@@ -29,7 +29,8 @@ QStringList partsOf(const QString &version)
             afterSpace = true;
             continue;
         }
-        if (!afterSpace && !parts.isEmpty() && typeOf(parts.last().back()) == typeOf(c) && typeOf(c) != PartType::Separator)
+        if (!afterSpace && !parts.isEmpty() && typeOf(parts.last().back()) == typeOf(c)
+            && typeOf(c) != PartType::Separator)
             parts.last().append(c);
         else
             parts.append(QString(c));
@@ -189,7 +190,9 @@ std::optional<AppcastItem> AppcastUpdater::newestItem(const QByteArray &feed, QS
     }
     QString problem;
     if (xml.hasError())
-        problem = QStringLiteral("the feed is not well-formed XML: %1 (line %2)").arg(xml.errorString()).arg(xml.lineNumber());
+        problem = QStringLiteral("the feed is not well-formed XML: %1 (line %2)")
+                      .arg(xml.errorString())
+                      .arg(xml.lineNumber());
     else if (!sawRss)
         problem = QStringLiteral("the feed is not an RSS document");
     if (error)

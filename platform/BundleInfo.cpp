@@ -16,10 +16,22 @@ QString infoValue(const QString &key)
 }
 } // namespace
 
-QString BundleInfo::bundleIdentifier() { return identifier; }
-void BundleInfo::setBundleIdentifier(const QString &id) { identifier = id; }
-QString BundleInfo::companionIdentifier() { return QStringLiteral(KORVANE_COMPANION_ID); }
-QString BundleInfo::shortVersionString() { return QStringLiteral(KORVANE_VERSION); }
+QString BundleInfo::bundleIdentifier()
+{
+    return identifier;
+}
+void BundleInfo::setBundleIdentifier(const QString &id)
+{
+    identifier = id;
+}
+QString BundleInfo::companionIdentifier()
+{
+    return QStringLiteral(KORVANE_COMPANION_ID);
+}
+QString BundleInfo::shortVersionString()
+{
+    return QStringLiteral(KORVANE_VERSION);
+}
 
 QString BundleInfo::executableName()
 {
@@ -34,7 +46,10 @@ QString BundleInfo::infoPath()
     return QCoreApplication::applicationDirPath() + QStringLiteral("/Info.plist");
 }
 
-void BundleInfo::setInfoPath(const QString &path) { info = path; }
+void BundleInfo::setInfoPath(const QString &path)
+{
+    info = path;
+}
 
 QString BundleInfo::bundleVersion()
 {

@@ -6,7 +6,8 @@
 
 #include <algorithm>
 
-const QString DBusDistributedNotificationCenter::interfaceName = QStringLiteral("org.korvane.DistributedNotifications1");
+const QString DBusDistributedNotificationCenter::interfaceName =
+    QStringLiteral("org.korvane.DistributedNotifications1");
 const QString DBusDistributedNotificationCenter::objectPath = QStringLiteral("/org/korvane/DistributedNotifications1");
 
 DBusDistributedNotificationCenter::DBusDistributedNotificationCenter(const QDBusConnection &bus, QObject *parent)
@@ -15,8 +16,8 @@ DBusDistributedNotificationCenter::DBusDistributedNotificationCenter(const QDBus
     , _connected(bus.isConnected())
 {
     if (!_connected)
-        SystemLog::log(QStringLiteral("no session bus: distributed notifications are off (%1)")
-                           .arg(_bus.lastError().message()));
+        SystemLog::log(
+            QStringLiteral("no session bus: distributed notifications are off (%1)").arg(_bus.lastError().message()));
 }
 
 DBusDistributedNotificationCenter::~DBusDistributedNotificationCenter()
@@ -72,8 +73,8 @@ void DBusDistributedNotificationCenter::postNotificationName(const QString &name
     QDBusMessage signal = QDBusMessage::createSignal(objectPath, interfaceName, name);
     signal << object;
     if (!_bus.send(signal)) {
-        SystemLog::log(QStringLiteral("cannot post distributed notification %1 (%2)")
-                           .arg(name, _bus.lastError().message()));
+        SystemLog::log(
+            QStringLiteral("cannot post distributed notification %1 (%2)").arg(name, _bus.lastError().message()));
         return;
     }
     // A signal still queued when the process exits is lost.
@@ -112,8 +113,8 @@ void DBusDistributedNotificationCenter::listen(const QString &name)
 {
     // An empty service hears every sender.
     if (!_bus.connect(QString(), objectPath, interfaceName, name, this, SLOT(deliver(QDBusMessage)))) {
-        SystemLog::log(QStringLiteral("cannot observe distributed notification %1 (%2)")
-                           .arg(name, _bus.lastError().message()));
+        SystemLog::log(
+            QStringLiteral("cannot observe distributed notification %1 (%2)").arg(name, _bus.lastError().message()));
         return;
     }
     // The match rule goes out without waiting; once flushed, whatever is sent
@@ -130,9 +131,8 @@ void DBusDistributedNotificationCenter::flush()
 {
     // The reply to a call comes back only after everything sent before it
     // on this connection has reached the bus.
-    const QDBusMessage ping = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"),
-                                                             QStringLiteral("/org/freedesktop/DBus"),
-                                                             QStringLiteral("org.freedesktop.DBus.Peer"),
-                                                             QStringLiteral("Ping"));
+    const QDBusMessage ping =
+        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                                       QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
     _bus.call(ping, QDBus::Block, 1000);
 }

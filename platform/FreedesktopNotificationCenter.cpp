@@ -23,7 +23,7 @@ constexpr qsizetype rememberedIds = 64;
 bool meansNoService(const QDBusError &error)
 {
     return error.type() == QDBusError::ServiceUnknown || error.type() == QDBusError::Disconnected
-        || error.name().startsWith(QStringLiteral("org.freedesktop.DBus.Error.Spawn."));
+           || error.name().startsWith(QStringLiteral("org.freedesktop.DBus.Error.Spawn."));
 }
 
 } // namespace
@@ -42,9 +42,9 @@ FreedesktopNotificationCenter::FreedesktopNotificationCenter(const QDBusConnecti
             &FreedesktopNotificationCenter::serviceOwnerChanged);
     // Naming the service makes Qt hear only its current owner, whoever that is.
     const bool listening = _bus.connect(serviceName, objectPath, serviceName, QStringLiteral("ActionInvoked"), this,
-                                        SLOT(actionInvoked(uint,QString)))
-        && _bus.connect(serviceName, objectPath, serviceName, QStringLiteral("NotificationClosed"), this,
-                        SLOT(notificationClosed(uint,uint)));
+                                        SLOT(actionInvoked(uint, QString)))
+                           && _bus.connect(serviceName, objectPath, serviceName, QStringLiteral("NotificationClosed"),
+                                           this, SLOT(notificationClosed(uint, uint)));
     if (!listening)
         SystemLog::log(QStringLiteral("cannot hear clicks on notifications (%1)").arg(_bus.lastError().message()));
 }
@@ -62,7 +62,8 @@ void FreedesktopNotificationCenter::deliverNotification(const QString &title, co
         showInTray(title, informativeText);
         return;
     }
-    QDBusMessage notify = QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, QStringLiteral("Notify"));
+    QDBusMessage notify =
+        QDBusMessage::createMethodCall(serviceName, objectPath, serviceName, QStringLiteral("Notify"));
     const QVariantMap hints{{QStringLiteral("sound-name"), QStringLiteral("message-new-instant")},
                             {QStringLiteral("desktop-entry"), iconName}};
     notify << applicationName << 0u << iconName << title << informativeText << QStringList{defaultAction, QString()}
@@ -129,9 +130,9 @@ void FreedesktopNotificationCenter::notifyFinished(QDBusPendingCallWatcher *call
         _serviceMissing = true;
         _missingReason = reply.error().message();
     } else {
-        SystemLog::log(QStringLiteral("the notification service did not show a notification%1 (%2)")
-                           .arg(_trayItem ? QStringLiteral(": it goes to the tray icon") : QString(),
-                                reply.error().message()));
+        SystemLog::log(
+            QStringLiteral("the notification service did not show a notification%1 (%2)")
+                .arg(_trayItem ? QStringLiteral(": it goes to the tray icon") : QString(), reply.error().message()));
     }
     showInTray(title, informativeText);
 }
@@ -140,10 +141,11 @@ void FreedesktopNotificationCenter::showInTray(const QString &title, const QStri
 {
     if (_serviceMissing && !_loggedMissing) {
         _loggedMissing = true;
-        SystemLog::log(_trayItem ? QStringLiteral("no notification service: notifications go to the tray icon (%1)")
-                                       .arg(_missingReason)
-                                 : QStringLiteral("no notification service and no tray icon: notifications are not shown (%1)")
-                                       .arg(_missingReason));
+        SystemLog::log(
+            _trayItem
+                ? QStringLiteral("no notification service: notifications go to the tray icon (%1)").arg(_missingReason)
+                : QStringLiteral("no notification service and no tray icon: notifications are not shown (%1)")
+                      .arg(_missingReason));
     }
     if (_trayItem)
         _trayItem->showMessage(title, informativeText);

@@ -79,7 +79,7 @@ bool stickyFolder(const QString &path)
 {
     struct stat info;
     return ::lstat(QFile::encodeName(path).constData(), &info) == 0 && S_ISDIR(info.st_mode)
-        && (info.st_mode & S_ISVTX);
+           && (info.st_mode & S_ISVTX);
 }
 
 bool writeExclusively(const QString &path, const QByteArray &contents, int *errorNumber)
@@ -199,9 +199,9 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
         || !privateFolder(trash + QStringLiteral("/info"), error))
         return {};
 
-    const QByteArray info = "[Trash Info]\nPath=" + QFile::encodeName(recordedPath).toPercentEncoding("/")
-        + "\nDeletionDate=" + QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss")).toLatin1()
-        + '\n';
+    const QByteArray info =
+        "[Trash Info]\nPath=" + QFile::encodeName(recordedPath).toPercentEncoding("/") + "\nDeletionDate="
+        + QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss")).toLatin1() + '\n';
     for (int number = 1; number <= maximumNumber; ++number) {
         const QString trashName = number == 1 ? name : numberedName(name, number);
         const QString infoPath = trash + QStringLiteral("/info/") + trashName + QStringLiteral(".trashinfo");

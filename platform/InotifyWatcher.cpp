@@ -33,7 +33,7 @@ namespace {
 constexpr uint32_t lookoutChanges = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
 
 constexpr uint32_t watchedChanges = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_CLOSE_WRITE
-    | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
+                                    | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
 
 // A walk step longer than this hands the thread back to its event loop, so the
 // queue is read and a stop is heard while a large tree is being set up.
@@ -323,7 +323,7 @@ void InotifyWatcher::Worker::handleSelfEvent(int wd, uint32_t mask)
     if (folder->parent < 0) {
         const QByteArray root = folder->name;
         note(root, RootChanged);
-        const QString reason = (mask & IN_MOVE_SELF)  ? QStringLiteral("it was moved away")
+        const QString reason = (mask & IN_MOVE_SELF) ? QStringLiteral("it was moved away")
                                : (mask & IN_UNMOUNT) ? QStringLiteral("its file system was unmounted")
                                                      : QStringLiteral("it was removed");
         NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(root), reason));
@@ -348,7 +348,8 @@ void InotifyWatcher::Worker::awaitRoot(const QByteArray &root)
         if (wd < 0 && (errno == ENOENT || errno == ENOTDIR))
             continue;
         if (wd < 0) {
-            NSLog(QStringLiteral("cannot wait for %1 to appear: %2").arg(QFile::decodeName(root), qt_error_string(errno)));
+            NSLog(QStringLiteral("cannot wait for %1 to appear: %2")
+                      .arg(QFile::decodeName(root), qt_error_string(errno)));
             return;
         }
         if (!_lookouts[wd].contains(root))
@@ -357,11 +358,14 @@ void InotifyWatcher::Worker::awaitRoot(const QByteArray &root)
     }
     // It may have appeared before the parent's watch existed.
     if (isFolder(root))
-        QMetaObject::invokeMethod(this, [this] {
-            lookoutChanged(-1, 0);
-            if (!_pending.empty())
-                walk(false);
-        }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                lookoutChanged(-1, 0);
+                if (!_pending.empty())
+                    walk(false);
+            },
+            Qt::QueuedConnection);
 }
 
 void InotifyWatcher::Worker::lookoutChanged(int wd, uint32_t mask)
@@ -444,10 +448,13 @@ void InotifyWatcher::Worker::walk(bool toTheEnd)
     if (!_pending.empty()) {
         if (!_walkPosted) {
             _walkPosted = true;
-            QMetaObject::invokeMethod(this, [this] {
-                _walkPosted = false;
-                walk(false);
-            }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    _walkPosted = false;
+                    walk(false);
+                },
+                Qt::QueuedConnection);
         }
         return;
     }
@@ -505,7 +512,7 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
         const bool initialEntry = folder.walk == Walk::Initial && entry->d_type != DT_DIR;
         struct stat status;
         const bool stated = (initialEntry || entry->d_type == DT_UNKNOWN)
-            && ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+                            && ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
         const bool isFolder = entry->d_type == DT_DIR || (stated && S_ISDIR(status.st_mode));
         const QByteArray name(entry->d_name);
         const QByteArray path = joined(folder.path, name);
@@ -530,9 +537,10 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
         const qint64 limit = watchLimit();
         const qint64 suggested = qMax<qint64>(2 * limit, 524288);
         const QString root = QFile::decodeName(folder.parent < 0 ? folder.path : rootOf(folder.parent));
-        NSLog(QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders under %2 "
-                             "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
-                  .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), root, QString::number(suggested)));
+        NSLog(
+            QStringLiteral("inotify watch limit reached (fs.inotify.max_user_watches = %1): some folders under %2 "
+                           "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
+                .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), root, QString::number(suggested)));
         _owner->reportWatchLimit(root, suggested);
         return;
     }
@@ -656,7 +664,8 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
                          changedSinceNs);
     _worker->moveToThread(&_thread);
     _thread.start();
-    QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        _worker, [worker = _worker] { worker->begin(); }, Qt::QueuedConnection);
     return true;
 }
 
@@ -684,21 +693,23 @@ void InotifyWatcher::flushSync()
 {
     if (!_worker)
         return;
-    QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(true); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        _worker, [worker = _worker] { worker->flush(true); }, Qt::BlockingQueuedConnection);
     deliverBatches();
 }
 
 void InotifyWatcher::flushAsync()
 {
     if (_worker)
-        QMetaObject::invokeMethod(_worker, [worker = _worker] { worker->flush(false); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            _worker, [worker = _worker] { worker->flush(false); }, Qt::QueuedConnection);
 }
 
 void InotifyWatcher::holdReading(bool hold)
 {
     if (_worker)
-        QMetaObject::invokeMethod(_worker, [worker = _worker, hold] { worker->holdReading(hold); },
-                                  Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+            _worker, [worker = _worker, hold] { worker->holdReading(hold); }, Qt::BlockingQueuedConnection);
 }
 
 QString InotifyWatcher::description() const
@@ -706,8 +717,8 @@ QString InotifyWatcher::description() const
     if (!_worker)
         return {};
     QString text;
-    QMetaObject::invokeMethod(_worker, [worker = _worker] { return worker->description(); },
-                              Qt::BlockingQueuedConnection, &text);
+    QMetaObject::invokeMethod(
+        _worker, [worker = _worker] { return worker->description(); }, Qt::BlockingQueuedConnection, &text);
     return text;
 }
 
@@ -720,26 +731,34 @@ void InotifyWatcher::takeBatch(QList<FileSystemEvent> batch)
         _inbox.append(std::move(batch));
     }
     if (first)
-        QMetaObject::invokeMethod(this, [this] { deliverBatches(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { deliverBatches(); }, Qt::QueuedConnection);
 }
 
 void InotifyWatcher::reportSetupFinished(qint64 watchedFolders)
 {
-    QMetaObject::invokeMethod(this, [this, watchedFolders] {
-        if (_worker)
-            emit setupFinished(watchedFolders);
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this, watchedFolders] {
+            if (_worker)
+                emit setupFinished(watchedFolders);
+        },
+        Qt::QueuedConnection);
 }
 
 void InotifyWatcher::reportWatchLimit(const QString &root, qint64 suggestedLimit)
 {
     // Files in the folders left out would never be scanned, so the user is told, not only the log.
-    QMetaObject::invokeMethod(this, [this, root, suggestedLimit] {
-        UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
-        if (_worker && center->canDeliver())
-            center->deliverNotification(Localization::text("WATCH_LIMIT_TITLE"),
-                                        Localization::text("WATCH_LIMIT_MESSAGE").arg(root, QString::number(suggestedLimit)));
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this, root, suggestedLimit] {
+            UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
+            if (_worker && center->canDeliver())
+                center->deliverNotification(
+                    Localization::text("WATCH_LIMIT_TITLE"),
+                    Localization::text("WATCH_LIMIT_MESSAGE").arg(root, QString::number(suggestedLimit)));
+        },
+        Qt::QueuedConnection);
 }
 
 void InotifyWatcher::deliverBatches()

@@ -8,8 +8,7 @@
 
 namespace {
 
-constexpr QFileDevice::Permissions logMode =
-    QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup;
+constexpr QFileDevice::Permissions logMode = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup;
 
 // Removes a stale file first and refuses to follow anything planted at the
 // fixed name, since the temporary folder is shared.
@@ -45,8 +44,7 @@ LogRotationTool::LogRotationTool()
 LogRotationTool::LogRotationTool(Kind kind, const QString &program)
     : _kind(kind)
     , _program(program)
-{
-}
+{}
 
 QString LogRotationTool::configurationPath()
 {
@@ -58,8 +56,8 @@ QString LogRotationTool::configurationPath()
 QString LogRotationTool::newsyslogConfiguration(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB)
 {
     return QStringLiteral("# logfilename [owner:group] mode count size when flags [/pid_file] [sig_num]\n")
-        + QStringLiteral("%1\t%2:%3\t640\t3\t%4\t*\tCJN")
-              .arg(logPath, QString::number(uid), QString::number(gid), QString::number(sizeLimitKB));
+           + QStringLiteral("%1\t%2:%3\t640\t3\t%4\t*\tCJN")
+                 .arg(logPath, QString::number(uid), QString::number(gid), QString::number(sizeLimitKB));
 }
 
 QString LogRotationTool::logrotateConfiguration(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB)

@@ -14,15 +14,15 @@ LogindSleepWakeNotifier::LogindSleepWakeNotifier(const QDBusConnection &bus, QOb
     , _bus(bus)
 {
     if (!_bus.isConnected()) {
-        SystemLog::log(QStringLiteral("no system bus: sleep and wake are not watched (%1)")
-                           .arg(_bus.lastError().message()));
+        SystemLog::log(
+            QStringLiteral("no system bus: sleep and wake are not watched (%1)").arg(_bus.lastError().message()));
         return;
     }
     // Naming the service makes Qt follow its owner, so only logind is heard,
     // including a logind that starts later.
     _watching = _bus.connect(logindService, QStringLiteral("/org/freedesktop/login1"),
-                             QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"),
-                             this, SLOT(prepareForSleep(bool)));
+                             QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"), this,
+                             SLOT(prepareForSleep(bool)));
     if (!_watching) {
         SystemLog::log(QStringLiteral("cannot watch sleep and wake (%1)").arg(_bus.lastError().message()));
         return;

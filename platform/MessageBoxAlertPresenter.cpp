@@ -11,8 +11,8 @@ int MessageBoxAlertPresenter::runModal(const Alert &alert)
     box.setWindowTitle(QApplication::applicationDisplayName());
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
-    QPushButton *defaultButton = box.addButton(alert.defaultButton.isEmpty() ? QStringLiteral("OK") : alert.defaultButton,
-                                               QMessageBox::AcceptRole);
+    QPushButton *defaultButton = box.addButton(
+        alert.defaultButton.isEmpty() ? QStringLiteral("OK") : alert.defaultButton, QMessageBox::AcceptRole);
     QPushButton *alternateButton = nullptr;
     if (!alert.alternateButton.isEmpty())
         alternateButton = box.addButton(alert.alternateButton, QMessageBox::RejectRole);

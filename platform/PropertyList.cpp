@@ -13,17 +13,20 @@
 
 namespace {
 
-struct NodeDeleter {
+struct NodeDeleter
+{
     void operator()(void *node) const { plist_free(node); }
 };
 using Node = std::unique_ptr<void, NodeDeleter>;
 
-struct MallocDeleter {
+struct MallocDeleter
+{
     void operator()(void *memory) const { std::free(memory); }
 };
 using Malloced = std::unique_ptr<void, MallocDeleter>;
 
-struct XmlBuffer {
+struct XmlBuffer
+{
     char *text = nullptr;
     uint32_t length = 0;
     ~XmlBuffer()
@@ -177,8 +180,7 @@ QString describe(const QVariant &value)
 
 plist_t toNode(const QVariant &value, const QString &where, QString *error);
 
-template <typename Map>
-plist_t dictFrom(const Map &map, const QString &where, QString *error)
+template <typename Map> plist_t dictFrom(const Map &map, const QString &where, QString *error)
 {
     Node dict(plist_new_dict());
     for (auto it = map.cbegin(); it != map.cend(); ++it) {

@@ -8,8 +8,14 @@ namespace {
 QString versionPath = QStringLiteral("/System/Library/CoreServices/SystemVersion.plist");
 }
 
-QString SystemVersion::path() { return versionPath; }
-void SystemVersion::setPath(const QString &p) { versionPath = p; }
+QString SystemVersion::path()
+{
+    return versionPath;
+}
+void SystemVersion::setPath(const QString &p)
+{
+    versionPath = p;
+}
 
 QString SystemVersion::productVersion()
 {

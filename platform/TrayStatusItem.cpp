@@ -18,7 +18,10 @@ TrayStatusItem::TrayStatusItem(QObject *parent)
 
 TrayStatusItem::~TrayStatusItem() = default;
 
-QIcon TrayStatusItem::image() const { return _trayIcon->icon(); }
+QIcon TrayStatusItem::image() const
+{
+    return _trayIcon->icon();
+}
 
 void TrayStatusItem::setImage(const QIcon &image)
 {
@@ -27,10 +30,22 @@ void TrayStatusItem::setImage(const QIcon &image)
         showWhenTrayExists();
 }
 
-QIcon TrayStatusItem::alternateImage() const { return _alternateImage; }
-void TrayStatusItem::setAlternateImage(const QIcon &image) { _alternateImage = image; }
-QMenu *TrayStatusItem::menu() const { return _trayIcon->contextMenu(); }
-void TrayStatusItem::setMenu(QMenu *menu) { _trayIcon->setContextMenu(menu); }
+QIcon TrayStatusItem::alternateImage() const
+{
+    return _alternateImage;
+}
+void TrayStatusItem::setAlternateImage(const QIcon &image)
+{
+    _alternateImage = image;
+}
+QMenu *TrayStatusItem::menu() const
+{
+    return _trayIcon->contextMenu();
+}
+void TrayStatusItem::setMenu(QMenu *menu)
+{
+    _trayIcon->setContextMenu(menu);
+}
 
 void TrayStatusItem::setHighlightMode(bool)
 {

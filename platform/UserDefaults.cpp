@@ -15,7 +15,8 @@ namespace {
 
 // Identifies one version of a file. An atomic replace changes the inode; an
 // in-place edit changes size or times.
-struct FileStamp {
+struct FileStamp
+{
     bool exists = false;
     quint64 device = 0;
     quint64 inode = 0;
@@ -28,7 +29,8 @@ struct FileStamp {
 
 FileStamp stampOf(const QString &path)
 {
-    struct stat info {};
+    struct stat info
+    {};
     if (::stat(QFile::encodeName(path).constData(), &info) != 0)
         return {};
     return {true,
@@ -53,7 +55,8 @@ std::unique_ptr<UserDefaults> ownStandard;
 
 } // namespace
 
-struct UserDefaults::Domain {
+struct UserDefaults::Domain
+{
     QString path;
     FileStamp stamp;
     bool loaded = false;
@@ -68,8 +71,7 @@ struct UserDefaults::Domain {
 
 UserDefaults::UserDefaults(const QString &domain)
     : _domain(domain)
-{
-}
+{}
 
 UserDefaults::~UserDefaults() = default;
 

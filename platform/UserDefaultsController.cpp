@@ -13,8 +13,7 @@ std::unique_ptr<UserDefaultsController> ownShared;
 
 UserDefaultsController::UserDefaultsController(UserDefaults *defaults)
     : _defaults(defaults)
-{
-}
+{}
 
 UserDefaultsController *UserDefaultsController::sharedUserDefaultsController()
 {

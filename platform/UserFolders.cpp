@@ -51,9 +51,12 @@ QString UserFolders::launchAgents()
 QStringList UserFolders::mailStores()
 {
     const QString h = homePrefix();
-    return {h + QStringLiteral("/.thunderbird"), h + QStringLiteral("/.local/share/evolution/mail"),
-            h + QStringLiteral("/.local/share/local-mail"), h + QStringLiteral("/.local/share/geary"),
-            h + QStringLiteral("/.claws-mail"), h + QStringLiteral("/Maildir")};
+    return {h + QStringLiteral("/.thunderbird"),
+            h + QStringLiteral("/.local/share/evolution/mail"),
+            h + QStringLiteral("/.local/share/local-mail"),
+            h + QStringLiteral("/.local/share/geary"),
+            h + QStringLiteral("/.claws-mail"),
+            h + QStringLiteral("/Maildir")};
 }
 
 QString UserFolders::expandTilde(const QString &path)

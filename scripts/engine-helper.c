@@ -102,9 +102,17 @@ static int daemon_answers(void)
 
 static int allowed_update_option(const char *option)
 {
-    static const char *const fixed[] = {"--stdout", "--on-update-execute=EXIT_1", "--no-dns", "--version",
-                                        "-V", "--quiet", "--verbose", "--show-progress", "--no-warnings",
-                                        "--log=" DB_DIR "/freshclam.log", NULL};
+    static const char *const fixed[] = {"--stdout",
+                                        "--on-update-execute=EXIT_1",
+                                        "--no-dns",
+                                        "--version",
+                                        "-V",
+                                        "--quiet",
+                                        "--verbose",
+                                        "--show-progress",
+                                        "--no-warnings",
+                                        "--log=" DB_DIR "/freshclam.log",
+                                        NULL};
     for (const char *const *f = fixed; *f; ++f)
         if (strcmp(option, *f) == 0)
             return 1;

@@ -25,8 +25,7 @@ bool logFileExists(const QString &path)
 
 EnablingRules::EnablingRules(EnablingRulesDelegate *delegate)
     : _delegate(delegate)
-{
-}
+{}
 
 QString EnablingRules::korvaneScanLogPath(const QString &scanLogPath)
 {

@@ -11,8 +11,7 @@
 EngineStatusReactions::EngineStatusReactions(EngineStatusReactionsDelegate *delegate, QObject *parent)
     : QObject(parent)
     , _delegate(delegate)
-{
-}
+{}
 
 void EngineStatusReactions::engineNotFound()
 {

@@ -39,8 +39,7 @@ InfectedFileActions::InfectedFileActions(QXTInfectedViewArrayController *list, Q
     , _list(list)
     , _utils(utils)
     , _console(std::move(console))
-{
-}
+{}
 
 int InfectedFileActions::checkIfLooksLikeMailAndPromptForFile(const QString &path)
 {

@@ -266,19 +266,44 @@ void QXAttachedWindow::_updateGeometry()
     const qreal w = size.width(), h = size.height(), i = _arrowInset(), d = _distance;
     QPointF origin;
     switch (_side) {
-    case Side::Left: origin = {p.x() - w - d, p.y() - h / 2}; break;
-    case Side::Below: origin = {p.x() - w / 2, p.y() - h - d}; break;
-    case Side::Right: origin = {p.x() + d, p.y() - h / 2}; break;
-    case Side::Above: origin = {p.x() - w / 2, p.y() + d}; break;
-    case Side::LeftExtendingUp: origin = {p.x() - w - d, p.y() - i}; break;
-    case Side::LeftExtendingDown: origin = {p.x() - w - d, p.y() - h + i}; break;
-    case Side::RightExtendingUp: origin = {p.x() + d, p.y() - i}; break;
-    case Side::RightExtendingDown: origin = {p.x() + d, p.y() - h + i}; break;
-    case Side::AboveExtendingLeft: origin = {p.x() - w + i, p.y() + d}; break;
-    case Side::AboveExtendingRight: origin = {p.x() - i, p.y() + d}; break;
-    case Side::BelowExtendingLeft: origin = {p.x() - w + i, p.y() - h - d}; break;
-    case Side::BelowExtendingRight: origin = {p.x() - i, p.y() - h - d}; break;
-    case Side::Automatic: break;
+    case Side::Left:
+        origin = {p.x() - w - d, p.y() - h / 2};
+        break;
+    case Side::Below:
+        origin = {p.x() - w / 2, p.y() - h - d};
+        break;
+    case Side::Right:
+        origin = {p.x() + d, p.y() - h / 2};
+        break;
+    case Side::Above:
+        origin = {p.x() - w / 2, p.y() + d};
+        break;
+    case Side::LeftExtendingUp:
+        origin = {p.x() - w - d, p.y() - i};
+        break;
+    case Side::LeftExtendingDown:
+        origin = {p.x() - w - d, p.y() - h + i};
+        break;
+    case Side::RightExtendingUp:
+        origin = {p.x() + d, p.y() - i};
+        break;
+    case Side::RightExtendingDown:
+        origin = {p.x() + d, p.y() - h + i};
+        break;
+    case Side::AboveExtendingLeft:
+        origin = {p.x() - w + i, p.y() + d};
+        break;
+    case Side::AboveExtendingRight:
+        origin = {p.x() - i, p.y() + d};
+        break;
+    case Side::BelowExtendingLeft:
+        origin = {p.x() - w + i, p.y() - h - d};
+        break;
+    case Side::BelowExtendingRight:
+        origin = {p.x() - i, p.y() - h - d};
+        break;
+    case Side::Automatic:
+        break;
     }
 
     setGeometry(mirrored(QRectF(origin, size)).toRect());

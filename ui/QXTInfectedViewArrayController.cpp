@@ -9,12 +9,12 @@
 QXTInfectedViewArrayController::QXTInfectedViewArrayController(QObject *parent)
     : QAbstractTableModel(parent)
     , _columnTitles(columnKeys())
-{
-}
+{}
 
 const QStringList &QXTInfectedViewArrayController::columnKeys()
 {
-    static const QStringList keys{QStringLiteral("fileName"), QStringLiteral("infectionName"), QStringLiteral("status")};
+    static const QStringList keys{QStringLiteral("fileName"), QStringLiteral("infectionName"),
+                                  QStringLiteral("status")};
     return keys;
 }
 

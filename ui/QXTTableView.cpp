@@ -72,7 +72,8 @@ QString QXTTableView::textForSelectedRows() const
     switch (_tag) {
     case 0:
         text = QStringLiteral("%1\t%2\t%3\n")
-                   .arg(Localization::text("FILE_NAME"), Localization::text("INFECTION_NAME"), Localization::text("STATUS"));
+                   .arg(Localization::text("FILE_NAME"), Localization::text("INFECTION_NAME"),
+                        Localization::text("STATUS"));
         for (int row : rows) {
             const QVariantMap record = item(row);
             text += QStringLiteral("%1\t%2\t%3\n")

@@ -14,8 +14,7 @@
 ScanLogRotator::ScanLogRotator(const QXUtils *utils, const LogRotationTool &tool)
     : _utils(utils)
     , _tool(tool)
-{
-}
+{}
 
 qint64 ScanLogRotator::sizeLimitFrom(const QVariant &preference)
 {

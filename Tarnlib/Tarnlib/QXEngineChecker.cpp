@@ -67,7 +67,7 @@ bool supportsFileList(const EngineVersion &v)
 bool isNewer(const EngineVersion &candidate, const EngineVersion &installed)
 {
     return candidate.major > installed.major
-        || (candidate.major == installed.major && candidate.minor > installed.minor);
+           || (candidate.major == installed.major && candidate.minor > installed.minor);
 }
 
 void printSystemError(const char *call, int error)
@@ -82,8 +82,7 @@ void printSystemError(const char *call, int error)
 QXEngineChecker::QXEngineChecker(QXEngineCheckerDelegate *delegate)
     : _delegate(delegate)
     , _installerPackagePath(defaultInstallerPackagePath())
-{
-}
+{}
 
 QXEngineChecker::~QXEngineChecker()
 {
@@ -151,8 +150,8 @@ void QXEngineChecker::notifiedForStdError(const QByteArray &chunk)
 void QXEngineChecker::handleVersionLine(const QString &line)
 {
     _engineFound = true;
-    _versionString = QStringLiteral("%1 v%2 - %3")
-                         .arg(BundleInfo::executableName(), BundleInfo::shortVersionString(), line);
+    _versionString =
+        QStringLiteral("%1 v%2 - %3").arg(BundleInfo::executableName(), BundleInfo::shortVersionString(), line);
     const qsizetype slash = line.indexOf(u'/');
     _dbNeedsUpdated = slash < 0;
 
@@ -231,7 +230,7 @@ bool QXEngineChecker::talkToClamdWithCommand(const char *command)
         return false;
     const QByteArray path = socketPath.toUtf8();
 
-    sockaddr_un address {};
+    sockaddr_un address{};
     address.sun_family = AF_UNIX;
     // A longer path would be cut short and could name another socket.
     const bool fits = std::size_t(path.size()) < sizeof address.sun_path;
@@ -250,7 +249,7 @@ bool QXEngineChecker::talkToClamdWithCommand(const char *command)
     // the main thread): on UNIX sockets the send time-out also bounds
     // connect(), and poll() bounds the wait for the reply.
     const auto limit = _clamdReplyTimeLimit;
-    timeval sendLimit {};
+    timeval sendLimit{};
     sendLimit.tv_sec = time_t(limit.count() / 1000);
     sendLimit.tv_usec = suseconds_t((limit.count() % 1000) * 1000);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof sendLimit);
@@ -273,7 +272,7 @@ bool QXEngineChecker::talkToClamdWithCommand(const char *command)
     }
 
     QDeadlineTimer deadline(limit);
-    pollfd readable {fd, POLLIN, 0};
+    pollfd readable{fd, POLLIN, 0};
     int ready;
     do {
         ready = ::poll(&readable, 1, int(deadline.remainingTime()));

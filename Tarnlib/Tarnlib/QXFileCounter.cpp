@@ -12,8 +12,7 @@
 QXFileCounter::QXFileCounter(QXFileCounterDelegate *delegate, QObject *mainThreadContext)
     : _delegate(delegate)
     , _mainThreadContext(mainThreadContext)
-{
-}
+{}
 
 void QXFileCounter::start()
 {
@@ -65,13 +64,13 @@ int QXFileCounter::countFilesForPath(const QString &path, const QList<QXExclusio
     QStringList pending{QString()};
     while (!pending.isEmpty()) {
         const QString relativeFolder = pending.takeLast();
-        const QFileInfoList entries
-            = QDir(base + QLatin1Char('/') + relativeFolder)
-                  .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+        const QFileInfoList entries =
+            QDir(base + QLatin1Char('/') + relativeFolder)
+                .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
         QStringList subfolders;
         for (const QFileInfo &entry : entries) {
-            const QString relative
-                = relativeFolder.isEmpty() ? entry.fileName() : relativeFolder + QLatin1Char('/') + entry.fileName();
+            const QString relative =
+                relativeFolder.isEmpty() ? entry.fileName() : relativeFolder + QLatin1Char('/') + entry.fileName();
             const QString full = base + QLatin1Char('/') + relative;
             bool descend = true;
             if (rootVolume) {

@@ -8,13 +8,12 @@
 QXMetadataItem::QXMetadataItem(const QString &path)
     : _path(path)
     , _info(path)
-{
-}
+{}
 
 QStringList QXMetadataItem::textAttributes()
 {
-    return {QStringLiteral("kMDItemDisplayName"), QStringLiteral("kMDItemFSName"),
-            QStringLiteral("kMDItemContentType"), QStringLiteral("kMDItemTextContent")};
+    return {QStringLiteral("kMDItemDisplayName"), QStringLiteral("kMDItemFSName"), QStringLiteral("kMDItemContentType"),
+            QStringLiteral("kMDItemTextContent")};
 }
 
 QVariant QXMetadataItem::attribute(const QString &name)

@@ -38,16 +38,21 @@ QDateTime referenceDate(double seconds)
     return QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC).addMSecs(static_cast<qint64>(seconds * 1000));
 }
 
-template<typename T>
-bool ordered(QXQueryNode::Operator op, const T &left, const T &right)
+template <typename T> bool ordered(QXQueryNode::Operator op, const T &left, const T &right)
 {
     switch (op) {
-    case QXQueryNode::Operator::Equal: return left == right;
-    case QXQueryNode::Operator::NotEqual: return left != right;
-    case QXQueryNode::Operator::Less: return left < right;
-    case QXQueryNode::Operator::Greater: return left > right;
-    case QXQueryNode::Operator::LessOrEqual: return left <= right;
-    case QXQueryNode::Operator::GreaterOrEqual: return left >= right;
+    case QXQueryNode::Operator::Equal:
+        return left == right;
+    case QXQueryNode::Operator::NotEqual:
+        return left != right;
+    case QXQueryNode::Operator::Less:
+        return left < right;
+    case QXQueryNode::Operator::Greater:
+        return left > right;
+    case QXQueryNode::Operator::LessOrEqual:
+        return left <= right;
+    case QXQueryNode::Operator::GreaterOrEqual:
+        return left >= right;
     }
     return false;
 }
@@ -77,9 +82,8 @@ void QXQueryEvaluator::compileExpressions(const QXQueryNode &node)
     static const QString wordStart = QStringLiteral("(?:^|(?<=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
     static const QString wordEnd = QStringLiteral("(?:$|(?=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
     const QString group = QStringLiteral("(?:") + expression + QStringLiteral(")");
-    QRegularExpression regex(node.wordBased ? wordStart + group + wordEnd
-                                            : QStringLiteral("\\A") + group + QStringLiteral("\\z"),
-                             options);
+    QRegularExpression regex(
+        node.wordBased ? wordStart + group + wordEnd : QStringLiteral("\\A") + group + QStringLiteral("\\z"), options);
     regex.optimize();
     _expressions.insert(&node, regex);
 }
@@ -109,7 +113,7 @@ bool QXQueryEvaluator::evaluate(const QXQueryNode &node, QXMetadataItem &item) c
     case QXQueryNode::Kind::InRange: {
         const QVariant value = item.attribute(node.attribute);
         return value.isValid() && compareOne(node, value, QXQueryNode::Operator::GreaterOrEqual, node.value)
-            && compareOne(node, value, QXQueryNode::Operator::LessOrEqual, node.upperValue);
+               && compareOne(node, value, QXQueryNode::Operator::LessOrEqual, node.upperValue);
     }
     case QXQueryNode::Kind::Comparison:
         break;

@@ -4,8 +4,7 @@
 
 QXQueryParser::QXQueryParser(const QDateTime &now)
     : _now(now)
-{
-}
+{}
 
 std::shared_ptr<const QXQueryNode> QXQueryParser::parse(const QString &query)
 {
@@ -134,9 +133,9 @@ QXQueryParser::Node QXQueryParser::parseComparison(const QString &attribute)
     node->attribute = attribute;
     // Longer operators first, so that "<=" is not read as "<".
     static const std::pair<QStringView, QXQueryNode::Operator> operators[] = {
-        {u"==", QXQueryNode::Operator::Equal},      {u"!=", QXQueryNode::Operator::NotEqual},
+        {u"==", QXQueryNode::Operator::Equal},       {u"!=", QXQueryNode::Operator::NotEqual},
         {u"<=", QXQueryNode::Operator::LessOrEqual}, {u">=", QXQueryNode::Operator::GreaterOrEqual},
-        {u"=", QXQueryNode::Operator::Equal},       {u"<", QXQueryNode::Operator::Less},
+        {u"=", QXQueryNode::Operator::Equal},        {u"<", QXQueryNode::Operator::Less},
         {u">", QXQueryNode::Operator::Greater},
     };
     bool found = false;

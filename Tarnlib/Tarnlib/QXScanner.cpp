@@ -16,9 +16,10 @@ QString dateText()
     const QDateTime now = QDateTime::currentDateTime();
     const int offset = now.offsetFromUtc();
     const int minutes = qAbs(offset) / 60;
-    return now.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss "))
-        + QLatin1Char(offset < 0 ? '-' : '+')
-        + QStringLiteral("%1%2").arg(minutes / 60, 2, 10, QLatin1Char('0')).arg(minutes % 60, 2, 10, QLatin1Char('0'));
+    return now.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss ")) + QLatin1Char(offset < 0 ? '-' : '+')
+           + QStringLiteral("%1%2")
+                 .arg(minutes / 60, 2, 10, QLatin1Char('0'))
+                 .arg(minutes % 60, 2, 10, QLatin1Char('0'));
 }
 
 } // namespace
@@ -68,8 +69,8 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     for (const QString &path : std::as_const(_thePathsToScan))
         (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
 
-    const QString program = QDir::cleanPath(delegate->enginePath()
-        + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+    const QString program = QDir::cleanPath(
+        delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
     RunResult result;
     bool ran = false;
     if (!listed.isEmpty() || alone.isEmpty()) {
@@ -80,7 +81,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
         // A run that could not start, or was stopped or killed, ends the batch.
         if (ran && (!result.started || result.crashed))
             break;
-        const RunResult one = runPart(program, commonArguments(QStringList {path}) << path, path);
+        const RunResult one = runPart(program, commonArguments(QStringList{path}) << path, path);
         if (!ran || !one.started || one.crashed || result.status == 0)
             result = one;
         ran = true;
@@ -120,7 +121,7 @@ void QXScanner::openScanLog()
 }
 
 QXWorkerThread::RunResult QXScanner::runPart(const QString &program, const QStringList &arguments,
-                                              const QString &pathAlone)
+                                             const QString &pathAlone)
 {
     _partialOutput.clear();
     _outputDecoder.resetState();
@@ -183,7 +184,8 @@ QStringList QXScanner::commonArguments(const QStringList &paths)
             const QString location = delegate->quarantineLocation();
             arguments << QStringLiteral("--exclude=^") + location << QStringLiteral("--exclude-dir=^") + location;
         }
-        arguments << (delegate->scanEmailFiles() ? QStringLiteral("--scan-mail=yes") : QStringLiteral("--scan-mail=no"));
+        arguments << (delegate->scanEmailFiles() ? QStringLiteral("--scan-mail=yes")
+                                                 : QStringLiteral("--scan-mail=no"));
     }
     if (_usingClamd || delegate->suppressSummary())
         arguments << QStringLiteral("--no-summary");

@@ -44,7 +44,7 @@ void QXUpdater::runUpdate()
     _needsExit1FreshclamFlag = delegate->updaterNeedsExit1FreshclamFlag();
     _delegateWantsUpdates = delegate->wantUpdatePercentages();
 
-    QStringList arguments {QStringLiteral("--stdout")};
+    QStringList arguments{QStringLiteral("--stdout")};
     if (delegate->logUpdates())
         arguments.append(QStringLiteral("--log=") + delegate->updateLogPath());
     if (_needsExit1FreshclamFlag)

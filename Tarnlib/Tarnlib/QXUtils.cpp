@@ -48,7 +48,7 @@ enum class Kind { Any, Boolean, Number, String, StringOrRecord, Array, Date };
 
 Kind kindOfKey(const QString &key)
 {
-    static const QHash<QString, Kind> kinds {
+    static const QHash<QString, Kind> kinds{
         {QStringLiteral("sourceContents"), Kind::Array},
         {QStringLiteral("AlertOnDetect"), Kind::Boolean},
         {QStringLiteral("AlertOnCompletion"), Kind::Boolean},
@@ -83,13 +83,13 @@ bool hasKind(const QVariant &value, Kind kind)
         return type == QMetaType::Bool;
     case Kind::Number:
         return type == QMetaType::Int || type == QMetaType::UInt || type == QMetaType::LongLong
-            || type == QMetaType::ULongLong || type == QMetaType::Double;
+               || type == QMetaType::ULongLong || type == QMetaType::Double;
     case Kind::String:
         return type == QMetaType::QString;
     case Kind::StringOrRecord:
         return type == QMetaType::QString
-            || (type == QMetaType::QVariantMap
-                && value.toMap().value(QStringLiteral("path")).typeId() == QMetaType::QString);
+               || (type == QMetaType::QVariantMap
+                   && value.toMap().value(QStringLiteral("path")).typeId() == QMetaType::QString);
     case Kind::Array:
         return type == QMetaType::QVariantList || type == QMetaType::QStringList;
     case Kind::Date:
@@ -148,10 +148,9 @@ QVariantMap QXUtils::builtInDefaults()
          QVariantList{sourceRecord(QStringLiteral("~")), sourceRecord(QStringLiteral("~/Documents")),
                       sourceRecord(QStringLiteral("~/Desktop"))}},
         {QStringLiteral("AlertOnDetect"), true},
-        {QStringLiteral("ExcludePatterns"),
-         QVariantList{exclusionRecord("EXCLUDE_JPG", QStringLiteral("jpg$"), true),
-                      exclusionRecord("EXCLUDE_FOO", QStringLiteral("^foo"), true),
-                      exclusionRecord("EXCLUDE_BAR", QStringLiteral("bar"), false)}},
+        {QStringLiteral("ExcludePatterns"), QVariantList{exclusionRecord("EXCLUDE_JPG", QStringLiteral("jpg$"), true),
+                                                         exclusionRecord("EXCLUDE_FOO", QStringLiteral("^foo"), true),
+                                                         exclusionRecord("EXCLUDE_BAR", QStringLiteral("bar"), false)}},
         {QStringLiteral("LogScans"), true},
         {QStringLiteral("LogUpdates"), true},
         {QStringLiteral("QuarantineInfected"), false},
@@ -165,8 +164,7 @@ QVariantMap QXUtils::builtInDefaults()
 
 QXUtils::QXUtils(QXUtilsDelegate *delegate, QObject *parent)
     : QXUtils(delegate, defaultEngineCandidates(), parent)
-{
-}
+{}
 
 QXUtils::QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engineCandidates, QObject *parent)
     : QObject(parent)
@@ -220,7 +218,8 @@ void QXUtils::registerDefaultsAndDomains()
     const QVariantMap defaults = builtInDefaults();
     _preferences = UserDefaultsController::sharedUserDefaultsController();
     _preferences->defaults()->registerDefaults(defaults);
-    _preferences->setInitialValues({{QStringLiteral("sourceContents"), defaults.value(QStringLiteral("sourceContents"))}});
+    _preferences->setInitialValues(
+        {{QStringLiteral("sourceContents"), defaults.value(QStringLiteral("sourceContents"))}});
     if (!runningAsCompanion())
         _preferences->defaults()->addSuiteNamed(BundleInfo::companionIdentifier());
     _preferences->setAppliesImmediately(false);
@@ -248,7 +247,7 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
 
     // The companion keeps its own scan log beside ours.
     _pathToScanLog = UserFolders::logs()
-        + (_useClamd ? QStringLiteral("/KorvaneVarden-scan.log") : QStringLiteral("/korvane-scan.log"));
+                     + (_useClamd ? QStringLiteral("/KorvaneVarden-scan.log") : QStringLiteral("/korvane-scan.log"));
 
     _enginePathsEnumerator = 0;
     _updateLogPathsEnumerator = 0;
@@ -262,8 +261,8 @@ QVariant QXUtils::customEngineSetting(const QString &key) const
         return readPreferenceForKey(key);
     // setup records each launch's first pair in the agent's own domain, which
     // is read first: the user's choice, made in the companion, must win.
-    const QVariant value
-        = _preferences->defaults()->persistentDomainForName(BundleInfo::companionIdentifier()).value(key);
+    const QVariant value =
+        _preferences->defaults()->persistentDomainForName(BundleInfo::companionIdentifier()).value(key);
     return value.typeId() == QMetaType::QString ? value : QVariant();
 }
 
@@ -516,8 +515,8 @@ bool QXUtils::isExcludedPath(const QString &path, const QStringList &folders) co
 {
     return std::any_of(folders.begin(), folders.end(),
                        [&](const QString &folder) { return isPathInsideFolder(path, folder); })
-        || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
-                       [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
+           || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
+                          [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
 }
 
 QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const
@@ -536,10 +535,9 @@ QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList
     // The daemon scans a folder whole, so one holding something excluded is
     // replaced by what it holds less that. Only the branches that lead to an
     // excluded entry are opened; the rest stay single paths.
-    const bool mayHoldExcluded
-        = !_counterExcludes.isEmpty()
-        || std::any_of(folders.begin(), folders.end(),
-                       [&](const QString &folder) { return folder.startsWith(asFolder); });
+    const bool mayHoldExcluded = !_counterExcludes.isEmpty()
+                                 || std::any_of(folders.begin(), folders.end(),
+                                                [&](const QString &folder) { return folder.startsWith(asFolder); });
     if (!mayHoldExcluded)
         return {path};
     // Links and special files are left out as the daemon leaves them out of a folder.
@@ -578,7 +576,8 @@ void QXUtils::setUpdaterNeedsExit1FreshclamFlag(bool flag)
         _updaterNeedsExit1FreshclamFlag = flag;
     }
     // The preference controller belongs to the main thread.
-    QMetaObject::invokeMethod(this, [this, flag] { recordNeedsExit1FreshclamFlag(flag); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, flag] { recordNeedsExit1FreshclamFlag(flag); }, Qt::QueuedConnection);
 }
 
 void QXUtils::recordNeedsExit1FreshclamFlag(bool flag)
@@ -726,7 +725,8 @@ QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
 {
     // Runs on a worker's thread; the console text goes to the main thread.
     const auto console = [this](const QString &text) {
-        QMetaObject::invokeMethod(this, [this, text] { appendToConsole(text); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, text] { appendToConsole(text); }, Qt::QueuedConnection);
     };
     QXSavedSearch search(path);
     const QStringList found = search.expand(_savedSearchEntryLimit);

@@ -13,8 +13,7 @@
 
 QXWorkerThread::QXWorkerThread(QObject *parent)
     : QObject(parent)
-{
-}
+{}
 
 QXWorkerThread::~QXWorkerThread()
 {
@@ -167,8 +166,7 @@ QXWorkerThread::RunResult QXWorkerThread::runChild(const QString &program, const
 }
 
 void QXWorkerThread::notifiedForStdOutput(const QByteArray &)
-{
-}
+{}
 
 void QXWorkerThread::notifiedForStdError(const QByteArray &chunk)
 {

@@ -64,11 +64,11 @@ public:
 protected:
     struct RunResult
     {
-        bool started = false;      // false: the program could not be started
-        QString error;             // why it could not be started
-        int status = 0;            // exit code, or the signal that killed it
-        bool crashed = false;      // ended by a signal
-        bool silent = false;       // ended for giving no output within the silence limit
+        bool started = false; // false: the program could not be started
+        QString error;        // why it could not be started
+        int status = 0;       // exit code, or the signal that killed it
+        bool crashed = false; // ended by a signal
+        bool silent = false;  // ended for giving no output within the silence limit
     };
 
     // Runs program with arguments as a child whose output and error are on

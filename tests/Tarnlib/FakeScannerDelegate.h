@@ -37,9 +37,15 @@ public:
     {
         return events().filter(QRegularExpression("^" + QRegularExpression::escape(prefix)));
     }
-    bool ended() const { return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty(); }
+    bool ended() const
+    {
+        return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty();
+    }
 
-    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override { return asked(savedSearches.value(path)); }
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override
+    {
+        return asked(savedSearches.value(path));
+    }
     bool engineSupportsFileListFlag() const override { return asked(fileList); }
     bool quarantineFiles() const override { return asked(quarantine); }
     bool scanEmailFiles() const override { return asked(mail); }
@@ -77,8 +83,7 @@ public:
 private:
     static bool onMainThread() { return QThread::currentThread() == QCoreApplication::instance()->thread(); }
 
-    template<typename T>
-    T asked(const T &answer) const
+    template <typename T> T asked(const T &answer) const
     {
         questionsOnMainThread = questionsOnMainThread || onMainThread();
         return answer;

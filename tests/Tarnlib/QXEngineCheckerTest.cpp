@@ -30,7 +30,10 @@
 
 namespace {
 
-bool onMainThread() { return QThread::currentThread() == QCoreApplication::instance()->thread(); }
+bool onMainThread()
+{
+    return QThread::currentThread() == QCoreApplication::instance()->thread();
+}
 
 // Stands in for the coordinator: answers the engine path, keeps what the
 // checker sets and records the reports in order. Reports belong on the main
@@ -40,7 +43,10 @@ class RecordingCheckerDelegate : public QXEngineCheckerDelegate
 public:
     void engineNotFound() override { report("engineNotFound"); }
     void engineCheckFailedTryAgain() override { report("engineCheckFailedTryAgain"); }
-    void engineFoundWithVersionString(const QString &version) override { report("engineFoundWithVersionString:" + version); }
+    void engineFoundWithVersionString(const QString &version) override
+    {
+        report("engineFoundWithVersionString:" + version);
+    }
     void needToUpdateDB() override { report("needToUpdateDB"); }
     void needToUpdateEngine() override { report("needToUpdateEngine"); }
     void clamdStarted() override { report("clamdStarted"); }
@@ -74,8 +80,7 @@ private:
         QMutexLocker locker(&lock);
         reports.append(what);
     }
-    template<typename Field, typename Value>
-    void set(Field &field, const Value &value)
+    template <typename Field, typename Value> void set(Field &field, const Value &value)
     {
         wrongThread += onMainThread() ? 1 : 0;
         field = value;
@@ -107,11 +112,17 @@ struct CheckerRig
         QCoreApplication::sendPostedEvents();
         return delegate.takeReports();
     }
-    QStringList check() { return onCheckerThread([this] { checker.runCheck(); }); }
-    QStringList startClamd() { return onCheckerThread([this] { checker.startClamd(); }); }
+    QStringList check()
+    {
+        return onCheckerThread([this] { checker.runCheck(); });
+    }
+    QStringList startClamd()
+    {
+        return onCheckerThread([this] { checker.startClamd(); });
+    }
 
     RecordingCheckerDelegate delegate;
-    QXEngineChecker checker {&delegate};
+    QXEngineChecker checker{&delegate};
 };
 
 QString versionStringFor(const QString &line)
@@ -119,7 +130,10 @@ QString versionStringFor(const QString &line)
     return BundleInfo::executableName() + " v" + BundleInfo::shortVersionString() + " - " + line;
 }
 
-QStringList found(const QString &line) { return {"engineFoundWithVersionString:" + versionStringFor(line)}; }
+QStringList found(const QString &line)
+{
+    return {"engineFoundWithVersionString:" + versionStringFor(line)};
+}
 
 // A prefix whose bin/clamscan prints output as a real one printed it.
 void recordScanner(const ScriptedPrefix &prefix, const QByteArray &output)
@@ -131,7 +145,8 @@ void recordScanner(const ScriptedPrefix &prefix, const QByteArray &output)
 void writeInstaller(const QString &package, const QString &version)
 {
     QDir().mkpath(package + "/Contents");
-    ASSERT_TRUE(PropertyList::writeXmlFile(package + "/Contents/Info.plist", QVariantMap {{"CFBundleShortVersionString", version}}));
+    ASSERT_TRUE(PropertyList::writeXmlFile(package + "/Contents/Info.plist",
+                                           QVariantMap{{"CFBundleShortVersionString", version}}));
 }
 
 // A real engine prefix laid out by the project's installer, its daemon not started.
@@ -142,12 +157,12 @@ struct InstalledPrefix
         // Laid out by root, the prefix is shared and its daemon runs as the
         // engine account, which must be able to reach it.
         QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+                                              | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
         QProcess install;
         install.setProcessChannelMode(QProcess::MergedChannels);
         install.start(EngineFixture::installScriptPath(), {enginePath()});
-        ready = install.waitForFinished(300000) && install.exitStatus() == QProcess::NormalExit
-             && install.exitCode() == 0;
+        ready =
+            install.waitForFinished(300000) && install.exitStatus() == QProcess::NormalExit && install.exitCode() == 0;
         output = install.readAll().toStdString();
     }
     // Stops a daemon left running on this prefix, whoever started it.
@@ -164,7 +179,7 @@ struct InstalledPrefix
     }
     QString enginePath() const { return dir.path() + "/engine"; }
 
-    QTemporaryDir dir {QDir::tempPath() + "/korvane-checker-XXXXXX"};
+    QTemporaryDir dir{QDir::tempPath() + "/korvane-checker-XXXXXX"};
     bool ready = false;
     std::string output;
 };
@@ -174,7 +189,7 @@ struct InstalledPrefix
 TEST(QXEngineCheckerTest, VersionLinesDecideTheReportTheThresholdsAndAnEngineUpdate)
 {
     const QByteArray d = "/19845/Mon Feb 10 12:00:00 2014";
-    const QStringList db {"needToUpdateDB"}, engine {"needToUpdateEngine"}, again {"engineCheckFailedTryAgain"};
+    const QStringList db{"needToUpdateDB"}, engine{"needToUpdateEngine"}, again{"engineCheckFailedTryAgain"};
     const std::optional<bool> unset;
     const struct
     {
@@ -183,7 +198,7 @@ TEST(QXEngineCheckerTest, VersionLinesDecideTheReportTheThresholdsAndAnEngineUpd
         QStringList report;
         std::optional<bool> exit1, fileList;
         QString shortVersion;
-    } cases[] {
+    } cases[]{
         {"ClamAV 0.98.4" + d, "", found("ClamAV 0.98.4" + d), true, true, "0.98.4"},
         {"ClamAV 0.98.4", "", db, true, true, "0.98.4"},
         {"ClamAV 0.95.1" + d, "", found("ClamAV 0.95.1" + d), false, false, "0.95.1"},
@@ -232,21 +247,21 @@ TEST(QXEngineCheckerTest, MissingScannerIsNotFoundAndOneThatFailsOrCannotStartMe
     ScriptedPrefix prefix;
     CheckerRig rig(prefix.path());
     LogCapture log;
-    EXPECT_EQ(rig.check(), QStringList {"engineNotFound"});
+    EXPECT_EQ(rig.check(), QStringList{"engineNotFound"});
 
     prefix.writeScript("bin/clamscan", "echo 'LibClamAV Error: cl_load(): No such file or directory' >&2\nexit 2\n");
-    EXPECT_EQ(rig.check(), QStringList {"engineCheckFailedTryAgain"});
+    EXPECT_EQ(rig.check(), QStringList{"engineCheckFailedTryAgain"});
     EXPECT_TRUE(log.contains("error:LibClamAV Error: cl_load(): No such file or directory\n"))
         << log.lines().join('|').toStdString();
     QFile::setPermissions(prefix.filePath("bin/clamscan"), QFile::ReadOwner | QFile::WriteOwner);
-    EXPECT_EQ(rig.check(), QStringList {"engineCheckFailedTryAgain"});
+    EXPECT_EQ(rig.check(), QStringList{"engineCheckFailedTryAgain"});
     EXPECT_EQ(rig.delegate.wrongThread, 0);
 }
 
 TEST(QXEngineCheckerTest, SocketComesFromTheLastLocalSocketLineOfClamdConf)
 {
     const QString preset = "/preset.sock";
-    const QList<QPair<QByteArray, QString>> cases {
+    const QList<QPair<QByteArray, QString>> cases{
         {"#LocalSocket /tmp/clamd.socket\nLocalSocket /var/run/clamd.sock\n", "/var/run/clamd.sock"},
         {"#LocalSocket /tmp/clamd.socket\n", "/tmp/clamd.socket"},
         {"LocalSocket /var/run/clamd.sock\n# LocalSocket /tmp/later.sock\nLogSyslog no\n", "/tmp/later.sock"},
@@ -285,7 +300,7 @@ TEST(QXEngineCheckerTest, DaemonThatCannotBeReachedOrHangsIsNotResponding)
     // like a daemon that hangs: the time limit ends the wait.
     QDir().mkpath(prefix.filePath("run"));
     const int silent = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address {AF_UNIX, {}};
+    sockaddr_un address{AF_UNIX, {}};
     std::strncpy(address.sun_path, socket.constData(), sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(silent, 4), 0);
@@ -330,8 +345,8 @@ TEST(QXEngineCheckerTest, ClamdRunningSeesADaemonOfAnotherUser)
     ASSERT_TRUE(daemon.waitForStarted());
 
     QProcess other;
-    other.start("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups",
-                            KORVANE_BINARY_DIR "/bin/list_programs"});
+    other.start("setpriv",
+                {"--reuid=65534", "--regid=65534", "--clear-groups", KORVANE_BINARY_DIR "/bin/list_programs"});
     ASSERT_TRUE(other.waitForFinished(30000)) << other.errorString().toStdString();
     const QStringList seen = QString::fromLocal8Bit(other.readAllStandardOutput()).split('\n');
     EXPECT_TRUE(seen.contains(fake)) << other.readAllStandardError().toStdString();
@@ -364,10 +379,11 @@ TEST(QXEngineCheckerTest, RealEngineIsFoundItsDaemonStartsAgainAfterQuitButNotWi
     EXPECT_FALSE(rig.checker.clamdResponding());
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round);
-        EXPECT_EQ(rig.startClamd(), QStringList {"clamdStarted"});
+        EXPECT_EQ(rig.startClamd(), QStringList{"clamdStarted"});
         EXPECT_TRUE(rig.checker.clamdRunning());
         EXPECT_TRUE(rig.checker.clamdResponding());
-        EXPECT_TRUE(rig.checker.clamdSocket().startsWith(installed.enginePath() + "/")) << rig.checker.clamdSocket().toStdString();
+        EXPECT_TRUE(rig.checker.clamdSocket().startsWith(installed.enginePath() + "/"))
+            << rig.checker.clamdSocket().toStdString();
         rig.checker.quitClamd();
         EXPECT_TRUE(QTest::qWaitFor([&] { return !rig.checker.clamdResponding(); }, 20000));
     }
@@ -375,11 +391,11 @@ TEST(QXEngineCheckerTest, RealEngineIsFoundItsDaemonStartsAgainAfterQuitButNotWi
     QDir db(installed.enginePath() + "/share/clamav");
     for (const QString &name : db.entryList(QDir::Files))
         db.remove(name);
-    EXPECT_EQ(rig.check(), QStringList {"needToUpdateDB"});
+    EXPECT_EQ(rig.check(), QStringList{"needToUpdateDB"});
     EXPECT_TRUE(rig.checker.dbNeedsUpdated());
-    EXPECT_EQ(rig.startClamd(), QStringList {"clamdFailedToStart"});
+    EXPECT_EQ(rig.startClamd(), QStringList{"clamdFailedToStart"});
 
     // No daemon program at all.
     ScriptedPrefix empty;
-    EXPECT_EQ(CheckerRig(empty.path()).startClamd(), QStringList {"clamdFailedToStart"});
+    EXPECT_EQ(CheckerRig(empty.path()).startClamd(), QStringList{"clamdFailedToStart"});
 }

@@ -132,8 +132,8 @@ TEST_F(QXFileCounterTest, CountingTheRootVolumeSkipsTheFoldersOfItsPrefixes)
     // holds is counted; links and files count, folders do not.
     delegate.rootPrefixes.clear();
     int expected = 0;
-    const QFileInfoList top
-        = QDir("/").entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    const QFileInfoList top =
+        QDir("/").entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     for (const QFileInfo &entry : top) {
         delegate.rootPrefixes << entry.absoluteFilePath();
         if (!entry.isDir() || entry.isSymLink())

@@ -118,11 +118,11 @@ TEST_F(QXQueryTest, MalformedQueriesAreRefusedWithAReason)
 {
     for (const char *query :
          {"", "   ", R"(kMDItemFSName ==)", R"(kMDItemFSName == "abc)", R"((kMDItemFSName == "a")",
-          R"(kMDItemFSName == "a"))", R"(kMDItemFSName "a")", R"(kMDItemFSName == "a"x)",
-          "InRange(kMDItemFSSize, 1)", "InRange kMDItemFSSize", R"(kMDItemFSName == "a" &&)",
-          R"(|| kMDItemFSName == "a")", "kMDItemFSContentChangeDate > $time.someday",
-          "kMDItemFSContentChangeDate > $time.today(x)", "kMDItemFSContentChangeDate > $time.iso(not a date)",
-          R"(kMDItemFSName == "a" kMDItemFSSize > 1)", "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3"}) {
+          R"(kMDItemFSName == "a"))", R"(kMDItemFSName "a")", R"(kMDItemFSName == "a"x)", "InRange(kMDItemFSSize, 1)",
+          "InRange kMDItemFSSize", R"(kMDItemFSName == "a" &&)", R"(|| kMDItemFSName == "a")",
+          "kMDItemFSContentChangeDate > $time.someday", "kMDItemFSContentChangeDate > $time.today(x)",
+          "kMDItemFSContentChangeDate > $time.iso(not a date)", R"(kMDItemFSName == "a" kMDItemFSSize > 1)",
+          "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3"}) {
         QXQueryParser parser;
         EXPECT_FALSE(parser.parse(QString::fromUtf8(query))) << query;
         EXPECT_FALSE(parser.errorString().isEmpty()) << query;

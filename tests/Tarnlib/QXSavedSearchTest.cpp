@@ -64,13 +64,13 @@ protected:
     QString problem(const QString &path) const
     {
         return "appendToConsole:"
-            + Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName());
+               + Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName());
     }
 
     QString success(qsizetype count) const
     {
         return "appendToConsole:"
-            + Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(count));
+               + Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(count));
     }
 
     FreshPreferences home;
@@ -92,19 +92,22 @@ TEST_F(QXSavedSearchTest, QueryAndScopesAreReadFromEitherPlaceInEitherForm)
         QVariant contents;
         QStringList expected;
     } rows[] = {
-        {"the inner pair wins over the top-level one", joined({{"RawQueryDict", txtInDocs}}, pdfInHome),
+        {"the inner pair wins over the top-level one",
+         joined({{"RawQueryDict", txtInDocs}}, pdfInHome),
          {docs("a.txt"), docs("b.txt"), docs("Inner/d.txt")}},
         {"an inner pair without scopes gives way to the top-level pair",
-         joined({{"RawQueryDict", noScopes}}, pdfInHome), {docs("c.pdf")}},
-        {"a home scope", rawQueryDict(R"(kMDItemFSName == "e.txt")", QVariantList{"kMDQueryScopeHome"}),
+         joined({{"RawQueryDict", noScopes}}, pdfInHome),
+         {docs("c.pdf")}},
+        {"a home scope",
+         rawQueryDict(R"(kMDItemFSName == "e.txt")", QVariantList{"kMDQueryScopeHome"}),
          {home.filePath("Other/e.txt")}},
         {"a query that finds nothing", rawQueryDict(R"(kMDItemFSName == "zzz")", docsScope), {}},
     };
     for (const auto &row : rows) {
         for (const bool binary : {false, true}) {
             const QByteArray xml = PropertyList::toXml(row.contents);
-            const QString path
-                = home.writeFile(QStringLiteral("Search%1.savedSearch").arg(binary), binary ? binaryForm(xml) : xml);
+            const QString path =
+                home.writeFile(QStringLiteral("Search%1.savedSearch").arg(binary), binary ? binaryForm(xml) : xml);
             delegate.calls.clear();
             EXPECT_EQ(expand(path), row.expected) << row.name << (binary ? " (binary)" : " (XML)");
             EXPECT_EQ(delegate.calls, QStringList{success(row.expected.size())}) << row.name;
@@ -142,8 +145,8 @@ TEST_F(QXSavedSearchTest, UnusableSavedSearchesFindNothingAndSayWhichOne)
 
 TEST_F(QXSavedSearchTest, WalksGiveUpAfterTheirBoundWithAMessage)
 {
-    const QByteArray everything
-        = PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "*")", QVariantList{"kMDQueryScopeComputer"}));
+    const QByteArray everything =
+        PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "*")", QVariantList{"kMDQueryScopeComputer"}));
     const QString path = home.writeFile("All.savedSearch", everything);
     utils.setSavedSearchEntryLimit(50);
     const QStringList found = expand(path);

@@ -37,9 +37,15 @@ public:
     void feed(const QByteArray &chunk) { notifiedForStdOutput(chunk); }
 };
 
-QStringList logLines(const QString &path) { return QString::fromUtf8(TemporaryHome::readFile(path)).split('\n'); }
+QStringList logLines(const QString &path)
+{
+    return QString::fromUtf8(TemporaryHome::readFile(path)).split('\n');
+}
 
-QString infection(const QString &path, const QString &name) { return "infectionFound:" + path + ": " + name + " FOUND"; }
+QString infection(const QString &path, const QString &name)
+{
+    return "infectionFound:" + path + ": " + name + " FOUND";
+}
 
 const QString eicarName = "Korvane.Test.Eicar", markerName = "Korvane.Test.Marker";
 const QRegularExpression dateLine("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d [+-]\\d{4}$");
@@ -49,7 +55,10 @@ const QRegularExpression dateLine("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d [+
 class QXScannerTest : public ::testing::Test
 {
 protected:
-    QString writeSample(const QString &relative, const QByteArray &contents) { return files.writeFile(relative, contents); }
+    QString writeSample(const QString &relative, const QByteArray &contents)
+    {
+        return files.writeFile(relative, contents);
+    }
     QString infected(const QString &relative) { return writeSample(relative, EngineFixture::eicarContents()); }
     QString clean(const QString &relative) { return writeSample(relative, "nothing to see here\n"); }
 
@@ -116,17 +125,21 @@ TEST_F(QXScannerTest, DaemonReportsTheInfectedFilesOfAListWithTheSavedSearchesFi
     const QStringList events = delegate.events();
     EXPECT_EQ(events.first(), "scanStarted");
     EXPECT_EQ(events.last(), "scanFinishedWithStatus:1");
-    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
-                UnorderedElementsAre(infection(eicar, eicarName), infection(colon, eicarName), infection(marker, markerName)));
+    EXPECT_THAT(
+        delegate.eventsStartingWith("infectionFound:"),
+        UnorderedElementsAre(infection(eicar, eicarName), infection(colon, eicarName), infection(marker, markerName)));
     EXPECT_EQ(events.size(), 5);
     EXPECT_FALSE(delegate.reportsOffMainThread);
     EXPECT_FALSE(delegate.questionsOnMainThread);
     // What the engine says on its error output goes to the system log only.
-    EXPECT_TRUE(systemLog.anyContains("error:") && systemLog.anyContains(gone)) << qPrintable(systemLog.lines().join('|'));
+    EXPECT_TRUE(systemLog.anyContains("error:") && systemLog.anyContains(gone))
+        << qPrintable(systemLog.lines().join('|'));
 
     const QString list = scanner->scanListTempFilePath();
     EXPECT_TRUE(QRegularExpression("^" + QRegularExpression::escape(QDir::tempPath())
-                                   + "/Korvane-[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$").match(list).hasMatch())
+                                   + "/Korvane-[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$")
+                    .match(list)
+                    .hasMatch())
         << qPrintable(list);
     EXPECT_FALSE(QFile::exists(list));
 
@@ -170,7 +183,8 @@ TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
     ASSERT_TRUE(waitForEnd());
     EXPECT_THAT(engine.recordedArguments(),
                 ElementsAre("--no-summary", "--one", "", "--two", "--file-list=" + scanner->scanListTempFilePath()));
-    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()), "/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2");
+    EXPECT_EQ(QString::fromUtf8(engine.copiedFileList()),
+              "/x/one\n/x/Recent.savedSearch\n/x/tiny.savedSearch\n/y/ä\n/y/2");
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
 }
 
@@ -185,9 +199,14 @@ TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
     ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0 && fed->hasChild(); }, waitLimit));
 
     // Fed on the worker's thread while the child runs, as the pipe would be.
-    const QList<QByteArray> chunks {"/x/a: Korvane.Te", "st.Eicar.UNOFF", "ICIAL FOUND\nScann", "ing /x/b\nx\n\n",
-                                    "/x/gr\xC3", "\xBC\xC3\x9F" "e: OK\nLibClamAV Warning: The virus database is older than 7 days!\n",
-                                    "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND"};
+    const QList<QByteArray> chunks{"/x/a: Korvane.Te",
+                                   "st.Eicar.UNOFF",
+                                   "ICIAL FOUND\nScann",
+                                   "ing /x/b\nx\n\n",
+                                   "/x/gr\xC3",
+                                   "\xBC\xC3\x9F"
+                                   "e: OK\nLibClamAV Warning: The virus database is older than 7 days!\n",
+                                   "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND"};
     auto fedAll = std::make_shared<std::atomic<bool>>(false);
     fed->perform([fed, chunks, fedAll] {
         for (const QByteArray &chunk : chunks)
@@ -222,7 +241,8 @@ TEST_F(QXScannerTest, MissingEngineProgramReportsACrashAndLeavesTheList)
     const QStringList events = delegate.events();
     ASSERT_EQ(events.size(), 2) << qPrintable(events.join('|'));
     EXPECT_EQ(events.at(0), "scanStarted");
-    EXPECT_TRUE(events.at(1).startsWith("scanCrashed:launch path not accessible: " + delegate.engine + "/bin/clamdscan: "))
+    EXPECT_TRUE(
+        events.at(1).startsWith("scanCrashed:launch path not accessible: " + delegate.engine + "/bin/clamdscan: "))
         << qPrintable(events.at(1));
     EXPECT_TRUE(events.at(1).contains("No such file or directory")) << qPrintable(events.at(1));
 
@@ -237,7 +257,7 @@ TEST_F(QXScannerTest, EngineKilledFromOutsideEndsTheScanWithTheSignal)
 {
     ScriptEngine engine("echo 'Scanning /x'\n" + ScriptEngine::waitForRelease());
     ASSERT_TRUE(useScript(engine));
-    const QStringList batch {clean("a.txt"), clean("b.txt")};
+    const QStringList batch{clean("a.txt"), clean("b.txt")};
     scan(batch);
     ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0; }, waitLimit));
     // The list was complete before the engine started.
@@ -277,7 +297,8 @@ TEST_F(QXScannerTest, PauseSuspendsTheEngineASecondPauseResumesItAndStopEndsItEv
     ASSERT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit));
     s->stop();
     ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.events(), ElementsAre("scanStarted", QStringLiteral("scanFinishedWithStatus:%1").arg(SIGTERM)));
+    EXPECT_THAT(delegate.events(),
+                ElementsAre("scanStarted", QStringLiteral("scanFinishedWithStatus:%1").arg(SIGTERM)));
     EXPECT_FALSE(s->paused());
     EXPECT_FALSE(QFile::exists(s->scanListTempFilePath()));
 }
@@ -312,9 +333,9 @@ TEST_F(QXScannerTest, DaemonClientScansNamesWithANewline)
     scan({split, harmless, letters, ending});
 
     ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"),
-                UnorderedElementsAre(infection(split, eicarName), infection(letters, eicarName),
-                                     infection(ending, eicarName)));
+    EXPECT_THAT(
+        delegate.eventsStartingWith("infectionFound:"),
+        UnorderedElementsAre(infection(split, eicarName), infection(letters, eicarName), infection(ending, eicarName)));
     EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
 }
 

@@ -18,7 +18,10 @@
 
 namespace {
 
-bool onMainThread() { return QThread::currentThread() == QCoreApplication::instance()->thread(); }
+bool onMainThread()
+{
+    return QThread::currentThread() == QCoreApplication::instance()->thread();
+}
 
 // Stands in for the coordinator: answers the settings of one update and
 // records its reports in order. Reports belong on the main thread and
@@ -49,8 +52,7 @@ public:
     mutable std::atomic_int wrongThread = 0;
 
 private:
-    template<typename T>
-    T asked(const T &value) const
+    template <typename T> T asked(const T &value) const
     {
         wrongThread += onMainThread() ? 1 : 0;
         return value;
@@ -111,7 +113,7 @@ struct UpdaterRig
 
     ScriptedPrefix prefix;
     RecordingUpdaterDelegate delegate;
-    QXUpdater updater {&delegate};
+    QXUpdater updater{&delegate};
     std::shared_ptr<std::atomic_bool> done;
 };
 
@@ -128,7 +130,7 @@ const QByteArray freshclamOutput =
     "Downloading y [5\n"
     "main.cvd updated (version: 62, sigs: 6647427, f-level: 90, builder: sigmgr)\n";
 
-const QStringList freshclamProgress {
+const QStringList freshclamProgress{
     "message:ClamAV update process started at Mon Nov 23 10:00:00 2026",
     "message:daily.cvd database is up-to-date (version: 27000, sigs: 2070412, f-level: 90, builder: raynman)",
     "message:Downloading daily-27001.cdiff ",
@@ -150,9 +152,10 @@ TEST(QXUpdaterTest, LauncherOutputBecomesProgressAndItsStatusTheEnd)
     LogCapture log;
     for (int status : {0, 2}) {
         SCOPED_TRACE(status);
-        rig.writeLauncher(freshclamOutput, status, "echo 'WARNING: Can not connect to port 443 of host database.clamav.net' >&2\n");
-        EXPECT_EQ(rig.update(), (QStringList {"updateStarted"} + freshclamProgress
-                                 + QStringList {"percent:100", QStringLiteral("finished:%1").arg(status)}));
+        rig.writeLauncher(freshclamOutput, status,
+                          "echo 'WARNING: Can not connect to port 443 of host database.clamav.net' >&2\n");
+        EXPECT_EQ(rig.update(), (QStringList{"updateStarted"} + freshclamProgress
+                                 + QStringList{"percent:100", QStringLiteral("finished:%1").arg(status)}));
     }
     EXPECT_EQ(log.count("error:WARNING: Can not connect to port 443 of host database.clamav.net\n"), 2);
     EXPECT_EQ(rig.delegate.wrongThread, 0);
@@ -166,8 +169,10 @@ TEST(QXUpdaterTest, ArgumentsFollowTheSettingsOfEachRunInTheirFixedOrder)
     {
         bool exit1, logging;
         QStringList arguments;
-    } cases[] {{false, false, {"--stdout"}}, {true, false, {"--stdout", exit1}},
-               {false, true, {"--stdout", log}}, {true, true, {"--stdout", log, exit1}}};
+    } cases[]{{false, false, {"--stdout"}},
+              {true, false, {"--stdout", exit1}},
+              {false, true, {"--stdout", log}},
+              {true, true, {"--stdout", log, exit1}}};
     UpdaterRig rig;
     rig.writeLauncher("", 0);
     rig.delegate.logPath = logPath;
@@ -185,8 +190,8 @@ TEST(QXUpdaterTest, LauncherThatCannotStartEndsAsAFailedUpdate)
 {
     UpdaterRig rig;
     LogCapture log;
-    const QStringList failed {"updateStarted", "percent:100",
-                              QStringLiteral("finished:%1").arg(QXUpdater::launcherNotStartedStatus)};
+    const QStringList failed{"updateStarted", "percent:100",
+                             QStringLiteral("finished:%1").arg(QXUpdater::launcherNotStartedStatus)};
     EXPECT_EQ(rig.update(), failed);
 
     rig.writeLauncher("ClamAV update process started\n", 0);
@@ -205,7 +210,8 @@ TEST(QXUpdaterTest, StopEndsTheRunningLauncherAsATerminatedUpdate)
     rig.startUpdate();
     ASSERT_TRUE(QTest::qWaitFor([&] { return rig.updater.hasChild(); }, 20000));
     rig.updater.stop();
-    EXPECT_EQ(rig.finishUpdate(), (QStringList {"updateStarted", "percent:100", QStringLiteral("finished:%1").arg(SIGTERM)}));
+    EXPECT_EQ(rig.finishUpdate(),
+              (QStringList{"updateStarted", "percent:100", QStringLiteral("finished:%1").arg(SIGTERM)}));
 }
 
 TEST(QXUpdaterTest, LauncherThatFallsSilentIsEndedAsACrashedUpdate)

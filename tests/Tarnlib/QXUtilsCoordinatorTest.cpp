@@ -39,8 +39,9 @@ protected:
 TEST_F(QXUtilsCoordinatorTest, InfectionLineIsSplitAtItsLastColonAndLinesWithoutANameAreDropped)
 {
     QXUtils utils(&delegate, {});
-    for (const char *line : {"/Users/u/Downloads/x.zip: Eicar-Test-Signature FOUND",
-                             "/media/A:B/file: Korvane.Test.Marker FOUND", "no colon here FOUND", "/a/b: FOUND", "/a/b:"})
+    for (const char *line :
+         {"/Users/u/Downloads/x.zip: Eicar-Test-Signature FOUND", "/media/A:B/file: Korvane.Test.Marker FOUND",
+          "no colon here FOUND", "/a/b: FOUND", "/a/b:"})
         utils.infectionFound(QString::fromUtf8(line));
     EXPECT_EQ(delegate.infections, (QList<QPair<QString, QString>>{{"Eicar-Test-Signature", "/Users/u/Downloads/x.zip"},
                                                                    {"Korvane.Test.Marker", "/media/A:B/file"}}));
@@ -100,7 +101,8 @@ TEST_F(QXUtilsCoordinatorTest, WalkMovesToTheNextCandidateAndStopsWhereTheEngine
 {
     ScriptedPrefix empty, engine, later;
     engine.writeScript("bin/clamscan", versionLine);
-    auto utils = checking({{empty.path(), empty.filePath("log")}, {engine.path(), engine.filePath("log")},
+    auto utils = checking({{empty.path(), empty.filePath("log")},
+                           {engine.path(), engine.filePath("log")},
                            {later.path(), later.filePath("log")}});
     // No daemon answers on that prefix, and it has none to start.
     ASSERT_TRUE(waitForOne("clamdFailedToStart"));
@@ -127,7 +129,8 @@ TEST_F(QXUtilsCoordinatorTest, EngineThatDoesNotAnswerYetIsAskedAgain)
 {
     ScriptedPrefix slow;
     // Silent on the first call, a version line on the second.
-    slow.writeScript("bin/clamscan", "if [ -e \"$0.seen\" ]; then " + versionLine.trimmed() + "; else touch \"$0.seen\"; fi\n");
+    slow.writeScript("bin/clamscan",
+                     "if [ -e \"$0.seen\" ]; then " + versionLine.trimmed() + "; else touch \"$0.seen\"; fi\n");
     auto utils = checking({{slow.path(), {}}});
     ASSERT_TRUE(waitForOne("clamdFailedToStart"));
     EXPECT_TRUE(delegate.calls.first().startsWith("engineFound:"));
@@ -142,7 +145,6 @@ TEST_F(QXUtilsCoordinatorTest, MissingDefinitionsAreRelayed)
     ASSERT_TRUE(waitForOne("needToUpdateDB"));
     EXPECT_EQ(delegate.calls, QStringList{"needToUpdateDB"});
 }
-
 
 TEST_F(QXUtilsCoordinatorTest, AnEnginePrefixTheCompanionSetsAfterALaunchIsFoundAtTheNextLaunch)
 {
@@ -165,7 +167,6 @@ TEST_F(QXUtilsCoordinatorTest, AnEnginePrefixTheCompanionSetsAfterALaunchIsFound
     EXPECT_EQ(home.readDomain(QStringLiteral("org.korvane.KorvaneVarden")).value(QStringLiteral("PathToClamav")),
               QVariant(missing.path()));
 }
-
 
 TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIsScannedWhole)
 {

@@ -27,10 +27,7 @@ QVariantMap record(const QString &pattern, bool regEx = false, const QVariant &e
 class QXUtilsScanPolicyTest : public ::testing::Test
 {
 protected:
-    void prefer(const QVariantMap &values)
-    {
-        home.writeDomain(companionDomain, values);
-    }
+    void prefer(const QVariantMap &values) { home.writeDomain(companionDomain, values); }
 
     FreshPreferences home;
     RecordingUtilsDelegate delegate;
@@ -41,7 +38,8 @@ TEST(QXExclusionPredicateTest, ContainsIgnoresCaseAndDiacriticsAndMatchesTakesTh
 {
     using P = QXExclusionPredicate;
     const QString nfdResume = QString::fromUtf8("/h/Re\xCC\x81sume\xCC\x81.pdf"); // combining accents
-    struct Row {
+    struct Row
+    {
         P predicate;
         QString path;
         bool expected;
@@ -59,20 +57,22 @@ TEST(QXExclusionPredicateTest, ContainsIgnoresCaseAndDiacriticsAndMatchesTakesTh
     };
     for (const Row &row : rows) {
         EXPECT_EQ(row.predicate.evaluate(row.path), row.expected)
-            << row.predicate.predicateFormat().toStdString() << " " << row.predicate.argument().toStdString()
-            << " on " << row.path.toStdString();
+            << row.predicate.predicateFormat().toStdString() << " " << row.predicate.argument().toStdString() << " on "
+            << row.path.toStdString();
     }
 }
 
 TEST_F(QXUtilsScanPolicyTest, EachEnabledRecordGivesTwoEngineArgumentsAndOnePredicateEscapedByItsKind)
 {
     using P = QXExclusionPredicate;
-    struct Row {
+    struct Row
+    {
         QVariantMap record;
         QStringList arguments;
         QList<P> predicates;
     } rows[] = {
-        {record("my.file (1)"), {"--exclude=my\\.file \\(1\\)", "--exclude-dir=my\\.file \\(1\\)"},
+        {record("my.file (1)"),
+         {"--exclude=my\\.file \\(1\\)", "--exclude-dir=my\\.file \\(1\\)"},
          {P::containing("my.file (1)")}},
         {record("~/Docs"), {"--exclude=/Docs", "--exclude-dir=/Docs"}, {P::containing("~/Docs")}},
         {record("a\\b"), {"--exclude=a\\\\b", "--exclude-dir=a\\\\b"}, {P::containing("a\\b")}},
@@ -136,7 +136,8 @@ TEST_F(QXUtilsScanPolicyTest, QuarantineNeedsAnExistingFolderOtherwiseItIsOffFor
     const QString problem = "appendToConsole:" + Localization::text("QUARANTINE_PROBLEM");
     ASSERT_NE(problem, QStringLiteral("appendToConsole:QUARANTINE_PROBLEM")) << "the text ships with the agent";
     const QVariant absent;
-    struct Row {
+    struct Row
+    {
         const char *name;
         QVariant infected;
         QVariant folder;
@@ -181,7 +182,8 @@ TEST_F(QXUtilsScanPolicyTest, QuarantineNeedsAnExistingFolderOtherwiseItIsOffFor
 
 TEST_F(QXUtilsScanPolicyTest, MailIsAnyPathThatBeginsWithAStoreExactlyAsWritten)
 {
-    struct Row {
+    struct Row
+    {
         const char *relative;
         bool mail;
     } rows[] = {
@@ -216,15 +218,13 @@ TEST_F(QXUtilsScanPolicyTest, HomeOfRootJoinsTheMailStoresAndTheTildeWithOneSepa
 TEST_F(QXUtilsScanPolicyTest, HomeTrashHoldsWhatIsInsideItButNotASiblingWithALongerName)
 {
     const QString trash = home.path() + QStringLiteral("/.local/share/Trash");
-    struct Row {
+    struct Row
+    {
         QString path;
         bool inTrash;
     } rows[] = {
-        {trash + "/files/eicar.com", true},
-        {trash + "/info/eicar.com.trashinfo", true},
-        {trash, true},
-        {trash + "Bin/eicar.com", false},
-        {home.filePath("Downloads/eicar.com"), false},
+        {trash + "/files/eicar.com", true}, {trash + "/info/eicar.com.trashinfo", true},   {trash, true},
+        {trash + "Bin/eicar.com", false},   {home.filePath("Downloads/eicar.com"), false},
     };
     for (const Row &row : rows)
         EXPECT_EQ(utils.isFileInTrash(row.path), row.inTrash) << row.path.toStdString();
@@ -242,16 +242,14 @@ TEST_F(QXUtilsScanPolicyTest, VolumeTrashIsOurUidFolderOrAStickyDotTrashButNever
     QDir(top).mkpath(".Trash/" + uid + "/files");
     ASSERT_EQ(::chmod(QFile::encodeName(top + "/.Trash").constData(), 01777), 0);
 
-    struct Row {
+    struct Row
+    {
         QString relative;
         bool inTrash;
     } rows[] = {
-        {".Trash-" + uid + "/files/eicar.com", true},
-        {".Trash-" + uid, true},
-        {".Trash/" + uid + "/files/eicar.com", true},
-        {".Trash-" + other + "/files/eicar.com", false},
-        {".Trash/" + other + "/files/eicar.com", false},
-        {"Downloads/eicar.com", false},
+        {".Trash-" + uid + "/files/eicar.com", true},    {".Trash-" + uid, true},
+        {".Trash/" + uid + "/files/eicar.com", true},    {".Trash-" + other + "/files/eicar.com", false},
+        {".Trash/" + other + "/files/eicar.com", false}, {"Downloads/eicar.com", false},
     };
     for (const Row &row : rows)
         EXPECT_EQ(utils.isFileInTrash(top + '/' + row.relative), row.inTrash) << row.relative.toStdString();

@@ -96,7 +96,7 @@ TEST(QXWorkerThreadTest, EveryByteOfBothPipesReachesTheHandlersOnTheWorkersOwnTh
     EXPECT_EQ(seen.result->status, 0);
     EXPECT_TRUE(seen.output == QByteArray(1000000, 'o') + "last");
     EXPECT_TRUE(seen.errors == QByteArray(1000000, 'e'));
-    EXPECT_EQ(seen.handlerThreads, QSet<QThread *> {worker.thread()});
+    EXPECT_EQ(seen.handlerThreads, QSet<QThread *>{worker.thread()});
     EXPECT_NE(worker.thread(), QCoreApplication::instance()->thread());
     EXPECT_EQ(seen.emptyChunks, 0);
     EXPECT_FALSE(worker.hasChild());
@@ -112,7 +112,7 @@ TEST(QXWorkerThreadTest, RunAnswersTheExitCodeTheKillingSignalOrWhyTheProgramCou
         int status;
         bool crashed;
         QString error;
-    } cases[] {
+    } cases[]{
         {"/bin/sh", {"-c", "exit 3"}, true, 3, false, ""},
         {"/bin/sh", {"-c", "kill -9 $$"}, true, SIGKILL, true, ""},
         {"/nonexistent/korvane/bin/clamdscan", {}, false, 0, false, "No such file or directory"},

@@ -24,7 +24,10 @@ public:
     bool wantScanStatusUpdates() override { return false; }
     bool wantUpdatePercentages() override { return true; }
     void scanStarted() override { calls << "scanStarted"; }
-    void scanFinishedWithStatus(int status) override { calls << QStringLiteral("scanFinishedWithStatus:%1").arg(status); }
+    void scanFinishedWithStatus(int status) override
+    {
+        calls << QStringLiteral("scanFinishedWithStatus:%1").arg(status);
+    }
     void scanCrashed(const QString &reason) override { calls << "scanCrashed:" + reason; }
     void infectionFound(const QString &name, const QString &file) override
     {
@@ -33,7 +36,10 @@ public:
         if (onInfection)
             onInfection();
     }
-    void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override { calls << QStringLiteral("progress:%1").arg(count); }
+    void updateProgressBarWithCountOfFilesScannedSoFar(quint32 count) override
+    {
+        calls << QStringLiteral("progress:%1").arg(count);
+    }
     void engineNotFound() override { calls << "engineNotFound"; }
     void engineFoundWithVersionString(const QString &version) override { calls << "engineFound:" + version; }
     void updateStarted() override { calls << "updateStarted"; }
@@ -48,7 +54,10 @@ public:
     void fileCounterReturned(qint64 count) override { calls << QStringLiteral("fileCounterReturned:%1").arg(count); }
     void appendToConsole(const QString &text) override { calls << "appendToConsole:" + text; }
     void needToUpdateDB() override { calls << "needToUpdateDB"; }
-    void needToUpdateEngineDisplayVersionString(const QString &version) override { calls << "needToUpdateEngine:" + version; }
+    void needToUpdateEngineDisplayVersionString(const QString &version) override
+    {
+        calls << "needToUpdateEngine:" + version;
+    }
     void clamdStarted() override { calls << "clamdStarted"; }
     void clamdFailedToStart() override { calls << "clamdFailedToStart"; }
     void clamdAlreadyRunning() override { calls << "clamdAlreadyRunning"; }

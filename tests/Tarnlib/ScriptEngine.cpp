@@ -11,15 +11,16 @@ ScriptEngine::ScriptEngine(const QString &body)
         return;
     QString quotedDir = _dir.path();
     quotedDir.replace('\'', "'\\''");
-    const QString script = QStringLiteral(
-        "#!/bin/bash\n"
-        "dir='%1'\n"
-        "printf '%s\\0' \"$@\" > \"$dir/args\"\n"
-        "for arg; do\n"
-        "    case $arg in --file-list=*) cp \"${arg#--file-list=}\" \"$dir/list\" ;; esac\n"
-        "done\n"
-        "echo $$ > \"$dir/pid.new\" && mv \"$dir/pid.new\" \"$dir/pid\"\n"
-        "%2\n").arg(quotedDir, body);
+    const QString script =
+        QStringLiteral("#!/bin/bash\n"
+                       "dir='%1'\n"
+                       "printf '%s\\0' \"$@\" > \"$dir/args\"\n"
+                       "for arg; do\n"
+                       "    case $arg in --file-list=*) cp \"${arg#--file-list=}\" \"$dir/list\" ;; esac\n"
+                       "done\n"
+                       "echo $$ > \"$dir/pid.new\" && mv \"$dir/pid.new\" \"$dir/pid\"\n"
+                       "%2\n")
+            .arg(quotedDir, body);
     // Both programs, so that the daemon client and the stand-alone form alike run it.
     for (const char *name : {"bin/clamdscan", "bin/clamscan"}) {
         QFile file(_dir.filePath(name));

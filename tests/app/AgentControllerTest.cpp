@@ -18,7 +18,11 @@ namespace {
 class RestoredVariable
 {
 public:
-    explicit RestoredVariable(const char *name) : _name(name), _value(qgetenv(name)), _set(qEnvironmentVariableIsSet(name)) {}
+    explicit RestoredVariable(const char *name)
+        : _name(name)
+        , _value(qgetenv(name))
+        , _set(qEnvironmentVariableIsSet(name))
+    {}
     ~RestoredVariable()
     {
         if (_set)
@@ -142,13 +146,15 @@ protected:
 
     static void send(const QString &name)
     {
-        ASSERT_EQ(QProcess::execute("dbus-send", {"--session", "--type=signal", "/org/korvane/DistributedNotifications1",
-                                                  "org.korvane.DistributedNotifications1." + name, "string:Korvane"}),
-                  0);
+        ASSERT_EQ(
+            QProcess::execute("dbus-send", {"--session", "--type=signal", "/org/korvane/DistributedNotifications1",
+                                            "org.korvane.DistributedNotifications1." + name, "string:Korvane"}),
+            0);
     }
 
-    const QVariantMap updateKeys{{QStringLiteral("SUEnableAutomaticChecks"), true},
-                                 {QStringLiteral("SULastCheckTime"), QDateTime(QDate(2026, 1, 2), QTime(3, 4), Qt::UTC)}};
+    const QVariantMap updateKeys{
+        {QStringLiteral("SUEnableAutomaticChecks"), true},
+        {QStringLiteral("SULastCheckTime"), QDateTime(QDate(2026, 1, 2), QTime(3, 4), Qt::UTC)}};
     // Heard on a connection of its own, as another program would.
     DBusDistributedNotificationCenter listener{
         QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("listener"))};
@@ -189,7 +195,8 @@ TEST_F(AgentOnTheSessionBusTest, RestartSignalRunsACopyOfTheRelaunchToolFromAPri
     ASSERT_TRUE(plantedFile.open(QIODevice::WriteOnly) && plantedFile.write(plantedScript) > 0);
     plantedFile.close();
     const QString ran = engine.filePath("relaunched-with");
-    KorvaneVarden_AppDelegate::setRelaunchToolPath(engine.writeScript("relaunch", "echo \"$0 $1 $2\" > '" + ran.toUtf8() + "'\n"));
+    KorvaneVarden_AppDelegate::setRelaunchToolPath(
+        engine.writeScript("relaunch", "echo \"$0 $1 $2\" > '" + ran.toUtf8() + "'\n"));
 
     // An unset runtime folder, or one that others may write, is not used.
     for (const QString &runtimeDir : {runtime.path(), QString(), open.path()}) {

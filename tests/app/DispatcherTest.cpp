@@ -16,7 +16,11 @@ public:
     QList<QStringList> batches;
     Dispatcher *dispatcher = nullptr;
 
-    bool readyToScan() override { ++questions; return ready; }
+    bool readyToScan() override
+    {
+        ++questions;
+        return ready;
+    }
     void startScan() override { batches.append(dispatcher->grabItemsToScan()); }
     QXUtils *utils() override { return nullptr; }
 };

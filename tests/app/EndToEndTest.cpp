@@ -74,7 +74,7 @@ protected:
         return QTest::qWaitFor(
             [&] {
                 return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
-                    && !agent->utils()->scanning();
+                       && !agent->utils()->scanning();
             },
             30000);
     }
@@ -119,7 +119,8 @@ TEST_F(EndToEndTest, InfectedFilesAreListedOnceAndAnnouncedAndCleanOnesOnlyLogge
     QFile scanLog(agent->utils()->pathToScanLog());
     ASSERT_TRUE(scanLog.open(QIODevice::ReadOnly));
     const QByteArray logged = scanLog.readAll();
-    EXPECT_TRUE(logged.contains(eicar.toUtf8() + ": " + EngineFixture::eicarSignatureName().toUtf8() + ".UNOFFICIAL FOUND\n"));
+    EXPECT_TRUE(
+        logged.contains(eicar.toUtf8() + ": " + EngineFixture::eicarSignatureName().toUtf8() + ".UNOFFICIAL FOUND\n"));
     EXPECT_TRUE(logged.contains(clean.toUtf8() + ": OK\n"));
 }
 

@@ -61,7 +61,8 @@ TEST_F(EngineReactionsTest, MissingEngineOffersTheCompanionAndQuitsEitherWay)
 
 TEST_F(EngineReactionsTest, MissingDefinitionsRunTheUpdaterOrQuit)
 {
-    engine.writeScript("bin/RunFreshclam", "echo \"$@\" > '" + engine.filePath("updater-arguments").toUtf8() + "'\nexit 1\n");
+    engine.writeScript("bin/RunFreshclam",
+                       "echo \"$@\" > '" + engine.filePath("updater-arguments").toUtf8() + "'\nexit 1\n");
 
     alerts.answers = {AlertPresenter::AlternateReturn};
     agent->needToUpdateDB();
@@ -84,7 +85,8 @@ TEST_F(EngineReactionsTest, EveryUpdateEndStopsTheAnimationNotifiesByStatusAndCh
     {
         int status;
         const char *message;
-    } cases[] = {{0, "UPDATE_ALREADY"}, {1, "UPDATE_COMPLETE"}, {9, nullptr}, {2, "UPDATE_CRASHED"}, {-1, "UPDATE_CRASHED"}};
+    } cases[] = {
+        {0, "UPDATE_ALREADY"}, {1, "UPDATE_COMPLETE"}, {9, nullptr}, {2, "UPDATE_CRASHED"}, {-1, "UPDATE_CRASHED"}};
     for (const auto &[status, message] : cases) {
         SCOPED_TRACE(status);
         notifications.delivered.clear();
@@ -103,7 +105,8 @@ TEST_F(EngineReactionsTest, EveryUpdateEndStopsTheAnimationNotifiesByStatusAndCh
         EXPECT_FALSE(agent->utils()->updating());
         EXPECT_FALSE(agent->readyToScan()) << "scanning resumes only through the engine check";
         using Delivered = QList<QPair<QString, QString>>;
-        EXPECT_EQ(notifications.delivered, (message ? Delivered{{QString(), Localization::text(message)}} : Delivered()));
+        EXPECT_EQ(notifications.delivered,
+                  (message ? Delivered{{QString(), Localization::text(message)}} : Delivered()));
         // The check that follows finds the engine and tries its daemon again.
         EXPECT_TRUE(QTest::qWaitFor([&] { return log.count(failedStart) == failedStarts + 1; }, 10000));
     }

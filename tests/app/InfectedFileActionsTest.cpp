@@ -171,8 +171,9 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
     const QString taken = "File %1 cannot be put back to %2 as something already exists in that location.";
     const QString prevented = "Something prevented %1 from being put back to %2. Please investigate this and put "
                               "the file back manually.";
-    const auto vanish
-        = [this](const QString &file, const QString &) { QFile::rename(value(0, "filePath"), file + "~"); };
+    const auto vanish = [this](const QString &file, const QString &) {
+        QFile::rename(value(0, "filePath"), file + "~");
+    };
     const struct
     {
         const char *name;
@@ -233,9 +234,9 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
         const int beeps = alerts.beeps;
         select({0});
 
-        c.action == Quarantine   ? agent->quarantineFile(nullptr)
-            : c.action == Delete ? agent->deleteFile(nullptr)
-                                 : agent->putBack(nullptr);
+        c.action == Quarantine ? agent->quarantineFile(nullptr)
+        : c.action == Delete   ? agent->deleteFile(nullptr)
+                               : agent->putBack(nullptr);
 
         EXPECT_EQ(row(0), before);
         EXPECT_EQ(alerts.beeps, beeps + 1);

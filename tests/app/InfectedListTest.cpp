@@ -97,12 +97,12 @@ TEST_F(InfectedListTest, CopyPutsAHeaderAndOneTabSeparatedLinePerSelectedRowInLi
 
     table->copy();
 
-    EXPECT_EQ(QGuiApplication::clipboard()->text(),
-              Localization::text("FILE_NAME") + '\t' + Localization::text("INFECTION_NAME") + '\t'
-                  + Localization::text("STATUS") + '\n'
-                  + "/x/a.exe\tKorvane.Test.File-a\t\n"
-                    "/x/b.doc\tKorvane.Test.Marker\tIn Trash\n"
-                    "/x/d.txt\tKorvane.Test.Eicar\t\n");
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), Localization::text("FILE_NAME") + '\t'
+                                                        + Localization::text("INFECTION_NAME") + '\t'
+                                                        + Localization::text("STATUS") + '\n'
+                                                        + "/x/a.exe\tKorvane.Test.File-a\t\n"
+                                                          "/x/b.doc\tKorvane.Test.Marker\tIn Trash\n"
+                                                          "/x/d.txt\tKorvane.Test.Eicar\t\n");
 }
 
 TEST_F(InfectedListTest, CopyWithNothingSelectedBeepsAndLeavesTheClipboard)

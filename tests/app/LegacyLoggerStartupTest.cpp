@@ -45,10 +45,10 @@ protected:
 
 TEST_F(LegacyLoggerStartupTest, OnlyAVersionFileNaming106ChoosesTheLoggerWatcher)
 {
-    const QList<std::pair<QVariant, bool>> cases {
-        {QVariantMap {{"ProductVersion", "10.6.8"}}, true}, {QVariantMap {{"ProductVersion", "10.6"}}, true},
-        {QVariantMap {{"ProductVersion", "10.16"}}, false}, {QVariantMap {{"ProductVersion", "11.6"}}, false},
-        {QVariantMap {{"ProductName", "Mac OS X"}}, false}, {QVariant(), false},
+    const QList<std::pair<QVariant, bool>> cases{
+        {QVariantMap{{"ProductVersion", "10.6.8"}}, true}, {QVariantMap{{"ProductVersion", "10.6"}}, true},
+        {QVariantMap{{"ProductVersion", "10.16"}}, false}, {QVariantMap{{"ProductVersion", "11.6"}}, false},
+        {QVariantMap{{"ProductName", "Mac OS X"}}, false}, {QVariant(), false},
     };
     for (const auto &[contents, chosen] : cases) {
         SCOPED_TRACE(contents.toMap().value("ProductVersion").toString().toStdString());
@@ -70,7 +70,7 @@ TEST_F(LegacyLoggerStartupTest, On106AFileWrittenInAWatchedFolderReachesTheWaiti
     if (probe < 0)
         GTEST_SKIP() << "gfslogger needs CAP_SYS_ADMIN to watch file systems; this process lacks it";
     ::close(probe);
-    PropertyList::writeXmlFile(SystemVersion::path(), QVariantMap {{"ProductVersion", "10.6.8"}});
+    PropertyList::writeXmlFile(SystemVersion::path(), QVariantMap{{"ProductVersion", "10.6.8"}});
     const QString watched = home.filePath("Downloads");
     QDir().mkpath(watched);
     watch({folder(watched)});
@@ -79,10 +79,13 @@ TEST_F(LegacyLoggerStartupTest, On106AFileWrittenInAWatchedFolderReachesTheWaiti
     agent->continueStartup();
     EXPECT_TRUE(agent->watching());
 
-    ASSERT_TRUE(QTest::qWaitFor([&] {
-        home.writeFile("Downloads/invoice.pdf", "%PDF");
-        return agent->dispatcher()->waitingList().contains(watched + "/invoice.pdf");
-    }, 10000)) << log.lines().join('\n').toStdString();
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            home.writeFile("Downloads/invoice.pdf", "%PDF");
+            return agent->dispatcher()->waitingList().contains(watched + "/invoice.pdf");
+        },
+        10000))
+        << log.lines().join('\n').toStdString();
 
     agent->stopWatching(nullptr);
     EXPECT_TRUE(log.contains("attempting to terminate gfslogger"));

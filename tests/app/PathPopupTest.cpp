@@ -126,7 +126,8 @@ TEST_F(PathPopupTest, ShowingThePathAgainLeavesOnePopupForTheCurrentSelectionAnd
 
 TEST_F(PathPopupTest, RemovingRowsClearingTheListOrAClickIntoThePopupClosesIt)
 {
-    struct Case {
+    struct Case
+    {
         const char *name;
         std::function<void()> act;
     };
@@ -134,7 +135,8 @@ TEST_F(PathPopupTest, RemovingRowsClearingTheListOrAClickIntoThePopupClosesIt)
         {"removing the selected rows", [&] { agent->removeSelectedFromInfectedList(nullptr); }},
         {"the list's own remove", [&] { list->remove(); }},
         {"clearing the list", [&] { agent->clearInfectedList(nullptr); }},
-        {"a click", [&] {
+        {"a click",
+         [&] {
              QTest::mouseClick(agent->popupFloaterTextField(), Qt::LeftButton);
              // Closed after the click, not inside it.
              EXPECT_NE(agent->attachedWindow(), nullptr);

@@ -15,7 +15,8 @@ TEST_F(AgentFixture, BatchLosesItsExcludedPathsBeforeTheScanAndOneLeftEmptyStart
     const QString excluded = home.writeFile("Private/one", "contents");
     const QString trashed = home.writeFile(".local/share/Trash/files/two", "contents");
     const QString plain = home.writeFile("Documents/three", "contents");
-    struct Row {
+    struct Row
+    {
         QStringList batch;
         bool scanStarted;
     } rows[] = {{{excluded, trashed}, false}, {{excluded, plain}, true}, {{plain}, true}};

@@ -205,7 +205,8 @@ TEST_F(StatusMenuTest, EachItemIsEnabledExactlyInTheSituationsItsRuleNames)
              addRow("/x/eicar.com");
          },
          {selected, "+quarantineFile: +deleteFile:"}},
-        {"an untouched row selected, without a quarantine folder", [&] { addRow("/x/eicar.com"); },
+        {"an untouched row selected, without a quarantine folder",
+         [&] { addRow("/x/eicar.com"); },
          {selected, "+deleteFile:"}},
         {"a quarantined row selected",
          [&] {
@@ -445,9 +446,15 @@ TEST_F(StatusMenuTest, ScanAnimationRunsForwardFromFrameZeroAndAnUpdateBackwardF
         QList<int> frames;
     };
     const QList<Animation> animations{
-        {"scan", [&] { agent->scanStarted(); }, [&] { agent->forwardAnimation(); }, 1,
+        {"scan",
+         [&] { agent->scanStarted(); },
+         [&] { agent->forwardAnimation(); },
+         1,
          {0, 1, 2, 3, 4, 5, 6, 7, 8, 0, 1}},
-        {"update", [&] { agent->startUpdateAnimation(); }, [&] { agent->reverseAnimation(); }, -1,
+        {"update",
+         [&] { agent->startUpdateAnimation(); },
+         [&] { agent->reverseAnimation(); },
+         -1,
          {8, 7, 6, 5, 4, 3, 2, 1, 0, 8, 7}},
     };
     const QList<QIcon> frames = agent->throbberAnimationFrames();
@@ -462,8 +469,8 @@ TEST_F(StatusMenuTest, ScanAnimationRunsForwardFromFrameZeroAndAnUpdateBackwardF
         EXPECT_EQ(agent->throbberAnimationCurrentFrame(), animation.frames.first());
 
         // The timer turns the frames in this animation's direction.
-        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->throbberAnimationCurrentFrame() != animation.frames.first(); },
-                                    5000));
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return agent->throbberAnimationCurrentFrame() != animation.frames.first(); }, 5000));
         const int last = (agent->throbberAnimationCurrentFrame() - animation.step + 9) % 9;
         EXPECT_EQ(shownImage(), frames.at(last).cacheKey());
 

@@ -57,8 +57,8 @@ protected:
     {
         KorvaneVarden_AppDelegate::setUpdateCheckInterval(50);
         const QString info = home.filePath("Info.plist");
-        PropertyList::writeXmlFile(info, QVariantMap {{"CFBundleVersion", "0.1.0"},
-                                                      {"SUFeedURL", server.url().toString()}});
+        PropertyList::writeXmlFile(info,
+                                   QVariantMap{{"CFBundleVersion", "0.1.0"}, {"SUFeedURL", server.url().toString()}});
         BundleInfo::setInfoPath(info);
         AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
@@ -77,7 +77,10 @@ protected:
                                            {"VardenFolderArray", QVariantList{folder(home.path())}}});
     }
     QList<AlertPresenter::Alert> offers() const { return presenter.offers; }
-    bool waitForRequests(int count) { return QTest::qWaitFor([&] { return server.requests >= count; }, 10000); }
+    bool waitForRequests(int count)
+    {
+        return QTest::qWaitFor([&] { return server.requests >= count; }, 10000);
+    }
 
     FeedServer server;
     UrlRecordingWorkspace workspace;
@@ -86,8 +89,8 @@ protected:
 
 TEST_F(UpdateCheckTest, OfferedUpdateIsAskedAboutOnceAndOnConsentHandedToTheCompanionThenChecksResume)
 {
-    for (const auto &[answer, opened] : {std::pair {int(AlertPresenter::DefaultReturn), 1},
-                                         {int(AlertPresenter::AlternateReturn), 0}}) {
+    for (const auto &[answer, opened] :
+         {std::pair{int(AlertPresenter::DefaultReturn), 1}, {int(AlertPresenter::AlternateReturn), 0}}) {
         SCOPED_TRACE(answer);
         presenter.offers.clear();
         presenter.answer = answer;

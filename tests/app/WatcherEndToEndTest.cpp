@@ -65,7 +65,8 @@ protected:
         return QTest::qWaitFor(
             [&] {
                 const QStringList listed = listedPaths();
-                return std::all_of(paths.begin(), paths.end(), [&](const QString &path) { return listed.contains(path); });
+                return std::all_of(paths.begin(), paths.end(),
+                                   [&](const QString &path) { return listed.contains(path); });
             },
             30000);
     }
@@ -76,7 +77,7 @@ protected:
         return QTest::qWaitFor(
             [&] {
                 return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
-                    && !agent->utils()->scanning();
+                       && !agent->utils()->scanning();
             },
             30000);
     }

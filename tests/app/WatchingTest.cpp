@@ -50,7 +50,8 @@ TEST_F(WatchingTest, FoldersAreWatchedUnderTheirExpandedPathsAndListedInOrder)
 {
     home.writeFile("Downloads/.keep", "");
     home.writeFile("Shared/.keep", "");
-    watch({folder("~/Downloads"), QVariantMap{{QStringLiteral("WatchSubdirs"), true}}, folder(home.filePath("Shared"))});
+    watch(
+        {folder("~/Downloads"), QVariantMap{{QStringLiteral("WatchSubdirs"), true}}, folder(home.filePath("Shared"))});
 
     agent->startWatching(nullptr);
 

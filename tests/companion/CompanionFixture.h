@@ -39,8 +39,7 @@ protected:
         window = std::make_unique<PreferencesWindow>(settings.get(), agentProgram);
         return window.get();
     }
-    template<typename Widget>
-    Widget *control(const char *name) const
+    template <typename Widget> Widget *control(const char *name) const
     {
         auto *widget = window->findChild<Widget *>(QLatin1String(name));
         EXPECT_NE(widget, nullptr) << name;

@@ -90,8 +90,8 @@ TEST_F(CompanionSettingsTest, SettingsSavedInTheWindowAreTheOnesTheAgentReadsWit
     control<QCheckBox>("SUEnableAutomaticChecks")->setChecked(true);
     QObject agentSide;
     QStringList restarts;
-    DistributedNotificationCenter::defaultCenter()->addObserver(
-        &agentSide, "KorvaneVardenShouldRestart", [&](const QString &object) { restarts << object; });
+    DistributedNotificationCenter::defaultCenter()->addObserver(&agentSide, "KorvaneVardenShouldRestart",
+                                                                [&](const QString &object) { restarts << object; });
     ASSERT_TRUE(w->save());
     EXPECT_TRUE(alerts.alerts.isEmpty());
     EXPECT_TRUE(QTest::qWaitFor([&] { return restarts == QStringList{"Korvane"}; }, 5000))
@@ -101,11 +101,16 @@ TEST_F(CompanionSettingsTest, SettingsSavedInTheWindowAreTheOnesTheAgentReadsWit
     // The file itself: the keys and value types the agent expects.
     const QVariantMap file = home->readDomain(companionDomain);
     const QList<std::pair<const char *, QMetaType::Type>> types{
-        {"VardenFolderArray", QMetaType::QVariantList}, {"ExcludePatterns", QMetaType::QVariantList},
-        {"ScanEmail", QMetaType::Bool},                  {"QuarantineInfected", QMetaType::Bool},
-        {"QuarantineFolder", QMetaType::QString},        {"LogScans", QMetaType::Bool},
-        {"SuppressSummary", QMetaType::Bool},            {"AdditionalCmdLineArgs", QMetaType::QString},
-        {"LogUpdates", QMetaType::Bool},                 {"UpdateDefsOnLaunch", QMetaType::Bool},
+        {"VardenFolderArray", QMetaType::QVariantList},
+        {"ExcludePatterns", QMetaType::QVariantList},
+        {"ScanEmail", QMetaType::Bool},
+        {"QuarantineInfected", QMetaType::Bool},
+        {"QuarantineFolder", QMetaType::QString},
+        {"LogScans", QMetaType::Bool},
+        {"SuppressSummary", QMetaType::Bool},
+        {"AdditionalCmdLineArgs", QMetaType::QString},
+        {"LogUpdates", QMetaType::Bool},
+        {"UpdateDefsOnLaunch", QMetaType::Bool},
         {"SUEnableAutomaticChecks", QMetaType::Bool},
     };
     for (const auto &[key, type] : types)
@@ -121,8 +126,12 @@ TEST_F(CompanionSettingsTest, SettingsSavedInTheWindowAreTheOnesTheAgentReadsWit
         watched << record.toMap().value("pathName").toString();
     EXPECT_EQ(watched, (QStringList{"~/media stick", "~/Downloads"}));
     const QList<std::pair<const char *, QVariant>> values{
-        {"ScanEmail", false},          {"QuarantineInfected", true}, {"LogScans", false},
-        {"SuppressSummary", true},     {"LogUpdates", false},        {"UpdateDefsOnLaunch", true},
+        {"ScanEmail", false},
+        {"QuarantineInfected", true},
+        {"LogScans", false},
+        {"SuppressSummary", true},
+        {"LogUpdates", false},
+        {"UpdateDefsOnLaunch", true},
         {"SUEnableAutomaticChecks", true},
         {"AdditionalCmdLineArgs", QStringLiteral("--fdpass --multiscan")},
     };
@@ -147,7 +156,12 @@ TEST_F(CompanionSettingsTest, AnInvalidRegularExpressionIsRefusedWithAClearMessa
     const QByteArray onDisk = original.readAll();
     original.close();
 
-    struct Row { const char *pattern; bool regEx; bool saved; };
+    struct Row
+    {
+        const char *pattern;
+        bool regEx;
+        bool saved;
+    };
     for (const Row &row : {Row{"([a-z]", true, false}, Row{"*.iso", true, false}, Row{"([a-z]", false, true},
                            Row{"^/media/.*\\.exe$", true, true}}) {
         SCOPED_TRACE(row.pattern);

@@ -22,10 +22,11 @@ struct Collected
 {
     explicit Collected(FileSystemWatcher *watcher)
     {
-        QObject::connect(watcher, &FileSystemWatcher::eventsOccurred, watcher, [this](const QList<FileSystemEvent> &batch) {
-            for (const FileSystemEvent &event : batch)
-                flags[event.path] |= event.flags;
-        });
+        QObject::connect(watcher, &FileSystemWatcher::eventsOccurred, watcher,
+                         [this](const QList<FileSystemEvent> &batch) {
+                             for (const FileSystemEvent &event : batch)
+                                 flags[event.path] |= event.flags;
+                         });
     }
     bool has(const QString &path, quint32 bits) const { return (flags.value(path) & bits) == bits; }
 
@@ -107,7 +108,8 @@ TEST(InotifyWatcherTest, WatchLimitIsToldToTheUserOncePerStartAndWatchedFoldersK
         EXPECT_TRUE(notifications.delivered.last().second.contains(QStringLiteral("fs.inotify.max_user_watches")))
             << notifications.delivered.last().second.toStdString();
         EXPECT_TRUE(notifications.delivered.last().second.contains(folder.path()));
-        EXPECT_EQ(log.lines().filter(QStringLiteral("inotify watch limit reached")).size(), start) << log.lines().join('\n').toStdString();
+        EXPECT_EQ(log.lines().filter(QStringLiteral("inotify watch limit reached")).size(), start)
+            << log.lines().join('\n').toStdString();
         watcher.stop();
     }
 }

@@ -113,7 +113,7 @@ TEST_F(QXFSEventStreamWatcherTest, LoggerNotRootOwnedAndSetIdIsRepairedThroughTh
         bool ends;
         mode_t modeAfter;
     };
-    const QList<Case> cases {
+    const QList<Case> cases{
         {"already right", 0, 06755, PromptlessExecution::Grant, false, "permissions look good...", false, 06755},
         {"not set-ID", 0, 0755, PromptlessExecution::Grant, true,
          "Authentication succeeded and permissions set accordingly", false, 06755},
@@ -130,7 +130,7 @@ TEST_F(QXFSEventStreamWatcherTest, LoggerNotRootOwnedAndSetIdIsRepairedThroughTh
         terminations = 0;
         LogCapture lines;
         QXFSEventStreamWatcher watcher(&delegate);
-        EXPECT_EQ(execution.asked, c.asked ? QStringList {folder + "/gfslogger-repair"} : QStringList());
+        EXPECT_EQ(execution.asked, c.asked ? QStringList{folder + "/gfslogger-repair"} : QStringList());
         EXPECT_TRUE(lines.contains(c.line)) << lines.lines().join('\n').toStdString();
         EXPECT_EQ(terminations, c.ends ? 1 : 0);
         EXPECT_EQ(statOf(logger).st_mode & 07777, c.modeAfter);
@@ -144,7 +144,7 @@ TEST_F(QXFSEventStreamWatcherTest, RepairProgramActsOnlyWhereNoOneButRootCouldHa
         GTEST_SKIP() << "the repair program runs as root";
     const QString repair = folder + "/gfslogger-repair";
     ASSERT_TRUE(QFile::copy(builtRepair, repair));
-    const QList<std::pair<const char *, std::function<void()>>> setups {
+    const QList<std::pair<const char *, std::function<void()>>> setups{
         {"a folder others may write to", [&] { ::chmod(QFile::encodeName(folder).constData(), 0777); }},
         {"a link in place of the logger",
          [&] {
@@ -162,7 +162,8 @@ TEST_F(QXFSEventStreamWatcherTest, RepairProgramActsOnlyWhereNoOneButRootCouldHa
         install(builtLogger, 65534, 0755);
         setup();
         const struct stat before = statOf(logger);
-        const int status = QProcess::execute(repair, QString(what) == "arguments" ? QStringList {logger} : QStringList());
+        const int status =
+            QProcess::execute(repair, QString(what) == "arguments" ? QStringList{logger} : QStringList());
         EXPECT_EQ(status, 1);
         EXPECT_EQ(statOf(logger).st_mode, before.st_mode);
         EXPECT_EQ(statOf(logger).st_uid, before.st_uid);
@@ -183,18 +184,19 @@ TEST_F(QXFSEventStreamWatcherTest, LinesInAWatchedFolderReachTheDelegateOnceWhol
                                      "printf '%6'; sleep 0.3; printf '%7\\n'\n"
                                      "exec sleep 30\n")
                           .arg(watched + "/inner/both.txt", home.filePath("Documents-old/sibling.txt"),
-                               home.filePath("Music/elsewhere.txt"), trash, watched + "/plain.txt",
-                               split.left(20), split.mid(20))
+                               home.filePath("Music/elsewhere.txt"), trash, watched + "/plain.txt", split.left(20),
+                               split.mid(20))
                           .toUtf8());
     QXFSEventStreamWatcher watcher(&delegate);
     QSignalSpy ended(&watcher, &QXFSEventStreamWatcher::loggerEnded);
     watcher.start();
     watcher.startWatching({watched, watched + "/inner", home.filePath(".local/share"), home.filePath("Documents-")});
 
-    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.paths.size() >= 4; }, 10000)) << delegate.paths.join('\n').toStdString();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.paths.size() >= 4; }, 10000))
+        << delegate.paths.join('\n').toStdString();
     QTest::qWait(100);
-    EXPECT_EQ(delegate.paths, (QStringList {watched + "/inner/both.txt", home.filePath("Documents-old/sibling.txt"),
-                                            watched + "/plain.txt", split}));
+    EXPECT_EQ(delegate.paths, (QStringList{watched + "/inner/both.txt", home.filePath("Documents-old/sibling.txt"),
+                                           watched + "/plain.txt", split}));
     EXPECT_TRUE(log.contains("gfslogger found: " + split));
     EXPECT_TRUE(log.contains("error:logger trouble"));
 
@@ -219,11 +221,14 @@ TEST_F(QXFSEventStreamWatcherTest, RealLoggerHandsOnFilesWrittenInTheWatchedFold
 
     // The marks are set a moment after the start.
     const QString file = watched + "/new.zip";
-    ASSERT_TRUE(QTest::qWaitFor([&] {
-        home.writeFile("Downloads/new.zip", "PK");
-        home.writeFile("Music/not watched.mp3", "ID3");
-        return delegate.paths.contains(file);
-    }, 10000)) << log.lines().join('\n').toStdString();
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            home.writeFile("Downloads/new.zip", "PK");
+            home.writeFile("Music/not watched.mp3", "ID3");
+            return delegate.paths.contains(file);
+        },
+        10000))
+        << log.lines().join('\n').toStdString();
     EXPECT_FALSE(delegate.paths.contains(home.filePath("Music/not watched.mp3")));
 
     watcher.stopWatching();

@@ -12,8 +12,8 @@ const QString previews = QStringLiteral("/home/u/Library/Caches/com.apple.Safari
 
 TEST(SCEventTest, DescribesItselfWithIdentifierPathAndFlags)
 {
-    const SCEvent event =
-        SCEvent::eventWithEventId(1234567890123ULL, QDateTime::currentDateTime(), QStringLiteral("/tmp/a %1 b"), 0x11100);
+    const SCEvent event = SCEvent::eventWithEventId(1234567890123ULL, QDateTime::currentDateTime(),
+                                                    QStringLiteral("/tmp/a %1 b"), 0x11100);
     EXPECT_EQ(event.description(),
               QStringLiteral("<SCEvent { eventId = 1234567890123, eventPath = /tmp/a %1 b, eventFlags = 69888 } >"));
 }

@@ -95,7 +95,10 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    static bool under(const QString &path, const QString &folder) { return path == folder || path.startsWith(folder + '/'); }
+    static bool under(const QString &path, const QString &folder)
+    {
+        return path == folder || path.startsWith(folder + '/');
+    }
 
     WatchedFolder folder;
     RecordingListener listener;
@@ -111,7 +114,8 @@ TEST_F(SCEventsWatchingTest, CreatedFileArrivesAsOneEventWithAllItsChangesAndWit
     EXPECT_TRUE(saw(file, Flag::created | Flag::modified | Flag::isFile));
     EXPECT_TRUE(noneAfterSentinel([](const QString &path) { return path.contains("//"); }));
     ASSERT_EQ(std::count_if(listener.events.begin(), listener.events.end(),
-                            [&](const SCEvent &event) { return event.eventPath() == file; }), 1)
+                            [&](const SCEvent &event) { return event.eventPath() == file; }),
+              1)
         << listener.dump().toStdString();
     EXPECT_FALSE(listener.saw(file, Flag::isDir));
     EXPECT_EQ(listener.senders.first(), &events);
@@ -122,7 +126,8 @@ TEST_F(SCEventsWatchingTest, FileInANewFolderIsReportedEvenWhenMadeBeforeTheFold
 {
     watch({folder.path()});
     // One shell command, faster than the watch on each new folder can be set up.
-    ASSERT_EQ(QProcess::execute("/bin/sh", {"-c", "cd \"$0\" && mkdir -p a/b/c && echo x > a/b/c/f", folder.path()}), 0);
+    ASSERT_EQ(QProcess::execute("/bin/sh", {"-c", "cd \"$0\" && mkdir -p a/b/c && echo x > a/b/c/f", folder.path()}),
+              0);
     EXPECT_TRUE(saw(folder.filePath("a/b/c/f"), Flag::created | Flag::isFile));
     EXPECT_TRUE(saw(folder.filePath("a"), Flag::created | Flag::isDir));
     EXPECT_TRUE(saw(folder.filePath("a/b/c"), Flag::created | Flag::isDir));
@@ -176,9 +181,8 @@ TEST_F(SCEventsWatchingTest, ChangesOutsideTheTreeAreNotReportedThroughAMovedOut
 
     outside.writeFile("leaving/sub/elsewhere.txt");
     outside.writeFile("target/through-link.txt");
-    EXPECT_TRUE(noneAfterSentinel([](const QString &path) {
-        return path.endsWith("elsewhere.txt") || path.endsWith("through-link.txt");
-    }));
+    EXPECT_TRUE(noneAfterSentinel(
+        [](const QString &path) { return path.endsWith("elsewhere.txt") || path.endsWith("through-link.txt"); }));
 }
 
 TEST_F(SCEventsWatchingTest, RemovalIsReportedAndAnAttributeChangeIsNotAModification)
@@ -196,7 +200,8 @@ TEST_F(SCEventsWatchingTest, RemovalIsReportedAndAnAttributeChangeIsNotAModifica
     EXPECT_TRUE(saw(file, Flag::removed | Flag::isFile));
     EXPECT_TRUE(saw(emptied, Flag::removed | Flag::isDir));
     ASSERT_TRUE(saw(script, Flag::inodeMetaMod | Flag::isFile));
-    EXPECT_TRUE(noneAfterSentinel([&](const QString &path) { return path == script && listener.saw(path, Flag::modified); }));
+    EXPECT_TRUE(
+        noneAfterSentinel([&](const QString &path) { return path == script && listener.saw(path, Flag::modified); }));
 }
 
 TEST_F(SCEventsWatchingTest, ExcludedFolderDropsItsSubtreeAndPrefixSiblingsUnlessSubfoldersCount)
@@ -210,9 +215,8 @@ TEST_F(SCEventsWatchingTest, ExcludedFolderDropsItsSubtreeAndPrefixSiblingsUnles
     folder.writeFile("Webpage Previews/deep/b.png");
     folder.writeFile("Webpage Previews2/c.png");
     QFile::setPermissions(excluded, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    EXPECT_TRUE(noneAfterSentinel([&](const QString &path) {
-        return under(path, excluded) || under(path, excluded + "2");
-    }));
+    EXPECT_TRUE(
+        noneAfterSentinel([&](const QString &path) { return under(path, excluded) || under(path, excluded + "2"); }));
 
     // Without ignoring subfolders only the exact path is dropped.
     ASSERT_TRUE(events.stopWatchingPaths());
@@ -232,7 +236,7 @@ TEST_F(SCEventsWatchingTest, StartingTwiceAnswersFalseAndTheFirstStreamKeepsRunn
 
     EXPECT_FALSE(events.startWatchingPaths({other.path()}));
     EXPECT_TRUE(events.isWatchingPaths());
-    EXPECT_EQ(events.watchedPaths(), QStringList {folder.path()});
+    EXPECT_EQ(events.watchedPaths(), QStringList{folder.path()});
     EXPECT_TRUE(events.streamDescription().contains(folder.path())) << events.streamDescription().toStdString();
     EXPECT_TRUE(saw(folder.writeFile("still.txt"), Flag::created));
 
@@ -273,7 +277,8 @@ TEST_F(SCEventsWatchingTest, MissingOrRemovedRootIsLoggedWhileTheOtherRootsGoOn)
     const QString doomed = folder.makeFolder("doomed");
     const QString staying = folder.makeFolder("staying");
     watch({missing, doomed, staying});
-    EXPECT_EQ(log.count("cannot watch " + missing + ": No such file or directory"), 1) << log.lines().join('\n').toStdString();
+    EXPECT_EQ(log.count("cannot watch " + missing + ": No such file or directory"), 1)
+        << log.lines().join('\n').toStdString();
 
     ASSERT_TRUE(QDir().rmdir(doomed));
     EXPECT_TRUE(saw(doomed, Flag::rootChanged));
@@ -306,7 +311,8 @@ TEST_F(SCEventsWatchingTest, IdentifiersGrowAndTheLastEventIsTheLastRecordOfTheL
     ASSERT_TRUE(events.flushEventStreamSync());
     EXPECT_TRUE(listener.saw(c)) << listener.dump().toStdString();
     for (qsizetype i = 1; i < listener.events.size(); ++i)
-        EXPECT_GT(listener.events.at(i).eventId(), listener.events.at(i - 1).eventId()) << listener.dump().toStdString();
+        EXPECT_GT(listener.events.at(i).eventId(), listener.events.at(i - 1).eventId())
+            << listener.dump().toStdString();
     EXPECT_EQ(events.lastEvent().value_or(SCEvent()).eventPath(), b);
 
     // Without a delegate nobody hears of the batch, yet its last event is kept.
@@ -412,6 +418,7 @@ TEST_F(SCEventsWatchingTest, EveryFileWrittenOrMovedInOnceStartAnsweredIsReporte
                  [&](const QString &path) { return !reported.contains(path); });
     EXPECT_EQ(missed.size(), 0) << "of " << expected.size() << " written or moved in after the start, e.g. "
                                 << missed.mid(0, 5).join(' ').toStdString();
-    const auto olderReported = std::count_if(older.begin(), older.end(), [&](const QString &path) { return reported.contains(path); });
+    const auto olderReported =
+        std::count_if(older.begin(), older.end(), [&](const QString &path) { return reported.contains(path); });
     EXPECT_EQ(olderReported, 0) << "of " << older.size() << " files written before the start";
 }

@@ -19,8 +19,7 @@ class WatchedFolder
 public:
     explicit WatchedFolder(const QString &base = QString())
         : _dir((base.isEmpty() ? QDir::tempPath() : base) + "/korvane-events-XXXXXX")
-    {
-    }
+    {}
 
     QString path() const { return _dir.path(); }
     QString filePath(const QString &relative) const { return _dir.filePath(relative); }

@@ -27,11 +27,14 @@ void check(AppcastUpdater &updater)
 
 TEST(AppcastUpdaterTest, VersionsCompareByNumbersThenTextAsAppcastsDo)
 {
-    const QList<std::tuple<QString, QString, int>> cases {
-        {"1.0", "1.0", 0},        {"1.10", "1.9", 1},     {"2", "10", -1},
-        {"1.0.1", "1.0", 1},      {"1.0", "1.0b", 1},     {"1.0b2", "1.0b10", -1},
-        {"1.0a", "1.0b", -1},     {"1.0", "1.0.0", -1},   {"007", "7", 0},
-        {"99999999999999999999", "99999999999999999998", 1}, {"1.2 beta", "1.2", -1}, {"1.2 2", "1.2", 1}, {"", "0", -1},
+    const QList<std::tuple<QString, QString, int>> cases{
+        {"1.0", "1.0", 0},       {"1.10", "1.9", 1},
+        {"2", "10", -1},         {"1.0.1", "1.0", 1},
+        {"1.0", "1.0b", 1},      {"1.0b2", "1.0b10", -1},
+        {"1.0a", "1.0b", -1},    {"1.0", "1.0.0", -1},
+        {"007", "7", 0},         {"99999999999999999999", "99999999999999999998", 1},
+        {"1.2 beta", "1.2", -1}, {"1.2 2", "1.2", 1},
+        {"", "0", -1},
     };
     for (const auto &[a, b, order] : cases) {
         EXPECT_EQ(AppcastUpdater::compareVersions(a, b), order) << a.toStdString() << " vs " << b.toStdString();
@@ -45,7 +48,7 @@ TEST(AppcastUpdaterTest, NewestItemIsTheHighestVersionWhereverTheFeedPutsIt)
                                    "<sparkle:version>6</sparkle:version>"
                                    "<sparkle:shortVersionString>0.6</sparkle:shortVersionString>"
                                    "<enclosure url=\"https://korvane.org/6\"/></item></channel></rss>";
-    const QList<std::tuple<const char *, QByteArray, QString, bool>> cases {
+    const QList<std::tuple<const char *, QByteArray, QString, bool>> cases{
         {"items in any order", FeedServer::appcast({"1.2", "1.10", "1.9b"}), "1.10", false},
         {"versions as elements", elementForm, "6", false},
         {"items without a version", "<rss><channel><item><title>x</title></item></channel></rss>", "", false},
@@ -68,14 +71,14 @@ TEST(AppcastUpdaterTest, NewestItemIsTheHighestVersionWhereverTheFeedPutsIt)
 TEST(AppcastUpdaterTest, DelegateHearsOfAnUpdateOnlyWhenTheFeedOffersAHigherVersion)
 {
     FeedServer server;
-    for (const auto &[offered, found] : {std::pair {"0.2.0", true}, {"0.1.0", false}, {"0.1.0b3", false}}) {
+    for (const auto &[offered, found] : {std::pair{"0.2.0", true}, {"0.1.0", false}, {"0.1.0b3", false}}) {
         SCOPED_TRACE(offered);
         server.body = FeedServer::appcast({"0.0.9", offered});
         RecordingUpdaterDelegate delegate;
         AppcastUpdater updater(server.url(), "0.1.0");
         updater.setDelegate(&delegate);
         check(updater);
-        EXPECT_EQ(delegate.found, found ? QStringList {offered} : QStringList());
+        EXPECT_EQ(delegate.found, found ? QStringList{offered} : QStringList());
         EXPECT_EQ(delegate.notFound, found ? 0 : 1);
     }
 }
@@ -90,7 +93,7 @@ TEST(AppcastUpdaterTest, FailedChecksAreLoggedOncePerRunOfFailuresAndToldToNoDel
     updater.setDelegate(&delegate);
     updater.setTransferTimeout(300);
 
-    const QList<std::pair<std::function<void()>, const char *>> failures {
+    const QList<std::pair<std::function<void()>, const char *>> failures{
         {[&] { server.status = 500; }, "HTTP status 500"},
         {[&] { server.silent = true; }, "no answer within 300 ms"},
         {[&] { server.body = "<html/>"; }, "not an RSS document"},

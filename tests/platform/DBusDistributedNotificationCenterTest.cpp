@@ -13,8 +13,8 @@ namespace {
 
 const QString quitName = "KorvaneVardenShouldQuit", restartName = "KorvaneVardenShouldRestart";
 
-#define REQUIRE_SESSION_BUS()                                                                        \
-    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS"))                                     \
+#define REQUIRE_SESSION_BUS()                                                                                          \
+    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS"))                                                       \
         GTEST_SKIP() << "needs a session bus; ctest runs these under dbus-run-session";
 
 // Collects the objects of the notifications one observer hears.
@@ -33,8 +33,9 @@ struct Heard
 void dbusSend(const QString &name, const QStringList &arguments = {})
 {
     QProcess send;
-    send.start("dbus-send", QStringList {"--session", "--type=signal", "/org/korvane/DistributedNotifications1",
-                                         "org.korvane.DistributedNotifications1." + name} + arguments);
+    send.start("dbus-send", QStringList{"--session", "--type=signal", "/org/korvane/DistributedNotifications1",
+                                        "org.korvane.DistributedNotifications1." + name}
+                                + arguments);
     ASSERT_TRUE(send.waitForFinished(10000)) << send.errorString().toStdString();
     ASSERT_EQ(send.exitCode(), 0) << send.readAllStandardError().toStdString();
 }
@@ -136,7 +137,7 @@ TEST(DBusDistributedNotificationCenterTest, HandlerMayRemoveObserversWhileBeingN
     dbusSend(quitName, {"string:once"});
     dbusSend(quitName, {"string:twice"});
     EXPECT_TRUE(waitForObjects(later, {"once", "twice"}));
-    EXPECT_EQ(calls, QStringList {"first"});
+    EXPECT_EQ(calls, QStringList{"first"});
 }
 
 TEST(DBusDistributedNotificationCenterTest, PostFromAProcessExitingRightAfterArrives)
@@ -144,8 +145,9 @@ TEST(DBusDistributedNotificationCenterTest, PostFromAProcessExitingRightAfterArr
     REQUIRE_SESSION_BUS();
     WireRecorder recorder;
     QDBusConnection bus = QDBusConnection::sessionBus();
-    ASSERT_TRUE(bus.connect(QString(), "/org/korvane/DistributedNotifications1", "org.korvane.DistributedNotifications1",
-                            "KorvaneVardenHasQuit", &recorder, SLOT(record(QDBusMessage))));
+    ASSERT_TRUE(bus.connect(QString(), "/org/korvane/DistributedNotifications1",
+                            "org.korvane.DistributedNotifications1", "KorvaneVardenHasQuit", &recorder,
+                            SLOT(record(QDBusMessage))));
     // A blocking round trip on the same connection puts the match rule in place before the helper posts.
     ASSERT_TRUE(bus.interface()->isServiceRegistered("org.freedesktop.DBus").isValid());
 
@@ -167,7 +169,8 @@ TEST(DBusDistributedNotificationCenterTest, WithoutABusLogsOnceAndDoesNothing)
     const QString name = "no-session-bus";
     LogCapture log;
     {
-        DBusDistributedNotificationCenter center(QDBusConnection::connectToBus(QString("unix:path=/nonexistent/bus"), name));
+        DBusDistributedNotificationCenter center(
+            QDBusConnection::connectToBus(QString("unix:path=/nonexistent/bus"), name));
         QObject observer;
         int heard = 0;
         center.addObserver(&observer, quitName, [&](const QString &) { ++heard; });

@@ -58,7 +58,7 @@ public:
     {
         _listening = centersConnection.connect("org.freedesktop.Notifications", "/org/freedesktop/Notifications",
                                                "org.freedesktop.Notifications", "NotificationClosed", this,
-                                               SLOT(closed(uint,uint)));
+                                               SLOT(closed(uint, uint)));
     }
 
     bool settle(FakeNotificationService &service)
@@ -119,9 +119,9 @@ protected:
     LogCapture log;
     RecordingStatusItem tray;
     QDBusConnection connection = bus.connect();
-    FreedesktopNotificationCenter center {connection};
-    Settler settler {connection};
-    QSignalSpy activated {&center, &UserNotificationCenter::activated};
+    FreedesktopNotificationCenter center{connection};
+    Settler settler{connection};
+    QSignalSpy activated{&center, &UserNotificationCenter::activated};
 };
 
 TEST_F(FreedesktopNotificationCenterTest, ActivatesOnceForAClickOnItsOwnNotificationOnly)
@@ -140,8 +140,8 @@ TEST_F(FreedesktopNotificationCenterTest, ActivatesOnceForAClickOnItsOwnNotifica
     service->invokeAction(lastId(*service));
     service->invokeAction(ours, "snooze");
     // Only the owner of the service name speaks for it.
-    QDBusMessage forged = QDBusMessage::createSignal("/org/freedesktop/Notifications", "org.freedesktop.Notifications",
-                                                     "ActionInvoked");
+    QDBusMessage forged =
+        QDBusMessage::createSignal("/org/freedesktop/Notifications", "org.freedesktop.Notifications", "ActionInvoked");
     forged << ours << QString("default");
     ASSERT_TRUE(impostor.send(forged));
     // A round trip puts the forged signal on the bus before the service's next one.
@@ -194,7 +194,7 @@ TEST_F(FreedesktopNotificationCenterTest, WithoutAServiceUsesTheTrayUntilOneAppe
 {
     center.deliverNotification("Infection found", "first");
     ASSERT_TRUE(waitForCount(inTray(), 1));
-    EXPECT_EQ(tray.messages.first(), (QStringList {"Infection found", "first"}));
+    EXPECT_EQ(tray.messages.first(), (QStringList{"Infection found", "first"}));
     EXPECT_TRUE(center.isServiceMissing());
     EXPECT_TRUE(center.canDeliver());
     center.deliverNotification("Infection found", "second");
@@ -216,7 +216,7 @@ TEST_F(FreedesktopNotificationCenterTest, WithoutAServiceUsesTheTrayUntilOneAppe
     EXPECT_EQ(sent.replacesId, 0u);
     EXPECT_EQ(sent.expireTimeout, -1);
     // Actions come as key and label pairs.
-    EXPECT_EQ(sent.actions, (QStringList {"default", ""}));
+    EXPECT_EQ(sent.actions, (QStringList{"default", ""}));
     EXPECT_EQ(sent.hints.value("sound-name").toString(), "message-new-instant");
     EXPECT_EQ(sent.hints.value("desktop-entry").toString(), "org.korvane.KorvaneVarden");
     EXPECT_EQ(tray.messages.size(), 2);
@@ -235,8 +235,8 @@ TEST_F(FreedesktopNotificationCenterTest, AFailedOrUnansweredNotificationAloneGo
     {
         FakeNotificationService::Answer answer;
         QString title;
-    } cases[] {{FakeNotificationService::Answer::WithError, "refused"},
-               {FakeNotificationService::Answer::Never, "unanswered"}};
+    } cases[]{{FakeNotificationService::Answer::WithError, "refused"},
+              {FakeNotificationService::Answer::Never, "unanswered"}};
     for (const auto &c : cases) {
         service->setAnswer(c.answer);
         center.deliverNotification(c.title, QString());
@@ -249,7 +249,8 @@ TEST_F(FreedesktopNotificationCenterTest, AFailedOrUnansweredNotificationAloneGo
     ASSERT_TRUE(waitForCount(shown(*service), 1));
     EXPECT_EQ(service->notifications().first().summary, "shown");
     EXPECT_EQ(tray.messages.size(), 2);
-    EXPECT_EQ(countStartingWith(log, "the notification service did not show a notification: it goes to the tray icon ("), 2)
+    EXPECT_EQ(
+        countStartingWith(log, "the notification service did not show a notification: it goes to the tray icon ("), 2)
         << log.lines().join('\n').toStdString();
 }
 
@@ -263,7 +264,9 @@ TEST_F(FreedesktopNotificationCenterTest, WithoutASessionBusOnlyTheTrayCanDelive
         EXPECT_FALSE(lost.canDeliver());
         lost.deliverNotification("lost", QString());
         lost.deliverNotification("lost too", QString());
-        EXPECT_EQ(countStartingWith(log, "no notification service and no tray icon: notifications are not shown (no session bus"), 1)
+        EXPECT_EQ(countStartingWith(
+                      log, "no notification service and no tray icon: notifications are not shown (no session bus"),
+                  1)
             << log.lines().join('\n').toStdString();
 
         RecordingStatusItem ownTray;
@@ -271,7 +274,7 @@ TEST_F(FreedesktopNotificationCenterTest, WithoutASessionBusOnlyTheTrayCanDelive
         EXPECT_TRUE(lost.canDeliver());
         lost.deliverNotification("Infection found", "in the tray");
         ASSERT_EQ(ownTray.messages.size(), 1);
-        EXPECT_EQ(ownTray.messages.first(), (QStringList {"Infection found", "in the tray"}));
+        EXPECT_EQ(ownTray.messages.first(), (QStringList{"Infection found", "in the tray"}));
         ownTray.click();
         EXPECT_EQ(lostActivated.count(), 1);
         EXPECT_EQ(countStartingWith(log, trayRoad + "no session bus"), 1);

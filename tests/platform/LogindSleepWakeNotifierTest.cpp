@@ -14,9 +14,9 @@ namespace {
 
 void announceSleep(QDBusConnection &sender, bool sleeping)
 {
-    QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/login1"),
-                                                     QStringLiteral("org.freedesktop.login1.Manager"),
-                                                     QStringLiteral("PrepareForSleep"));
+    QDBusMessage signal =
+        QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/login1"),
+                                   QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"));
     signal << sleeping;
     ASSERT_TRUE(sender.send(signal));
     // A round trip makes sure the signal has reached the bus before the next sender speaks.
@@ -87,7 +87,8 @@ TEST(LogindWithoutSystemBusTest, LogsOnceAndNeverEmits)
     const QString name = QStringLiteral("no-system-bus");
     LogCapture log;
     {
-        LogindSleepWakeNotifier notifier(QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), name));
+        LogindSleepWakeNotifier notifier(
+            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), name));
         QSignalSpy sleeps(&notifier, &SleepWakeNotifier::willSleep);
         QSignalSpy wakes(&notifier, &SleepWakeNotifier::didWake);
         QCoreApplication::processEvents();

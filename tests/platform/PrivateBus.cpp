@@ -25,18 +25,15 @@ PrivateBus::PrivateBus()
 {
     const QString configPath = _dir.filePath(QStringLiteral("system.conf"));
     QFile file(configPath);
-    if (!file.open(QIODevice::WriteOnly)
-        || file.write(QString::fromLatin1(config).arg(_dir.path()).toUtf8()) < 0)
+    if (!file.open(QIODevice::WriteOnly) || file.write(QString::fromLatin1(config).arg(_dir.path()).toUtf8()) < 0)
         return;
     file.close();
     _daemon.setProcessChannelMode(QProcess::SeparateChannels);
-    _daemon.start(QStringLiteral("dbus-daemon"),
-                  {QStringLiteral("--config-file=") + configPath, QStringLiteral("--print-address"),
-                   QStringLiteral("--nofork")});
+    _daemon.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--config-file=") + configPath,
+                                                  QStringLiteral("--print-address"), QStringLiteral("--nofork")});
     if (!_daemon.waitForStarted(10000))
         return;
-    while (!_daemon.canReadLine() && _daemon.waitForReadyRead(10000)) {
-    }
+    while (!_daemon.canReadLine() && _daemon.waitForReadyRead(10000)) {}
     _address = QString::fromUtf8(_daemon.readLine()).trimmed();
 }
 

@@ -45,7 +45,7 @@ public:
     }
 
 private:
-    rlimit _saved {};
+    rlimit _saved{};
     void (*_previousHandler)(int) = std::signal(SIGXFSZ, SIG_IGN);
 };
 
@@ -53,7 +53,7 @@ private:
 
 TEST(PropertyListTest, WhatTheAgentStoresRoundTripsThroughXmlAndBinaryListsAreReadToo)
 {
-    const QVariantMap original {
+    const QVariantMap original{
         {"text", "a & b < c > \"d\" é ✓"},
         {"minus one", qint64(-1)},
         {"real", 0.1},
@@ -61,14 +61,14 @@ TEST(PropertyListTest, WhatTheAgentStoresRoundTripsThroughXmlAndBinaryListsAreRe
         {"no", false},
         {"bytes", QByteArray("\0\1\2\xff", 4)},
         {"date", utc(2024, 2, 29, 23, 59, 58)},
-        {"list", QVariantList {qint64(1), "two", QVariantList {}, QVariantMap {}}},
-        {"nested", QVariantMap {{"deeper", QVariantMap {{"list", QVariantList {"x"}}}}}},
-        {"strings", QStringList {"a", "b"}},
+        {"list", QVariantList{qint64(1), "two", QVariantList{}, QVariantMap{}}},
+        {"nested", QVariantMap{{"deeper", QVariantMap{{"list", QVariantList{"x"}}}}}},
+        {"strings", QStringList{"a", "b"}},
     };
     QString error;
     const QVariant back = PropertyList::fromData(PropertyList::toXml(original, &error), &error);
     QVariantMap expected = original;
-    expected.insert("strings", QVariantList {"a", "b"});
+    expected.insert("strings", QVariantList{"a", "b"});
     EXPECT_EQ(back.toMap(), expected) << error.toStdString();
 
     // Written by libplist itself, the way another program would.
@@ -82,7 +82,7 @@ TEST(PropertyListTest, WhatTheAgentStoresRoundTripsThroughXmlAndBinaryListsAreRe
     ASSERT_NE(bytes, nullptr);
     const QByteArray binary(bytes, length);
     plist_to_bin_free(bytes);
-    EXPECT_EQ(PropertyList::fromData(binary, &error), QVariant(QVariantMap {{"text", "ä"}, {"flag", true}}))
+    EXPECT_EQ(PropertyList::fromData(binary, &error), QVariant(QVariantMap{{"text", "ä"}, {"flag", true}}))
         << error.toStdString();
 }
 
@@ -111,28 +111,28 @@ TEST(PropertyListTest, ReadFileTellsMissingMalformedAndUnreadableApartAndNamesTh
         expectFailure(locked, PropertyList::Status::Unreadable);
 
     const QString good = home.writeFile("good.plist", xmlDocument("<dict><key>a</key><integer>1</integer></dict>"));
-    EXPECT_EQ(PropertyList::readFile(good, &status), QVariant(QVariantMap {{"a", qint64(1)}}));
+    EXPECT_EQ(PropertyList::readFile(good, &status), QVariant(QVariantMap{{"a", qint64(1)}}));
     EXPECT_EQ(status, PropertyList::Status::Ok);
 }
 
 TEST(PropertyListTest, AFailedWriteNamesItsPlaceAndLeavesThePreviousFileWhole)
 {
     QString error;
-    EXPECT_TRUE(PropertyList::toXml(QVariantMap {{"site", QUrl("https://example.org")}}, &error).isEmpty());
+    EXPECT_TRUE(PropertyList::toXml(QVariantMap{{"site", QUrl("https://example.org")}}, &error).isEmpty());
     EXPECT_TRUE(error.contains("QUrl") && error.contains("/site")) << error.toStdString();
 
     TemporaryHome home;
     const QString path = home.configHome() + "/prefs.plist";
-    const QVariantMap previous {{"version", qint64(1)}};
+    const QVariantMap previous{{"version", qint64(1)}};
     ASSERT_TRUE(PropertyList::writeXmlFile(path, previous));
     const QByteArray previousBytes = TemporaryHome::readFile(path);
     // A value a plist cannot hold is refused before anything is written.
-    EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap {{"bad", QUrl("x:y")}}, &error));
+    EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap{{"bad", QUrl("x:y")}}, &error));
     EXPECT_TRUE(error.contains(path)) << error.toStdString();
     EXPECT_EQ(TemporaryHome::readFile(path), previousBytes);
 
     // Larger than the limit, so the temporary copy is cut off part-way, as on a full disk.
-    const QVariantMap next {{"version", qint64(2)}, {"padding", QByteArray(64 * 1024, 'x')}};
+    const QVariantMap next{{"version", qint64(2)}, {"padding", QByteArray(64 * 1024, 'x')}};
     bool written = true;
     {
         const FileSizeLimit limit(8 * 1024);
@@ -141,7 +141,7 @@ TEST(PropertyListTest, AFailedWriteNamesItsPlaceAndLeavesThePreviousFileWhole)
     EXPECT_FALSE(written);
     EXPECT_TRUE(error.contains(path)) << error.toStdString();
     EXPECT_EQ(TemporaryHome::readFile(path), previousBytes);
-    EXPECT_EQ(QDir(home.configHome()).entryList(QDir::Files | QDir::Hidden), QStringList {"prefs.plist"});
+    EXPECT_EQ(QDir(home.configHome()).entryList(QDir::Files | QDir::Hidden), QStringList{"prefs.plist"});
 
     ASSERT_TRUE(PropertyList::writeXmlFile(path, next, &error)) << error.toStdString();
     EXPECT_EQ(PropertyList::readFile(path), QVariant(next));

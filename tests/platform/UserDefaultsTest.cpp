@@ -56,8 +56,8 @@ TEST(UserDefaultsTest, OwnDomainWinsOverSuitesWhichWinOverRegistration)
     defaults.addSuiteNamed(companion);
     defaults.addSuiteNamed(own);
 
-    for (const auto &[key, value] : {std::pair {"a", "own"}, {"b", "companion"}, {"c", "registered"},
-                                     {"e", "companion"}, {"f", "later"}})
+    for (const auto &[key, value] :
+         {std::pair{"a", "own"}, {"b", "companion"}, {"c", "registered"}, {"e", "companion"}, {"f", "later"}})
         EXPECT_EQ(defaults.objectForKey(key), QVariant(value)) << key;
     EXPECT_FALSE(defaults.objectForKey("absent").isValid());
 
@@ -75,7 +75,7 @@ TEST(UserDefaultsTest, SynchronizeWritesTheOwnDomainForAnotherStoreToReadButNoVa
 
     UserDefaults writer(own);
     writer.setObjectForKey(qint64(42), "count");
-    writer.setObjectForKey(QVariantMap {{"when", when}}, "nested");
+    writer.setObjectForKey(QVariantMap{{"when", when}}, "nested");
     // Refused at once, not at the write.
     writer.setObjectForKey(QUrl("https://example.org"), "site");
     EXPECT_FALSE(writer.objectForKey("site").isValid());
@@ -89,7 +89,7 @@ TEST(UserDefaultsTest, SynchronizeWritesTheOwnDomainForAnotherStoreToReadButNoVa
     writer.removeObjectForKey("count");
     ASSERT_TRUE(writer.synchronize());
     EXPECT_FALSE(reader.objectForKey("count").isValid());
-    EXPECT_EQ(reader.persistentDomainForName(own).keys(), QStringList {"nested"});
+    EXPECT_EQ(reader.persistentDomainForName(own).keys(), QStringList{"nested"});
 }
 
 TEST(UserDefaultsTest, FileChangedOnDiskIsSeenAtTheNextRead)
@@ -116,8 +116,9 @@ TEST(UserDefaultsTest, FileChangedOnDiskIsSeenAtTheNextRead)
 TEST(UserDefaultsTest, SynchronizeWritesOnlyRealChangesAndMergesThemOverAnotherProgramsEdits)
 {
     TemporaryHome home;
-    const QByteArray handWritten = "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>a</key><string>hand</string>"
-                                   "<key>untouched</key><integer>1</integer><key>doomed</key><true/></dict></plist>\n";
+    const QByteArray handWritten =
+        "<?xml version=\"1.0\"?>\n<plist version=\"1.0\"><dict><key>a</key><string>hand</string>"
+        "<key>untouched</key><integer>1</integer><key>doomed</key><true/></dict></plist>\n";
     const QString path = home.writeFile(".config/" + own + ".plist", handWritten);
     UserDefaults defaults(own);
     EXPECT_TRUE(defaults.synchronize());
@@ -127,9 +128,11 @@ TEST(UserDefaultsTest, SynchronizeWritesOnlyRealChangesAndMergesThemOverAnotherP
 
     defaults.setObjectForKey("ours", "mine");
     defaults.removeObjectForKey("doomed");
-    writeDomain(own, {{"a", "hand"}, {"untouched", qint64(2)}, {"doomed", true}, {"mine", "theirs"}, {"added", "theirs"}});
+    writeDomain(own,
+                {{"a", "hand"}, {"untouched", qint64(2)}, {"doomed", true}, {"mine", "theirs"}, {"added", "theirs"}});
     ASSERT_TRUE(defaults.synchronize());
-    EXPECT_EQ(readDomain(own), QVariantMap({{"a", "hand"}, {"untouched", qint64(2)}, {"mine", "ours"}, {"added", "theirs"}}));
+    EXPECT_EQ(readDomain(own),
+              QVariantMap({{"a", "hand"}, {"untouched", qint64(2)}, {"mine", "ours"}, {"added", "theirs"}}));
 }
 
 TEST(UserDefaultsTest, MalformedDomainFileIsLoggedOnceAndNeverOverwritten)
@@ -146,7 +149,8 @@ TEST(UserDefaultsTest, MalformedDomainFileIsLoggedOnceAndNeverOverwritten)
     EXPECT_EQ(defaults.objectForKey("key"), QVariant("registered"));
     EXPECT_TRUE(defaults.persistentDomainForName(own).isEmpty());
     ASSERT_EQ(log.lines().size(), 1) << log.lines().join('\n').toStdString();
-    EXPECT_TRUE(log.lines().first().startsWith("could not read preferences " + path)) << log.lines().first().toStdString();
+    EXPECT_TRUE(log.lines().first().startsWith("could not read preferences " + path))
+        << log.lines().first().toStdString();
 
     defaults.setObjectForKey("mine", "key");
     EXPECT_FALSE(defaults.synchronize());

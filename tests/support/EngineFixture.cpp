@@ -34,7 +34,8 @@ bool writeFile(const QString &path, const QByteArray &contents, QFileDevice::Per
 }
 
 constexpr auto executable = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-    | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther;
+                            | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther
+                            | QFileDevice::ExeOther;
 
 // The daemon is not our child, so it is gone once it no longer exists or has
 // become a zombie that nobody reaps.
@@ -65,7 +66,7 @@ EngineFixture::EngineFixture(Layout layout)
     // Laid out by root, the prefix is shared and its daemon runs as the
     // engine account, which must be able to reach it.
     QFile::setPermissions(_dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                              | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+                                           | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
     if (socketPath().toUtf8().size() > maxSocketPathLength) {
         _error = QStringLiteral("socket path too long: ") + socketPath();
         return;
@@ -132,7 +133,7 @@ bool EngineFixture::runInstallScript()
     install.start(installScriptPath(), {enginePath()});
     if (!install.waitForFinished(300000) || install.exitStatus() != QProcess::NormalExit || install.exitCode() != 0) {
         _error = QStringLiteral("install-engine failed: ") + install.errorString() + QLatin1Char('\n')
-            + QString::fromLocal8Bit(install.readAll());
+                 + QString::fromLocal8Bit(install.readAll());
         return false;
     }
     return true;
@@ -147,19 +148,26 @@ bool EngineFixture::writeHandMadePrefix()
     QDir().mkpath(prefix + QStringLiteral("/run"));
 
     const QByteArray signatures = eicarSignatureName().toLatin1() + ":0:*:" + eicarContents().toHex() + '\n'
-        + markerSignatureName().toLatin1() + ":0:*:" + markerContents().toHex() + '\n';
-    const QByteArray clamdConf = "LocalSocket " + socketPath().toUtf8() + "\n"
-        "PidFile " + pidFilePath().toUtf8() + "\n"
-        "DatabaseDirectory " + db.toUtf8() + "\n"
-        "TemporaryDirectory " + QDir::tempPath().toUtf8() + "\n"
-        "FixStaleSocket yes\n"
-        "Foreground no\n"
-        "LogSyslog no\n";
+                                  + markerSignatureName().toLatin1() + ":0:*:" + markerContents().toHex() + '\n';
+    const QByteArray clamdConf = "LocalSocket " + socketPath().toUtf8()
+                                 + "\n"
+                                   "PidFile "
+                                 + pidFilePath().toUtf8()
+                                 + "\n"
+                                   "DatabaseDirectory "
+                                 + db.toUtf8()
+                                 + "\n"
+                                   "TemporaryDirectory "
+                                 + QDir::tempPath().toUtf8()
+                                 + "\n"
+                                   "FixStaleSocket yes\n"
+                                   "Foreground no\n"
+                                   "LogSyslog no\n";
     const auto wrapper = [](const QString &program, const QString &fixedArgument) {
         return QStringLiteral("#!/bin/sh\nexec %1 %2 \"$@\"\n").arg(program, shellQuoted(fixedArgument)).toUtf8();
     };
-    const bool written = writeFile(db + QStringLiteral("/korvane.ndb"), signatures)
-        && writeFile(conf, clamdConf)
+    const bool written =
+        writeFile(db + QStringLiteral("/korvane.ndb"), signatures) && writeFile(conf, clamdConf)
         && writeFile(prefix + QStringLiteral("/bin/clamscan"),
                      wrapper(QStringLiteral("/usr/bin/clamscan"), QStringLiteral("--database=") + db), executable)
         && writeFile(prefix + QStringLiteral("/bin/clamdscan"),
@@ -181,7 +189,8 @@ bool EngineFixture::startDaemon()
     launcher.setProcessChannelMode(QProcess::MergedChannels);
     launcher.start(enginePath() + QStringLiteral("/sbin/clamd"), {});
     const bool ended = launcher.waitForFinished(300000);
-    const bool ready = ended
+    const bool ready =
+        ended
         && (launcher.exitStatus() == QProcess::NormalExit ? launcher.exitCode() == 0 : launcher.exitCode() == SIGINT);
 
     // Whatever the launcher said, a daemon that got as far as its pid file is
@@ -198,7 +207,7 @@ bool EngineFixture::startDaemon()
 
     if (!ready) {
         _error = QStringLiteral("clamd did not start: ") + launcher.errorString() + QLatin1Char('\n')
-            + QString::fromLocal8Bit(launcher.readAll());
+                 + QString::fromLocal8Bit(launcher.readAll());
         return false;
     }
     if (_daemonPid <= 0) {

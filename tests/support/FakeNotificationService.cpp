@@ -73,8 +73,8 @@ uint FakeNotificationService::Notify(const QString &appName, uint replacesId, co
         break;
     }
     const uint id = replacesId != 0 ? replacesId : ++_lastId;
-    _notifications.append({id, message().service(), appName, replacesId, appIcon, summary, body, actions, hints,
-                           expireTimeout});
+    _notifications.append(
+        {id, message().service(), appName, replacesId, appIcon, summary, body, actions, hints, expireTimeout});
     return id;
 }
 

@@ -32,8 +32,7 @@ public:
         int expireTimeout = 0;
     };
 
-    enum class Answer
-    {
+    enum class Answer {
         WithId,
         WithError,
         Never,

@@ -34,5 +34,5 @@ void MountedTmpfs::fill() const
 {
     QFile filler(_dir.filePath(QStringLiteral("filler")));
     if (filler.open(QIODevice::WriteOnly))
-        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) { }
+        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) {}
 }

@@ -32,10 +32,22 @@ TemporaryHome::~TemporaryHome()
     }
 }
 
-QString TemporaryHome::path() const { return _dir.path(); }
-QString TemporaryHome::configHome() const { return _dir.path() + "/.config"; }
-QString TemporaryHome::stateHome() const { return _dir.path() + "/.local/state"; }
-QString TemporaryHome::filePath(const QString &relative) const { return _dir.path() + "/" + relative; }
+QString TemporaryHome::path() const
+{
+    return _dir.path();
+}
+QString TemporaryHome::configHome() const
+{
+    return _dir.path() + "/.config";
+}
+QString TemporaryHome::stateHome() const
+{
+    return _dir.path() + "/.local/state";
+}
+QString TemporaryHome::filePath(const QString &relative) const
+{
+    return _dir.path() + "/" + relative;
+}
 
 QString TemporaryHome::writeFile(const QString &relative, const QByteArray &contents) const
 {

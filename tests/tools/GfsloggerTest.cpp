@@ -79,10 +79,13 @@ protected:
     bool waitUntilWatching()
     {
         const QString probe = watched + "/probe";
-        return QTest::qWaitFor([&] {
-            writeFile(probe, 0644);
-            return waitFor(probe) || process.state() == QProcess::NotRunning;
-        }, 10000) && lines().contains(probe);
+        return QTest::qWaitFor(
+                   [&] {
+                       writeFile(probe, 0644);
+                       return waitFor(probe) || process.state() == QProcess::NotRunning;
+                   },
+                   10000)
+               && lines().contains(probe);
     }
 
     TemporaryHome home;
@@ -108,7 +111,7 @@ TEST_F(GfsloggerTest, PrintsOneAbsolutePathALineForFilesWrittenInTheWatchedFolde
     ASSERT_TRUE(waitFor(watched + "/last"));
     QStringList seen = lines();
     seen.removeAll(watched + "/probe");
-    EXPECT_EQ(seen, (QStringList {watched + "/deep/er/name with spaces", sibling + "/by the text", watched + "/last"}));
+    EXPECT_EQ(seen, (QStringList{watched + "/deep/er/name with spaces", sibling + "/by the text", watched + "/last"}));
 }
 
 TEST_F(GfsloggerTest, AnotherUserHearsOnlyOfFilesItMayReadUnderTheReportedName)
@@ -120,7 +123,7 @@ TEST_F(GfsloggerTest, AnotherUserHearsOnlyOfFilesItMayReadUnderTheReportedName)
     start({watched}, nobody);
     ASSERT_TRUE(waitUntilWatching()) << process.readAllStandardError().toStdString();
 
-    const QList<std::tuple<QString, mode_t, bool>> files {
+    const QList<std::tuple<QString, mode_t, bool>> files{
         {watched + "/readable", 0644, true},
         {watched + "/private", 0600, false},
         {watched + "/group only", 0640, false},
@@ -137,8 +140,8 @@ TEST_F(GfsloggerTest, AnotherUserHearsOnlyOfFilesItMayReadUnderTheReportedName)
 TEST_F(GfsloggerTest, WithoutTheRightsOrFoldersItSaysWhyAndEnds)
 {
     ::chmod(QFile::encodeName(logger).constData(), 0755);
-    for (const auto &[folders, complaint] : {std::pair {QStringList {watched}, "CAP_SYS_ADMIN"},
-                                             {QStringList {"relative/path"}, "usage"}}) {
+    for (const auto &[folders, complaint] :
+         {std::pair{QStringList{watched}, "CAP_SYS_ADMIN"}, {QStringList{"relative/path"}, "usage"}}) {
         SCOPED_TRACE(complaint);
         QProcess run;
         run.setChildProcessModifier([] {

@@ -18,7 +18,8 @@ protected:
     {
         agent = home.writeFile(
             QStringLiteral("agent.sh"),
-            QStringLiteral("#!/bin/sh\nset -- $(cut -d' ' -f6 /proc/$$/stat)\necho \"$$ $1\" > '%1.part'\nmv '%1.part' '%1'\n")
+            QStringLiteral(
+                "#!/bin/sh\nset -- $(cut -d' ' -f6 /proc/$$/stat)\necho \"$$ $1\" > '%1.part'\nmv '%1.part' '%1'\n")
                 .arg(marker)
                 .toUtf8());
         QFile::setPermissions(agent, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -81,9 +82,9 @@ TEST_F(RelaunchTest, StartsTheAgentAsASessionLeaderOnlyOnceTheOldProcessIsGone)
 TEST_F(RelaunchTest, RejectsWrongArgumentsAndAgentsThatCannotRun)
 {
     const QString pid = QString::number(QCoreApplication::applicationPid());
-    for (const QStringList &arguments : {QStringList{}, QStringList{agent}, QStringList{agent, pid, pid},
-                                         QStringList{agent, QStringLiteral("12x")}, QStringList{agent, QStringLiteral("0")},
-                                         QStringList{agent, QStringLiteral("-5")}}) {
+    for (const QStringList &arguments :
+         {QStringList{}, QStringList{agent}, QStringList{agent, pid, pid}, QStringList{agent, QStringLiteral("12x")},
+          QStringList{agent, QStringLiteral("0")}, QStringList{agent, QStringLiteral("-5")}}) {
         const auto [exitCode, errors] = run(arguments);
         EXPECT_EQ(exitCode, 2) << arguments.join(' ').toStdString();
         EXPECT_TRUE(errors.contains(QStringLiteral("usage:"))) << errors.toStdString();

@@ -46,7 +46,8 @@ TEST_F(AttachedWindowTest, EachSidePlacesTheWindowBesideThePointWithRoomForTheAr
 {
     // Frames in screen coordinates (y grows downward) around the point
     // (400, 300) at distance 6.
-    struct Case {
+    struct Case
+    {
         Side side;
         QRect frame;
         QPoint viewOrigin;
@@ -81,8 +82,8 @@ TEST_F(AttachedWindowTest, EachSidePlacesTheWindowBesideThePointWithRoomForTheAr
             // pixels); without an arrow the edge stays the arrow's height back.
             qreal nearest = 1e9;
             for (QPointF vertex : vertices(window->backgroundPath()))
-                nearest = std::min(nearest, std::hypot(vertex.x() + c.frame.x() - point.x(),
-                                                       vertex.y() + c.frame.y() - point.y()));
+                nearest = std::min(
+                    nearest, std::hypot(vertex.x() + c.frame.x() - point.x(), vertex.y() + c.frame.y() - point.y()));
             if (arrow) {
                 EXPECT_GE(nearest, 6);
                 EXPECT_LT(nearest, 7.5);
@@ -98,7 +99,8 @@ TEST_F(AttachedWindowTest, AutomaticSideTakesRoomBelowFirstThenRightAndKeepsBesi
     const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
     const int bottom = screen.y() + screen.height();
     const int right = screen.x() + screen.width();
-    struct Case {
+    struct Case
+    {
         const char *name;
         QRect parent; // empty: no parent window, the point is global
         QPoint point;
@@ -113,7 +115,9 @@ TEST_F(AttachedWindowTest, AutomaticSideTakesRoomBelowFirstThenRightAndKeepsBesi
         {"below, near the parent's right edge", {300, 100, 400, 300}, {380, 50}, Side::BelowExtendingLeft},
         {"near the screen's bottom", {}, {screen.x() + 100, bottom - 20}, Side::RightExtendingUp},
         {"near the bottom of the screen and of the parent", {300, bottom - 200, 400, 200}, {20, 160}, Side::Right},
-        {"near the top of a parent at the screen's bottom", {300, bottom - 70, 400, 70}, {20, 5},
+        {"near the top of a parent at the screen's bottom",
+         {300, bottom - 70, 400, 70},
+         {20, 5},
          Side::RightExtendingDown},
         {"in the screen's bottom right corner", {}, {right - 20, bottom - 20}, Side::LeftExtendingUp},
     };
@@ -128,7 +132,8 @@ TEST_F(AttachedWindowTest, AutomaticSideTakesRoomBelowFirstThenRightAndKeepsBesi
 
 TEST_F(AttachedWindowTest, SettersKeepTheBorderMarginRadiusAndArrowWithinTheShape)
 {
-    struct Case {
+    struct Case
+    {
         const char *name;
         std::function<void(QXAttachedWindow &)> change;
         qreal border, margin, radius, arrowBase;

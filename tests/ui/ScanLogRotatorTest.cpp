@@ -59,7 +59,7 @@ protected:
     const QXUtils *utils()
     {
         if (!_utils)
-            _utils = std::make_unique<QXUtils>(&delegate, QList<QXUtils::EngineCandidate> {});
+            _utils = std::make_unique<QXUtils>(&delegate, QList<QXUtils::EngineCandidate>{});
         return _utils.get();
     }
     QString writeLog(const QByteArray &contents)
@@ -70,7 +70,10 @@ protected:
     {
         return QDir(home.stateHome() + "/korvane").entryList({"KorvaneVarden-scan.log.*"}, QDir::Files, QDir::Name);
     }
-    QStringList leftInTemp() const { return QDir(temp).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden); }
+    QStringList leftInTemp() const
+    {
+        return QDir(temp).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    }
     static QByteArray decompressed(const QString &archive)
     {
         QProcess bunzip2;
@@ -88,8 +91,8 @@ protected:
 
 TEST_F(ScanLogRotatorTest, SizeLimitIsThePreferredSizeOnlyWhenItIsAPositiveNumber)
 {
-    const QList<QPair<QVariant, qint64>> cases {{QVariant(), 5120}, {"1024", 5120}, {0, 5120}, {-5, 5120},
-                                                {0.5, 5120}, {1024, 1024}, {2048.9, 2048}};
+    const QList<QPair<QVariant, qint64>> cases{{QVariant(), 5120}, {"1024", 5120}, {0, 5120},     {-5, 5120},
+                                               {0.5, 5120},        {1024, 1024},   {2048.9, 2048}};
     for (const auto &[preference, size] : cases) {
         if (preference.isValid())
             setLimit(preference);
@@ -101,13 +104,15 @@ TEST_F(ScanLogRotatorTest, SizeLimitIsThePreferredSizeOnlyWhenItIsAPositiveNumbe
 // newsyslog does not run here: a script in its place records what it is given.
 TEST_F(ScanLogRotatorTest, NewsyslogIsHandedItsOneEntryFileWhichIsGoneAfterwards)
 {
-    const QString tool = home.writeFile("bin/newsyslog", "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\ncat \"$3\" > \"$0.conf\"\n");
+    const QString tool =
+        home.writeFile("bin/newsyslog", "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\ncat \"$3\" > \"$0.conf\"\n");
     QFile::setPermissions(tool, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     ScanLogRotator(utils(), LogRotationTool(LogRotationTool::Kind::Newsyslog, tool)).rotateLogFile();
 
     EXPECT_EQ(TemporaryHome::readFile(tool + ".args"), ("-Cr\n-f\n" + temp + "/scanlogrotate.conf\n").toUtf8());
     EXPECT_EQ(QString::fromUtf8(TemporaryHome::readFile(tool + ".conf")),
-              header + ScanLogRotator::logPath() + QStringLiteral("\t%1:%2\t640\t3\t5120\t*\tCJN").arg(getuid()).arg(getgid()));
+              header + ScanLogRotator::logPath()
+                  + QStringLiteral("\t%1:%2\t640\t3\t5120\t*\tCJN").arg(getuid()).arg(getgid()));
     EXPECT_EQ(leftInTemp(), QStringList());
 }
 
@@ -119,7 +124,7 @@ TEST_F(ScanLogRotatorTest, LargeLogBecomesABzip2ArchiveOfWhichTheThreeNewestRema
     const QString log = writeLog(megabyteLog(1));
     rotator.rotateLogFile();
 
-    ASSERT_EQ(archives(), QStringList {"KorvaneVarden-scan.log.1.bz2"});
+    ASSERT_EQ(archives(), QStringList{"KorvaneVarden-scan.log.1.bz2"});
     EXPECT_TRUE(decompressed(log + ".1.bz2") == megabyteLog(1));
     EXPECT_EQ(statOf(log + ".1.bz2").st_mode & 07777, 0640u);
     const struct stat fresh = statOf(log);
@@ -134,8 +139,8 @@ TEST_F(ScanLogRotatorTest, LargeLogBecomesABzip2ArchiveOfWhichTheThreeNewestRema
         writeLog(megabyteLog(round));
         rotator.rotateLogFile();
     }
-    EXPECT_EQ(archives(), (QStringList {"KorvaneVarden-scan.log.1.bz2", "KorvaneVarden-scan.log.2.bz2",
-                                        "KorvaneVarden-scan.log.3.bz2"}));
+    EXPECT_EQ(archives(), (QStringList{"KorvaneVarden-scan.log.1.bz2", "KorvaneVarden-scan.log.2.bz2",
+                                       "KorvaneVarden-scan.log.3.bz2"}));
     EXPECT_TRUE(decompressed(log + ".1.bz2") == megabyteLog(5));
     EXPECT_TRUE(decompressed(log + ".3.bz2") == megabyteLog(3));
 }
@@ -160,8 +165,8 @@ TEST_F(ScanLogRotatorTest, MissingLogIsCreatedEmptyAndOneBelowTheLimitIsLeftAlon
 TEST_F(ScanLogRotatorTest, MissingOrFailingToolLeavesTheLogAsItWasAndIsLoggedOnce)
 {
     setLimit(1024);
-    for (const auto &[program, complaint] : {std::pair {"/nonexistent/logrotate", "is not installed"},
-                                             {"/bin/false", "exited with status 1"}}) {
+    for (const auto &[program, complaint] :
+         {std::pair{"/nonexistent/logrotate", "is not installed"}, {"/bin/false", "exited with status 1"}}) {
         SCOPED_TRACE(program);
         LogCapture systemLog;
         const QString log = writeLog(megabyteLog(1));

@@ -106,7 +106,8 @@ int main(int argc, char **argv)
     }
     int marked = 0;
     for (const std::string &folder : folders) {
-        if (fanotify_mark(notifications, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_CLOSE_WRITE, AT_FDCWD, folder.c_str()) == 0)
+        if (fanotify_mark(notifications, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_CLOSE_WRITE, AT_FDCWD, folder.c_str())
+            == 0)
             ++marked;
         else
             complain("cannot watch the file system of " + folder + ": " + std::strerror(errno));

@@ -32,8 +32,7 @@ void waitForExit(pid_t pid)
     const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (pidfd >= 0) {
         pollfd watched{pidfd, POLLIN, 0};
-        while (poll(&watched, 1, -1) < 0 && errno == EINTR) {
-        }
+        while (poll(&watched, 1, -1) < 0 && errno == EINTR) {}
         close(pidfd);
         return;
     }
@@ -71,8 +70,7 @@ int startDetached(const char *path)
     close(report[1]);
     int error = 0;
     ssize_t got;
-    while ((got = read(report[0], &error, sizeof error)) < 0 && errno == EINTR) {
-    }
+    while ((got = read(report[0], &error, sizeof error)) < 0 && errno == EINTR) {}
     close(report[0]);
     return got == sizeof error ? error : 0;
 }
@@ -87,7 +85,8 @@ int main(int argc, char **argv)
         return 2;
     }
     const char *agent = argv[1];
-    struct stat info{};
+    struct stat info
+    {};
     if (stat(agent, &info) != 0 || !S_ISREG(info.st_mode) || access(agent, X_OK) != 0) {
         std::fprintf(stderr, "relaunch: %s is not an executable file\n", agent);
         return 1;
