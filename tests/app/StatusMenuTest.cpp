@@ -109,10 +109,10 @@ protected:
 };
 
 // "KEY=action" per item, "-" per separator.
-QStringList items(const char *spec)
+QStringList items(const char *layout)
 {
     QStringList items;
-    for (const QString &token : QString::fromLatin1(spec).split(' ', Qt::SkipEmptyParts))
+    for (const QString &token : QString::fromLatin1(layout).split(' ', Qt::SkipEmptyParts))
         items << (token == "-" ? token : Localization::text(token.section('=', 0, 0)) + '=' + token.section('=', 1));
     return items;
 }
