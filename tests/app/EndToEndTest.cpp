@@ -1,12 +1,8 @@
-#include "AgentFixture.h"
+#include "RealEngineAgentFixture.h"
 
-#include "app/Dispatcher.h"
-#include "events/SCEvents.h"
 #include "platform/PropertyList.h"
-#include "tests/support/EngineFixture.h"
 #include "tests/support/FakeNotificationService.h"
 #include "ui/InfectedItemsWindow.h"
-#include "ui/QXTInfectedViewArrayController.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,7 +13,7 @@ namespace {
 // The whole agent against the real daemon, real folder events and a
 // notification server on the test's own session bus: a watched folder in a
 // temporary home, files written into it, rows in the list.
-class EndToEndTest : public AgentFixture
+class EndToEndTest : public RealEngineAgentFixture
 {
 protected:
     void SetUp() override
@@ -27,20 +23,7 @@ protected:
         notifications = std::make_unique<FakeNotificationService>(
             QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("notification-service")));
         ASSERT_TRUE(notifications->isRegistered());
-        ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
-        QDir().mkpath(home.filePath("Watched"));
-        watch({folder(QStringLiteral("~/Watched"))});
-        AgentFixture::SetUp();
-        agent->applicationDidFinishLaunching();
-        // Launch finds the running daemon and starts watching.
-        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
-        agent->events()->flushEventStreamSync();
-    }
-
-    QList<QXUtils::EngineCandidate> engines() override
-    {
-        const QString prefix = EngineFixture::shared().enginePath();
-        return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+        launchWatching();
     }
 
     void TearDown() override
@@ -48,35 +31,6 @@ protected:
         AgentFixture::TearDown();
         notifications.reset();
         QDBusConnection::disconnectFromBus(QStringLiteral("notification-service"));
-    }
-
-    QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
-    {
-        return home.writeFile("Watched/" + name.toUtf8(), contents);
-    }
-
-    QStringList listedPaths() const
-    {
-        QStringList paths;
-        for (const InfectedItem &item : agent->infectedList()->arrangedObjects())
-            paths << item.value(QStringLiteral("filePath")).toString();
-        return paths;
-    }
-
-    bool waitUntilListed(const QString &path)
-    {
-        return QTest::qWaitFor([&] { return listedPaths().contains(path); }, 30000);
-    }
-
-    // Nothing waiting, ready or being scanned.
-    bool waitUntilIdle()
-    {
-        return QTest::qWaitFor(
-            [&] {
-                return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
-                       && !agent->utils()->scanning();
-            },
-            30000);
     }
 
     std::unique_ptr<FakeNotificationService> notifications;

@@ -1,10 +1,6 @@
-#include "AgentFixture.h"
+#include "RealEngineAgentFixture.h"
 
-#include "app/Dispatcher.h"
-#include "events/SCEvents.h"
 #include "platform/InotifyWatcher.h"
-#include "tests/support/EngineFixture.h"
-#include "ui/QXTInfectedViewArrayController.h"
 
 #include <QDir>
 #include <QFile>
@@ -15,7 +11,7 @@ namespace {
 
 // The whole agent against the real daemon and real folder events, for the
 // ways a file written into a watched folder could escape the scanner.
-class WatcherEndToEndTest : public AgentFixture
+class WatcherEndToEndTest : public RealEngineAgentFixture
 {
 protected:
     void SetUp() override
@@ -25,61 +21,14 @@ protected:
             watcher = made;
             return made;
         });
-        ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
-        QDir().mkpath(home.filePath("Watched"));
         // The second folder is not there at the start.
-        watch({folder(QStringLiteral("~/Watched")), folder(QStringLiteral("~/Later/Inbox"))});
-        AgentFixture::SetUp();
-        agent->applicationDidFinishLaunching();
-        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
-        agent->events()->flushEventStreamSync();
-    }
-
-    QList<QXUtils::EngineCandidate> engines() override
-    {
-        const QString prefix = EngineFixture::shared().enginePath();
-        return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
+        launchWatching({folder(QStringLiteral("~/Later/Inbox"))});
     }
 
     void TearDown() override
     {
         AgentFixture::TearDown();
         FileSystemWatcher::setFactory({});
-    }
-
-    QString write(const QString &name, const QByteArray &contents = EngineFixture::eicarContents())
-    {
-        return home.writeFile("Watched/" + name.toUtf8(), contents);
-    }
-
-    QStringList listedPaths() const
-    {
-        QStringList paths;
-        for (const InfectedItem &item : agent->infectedList()->arrangedObjects())
-            paths << item.value(QStringLiteral("filePath")).toString();
-        return paths;
-    }
-
-    bool waitUntilListed(const QStringList &paths)
-    {
-        return QTest::qWaitFor(
-            [&] {
-                const QStringList listed = listedPaths();
-                return std::all_of(paths.begin(), paths.end(),
-                                   [&](const QString &path) { return listed.contains(path); });
-            },
-            30000);
-    }
-
-    // Nothing waiting, ready or being scanned.
-    bool waitUntilIdle()
-    {
-        return QTest::qWaitFor(
-            [&] {
-                return agent->dispatcher()->waitingList().isEmpty() && agent->dispatcher()->readyList().isEmpty()
-                       && !agent->utils()->scanning();
-            },
-            30000);
     }
 
     // The agent's current watcher.
