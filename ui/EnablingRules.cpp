@@ -151,11 +151,10 @@ bool EnablingRules::anySelectedUntouched() const
 
 bool EnablingRules::anySelectedOutsideTrash() const
 {
-    const QList<InfectedItem> items = selectedObjects();
-    QXUtils *utils = _delegate->utils();
-    return std::any_of(items.begin(), items.end(), [utils](const InfectedItem &item) {
-        return !utils->isFileInTrash(item.value(QStringLiteral("filePath")).toString());
-    });
+    QStringList paths;
+    for (const InfectedItem &item : selectedObjects())
+        paths << item.value(QStringLiteral("filePath")).toString();
+    return _delegate->utils()->anyOutsideTrash(paths);
 }
 
 bool EnablingRules::anySelectedCanGoBack() const

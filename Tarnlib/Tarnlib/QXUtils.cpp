@@ -489,9 +489,17 @@ bool QXUtils::isPathInsideFolder(const QString &path, const QString &folder)
 
 bool QXUtils::isFileInTrash(const QString &path) const
 {
+    return !anyOutsideTrash({path});
+}
+
+// The Trash folders are read from the mount table once for all the paths.
+bool QXUtils::anyOutsideTrash(const QStringList &paths) const
+{
     const QStringList folders = Trash::sharedTrash()->trashFolders();
-    return std::any_of(folders.begin(), folders.end(),
-                       [&](const QString &folder) { return isPathInsideFolder(path, folder); });
+    return std::any_of(paths.begin(), paths.end(), [&](const QString &path) {
+        return std::none_of(folders.begin(), folders.end(),
+                            [&](const QString &folder) { return isPathInsideFolder(path, folder); });
+    });
 }
 
 QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch) const

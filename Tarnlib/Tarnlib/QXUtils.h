@@ -73,6 +73,8 @@ public:
     bool checkIfPathLooksLikeEmail(const QString &path) const;
     // Whether a path lies in one of the current user's Trash folders.
     bool isFileInTrash(const QString &path) const;
+    // Whether at least one of the paths lies outside every Trash folder.
+    bool anyOutsideTrash(const QStringList &paths) const;
     // The batch less what this scan leaves out, logging how much: paths
     // that satisfy one of the counterExcludes, and paths in the quarantine
     // folder or the Trash, which the user put there after a scan found them.
