@@ -202,7 +202,8 @@ TEST_F(QXFSEventStreamWatcherTest, LinesInAWatchedFolderReachTheDelegateOnceWhol
 
     watcher.stopWatching();
     EXPECT_TRUE(log.contains("attempting to terminate gfslogger"));
-    EXPECT_TRUE(ended.wait(10000));
+    // The logger may end before the wait begins, so the count is what is waited on.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !ended.isEmpty(); }, 10000));
 }
 
 TEST_F(QXFSEventStreamWatcherTest, RealLoggerHandsOnFilesWrittenInTheWatchedFolderAndStopsWhenAsked)
@@ -232,7 +233,8 @@ TEST_F(QXFSEventStreamWatcherTest, RealLoggerHandsOnFilesWrittenInTheWatchedFold
     EXPECT_FALSE(delegate.paths.contains(home.filePath("Music/not watched.mp3")));
 
     watcher.stopWatching();
-    EXPECT_TRUE(ended.wait(10000));
+    // The logger may end before the wait begins, so the count is what is waited on.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !ended.isEmpty(); }, 10000));
 }
 
 } // namespace
