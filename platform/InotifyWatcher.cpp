@@ -608,6 +608,14 @@ bool InotifyWatcher::Worker::isUnwatched(const QByteArray &path) const
 void InotifyWatcher::Worker::note(const QByteArray &path, quint32 flags)
 {
     const QString name = QFile::decodeName(path);
+    if (QFile::encodeName(name) != path) {
+        // A name that is not UTF-8 does not survive as text, so the folder that
+        // holds it is scanned whole instead; its removal needs nothing.
+        const qsizetype slash = path.lastIndexOf('/');
+        if (slash > 0 && (flags & (ItemCreated | ItemRenamed | ItemModified)))
+            note(path.left(slash), MustScanSubDirs | ItemModified | ItemIsDir);
+        return;
+    }
     const auto known = _batchIndex.constFind(name);
     if (known != _batchIndex.cend()) {
         // Merged, a removal followed by a new file of the same name would read as a

@@ -5,7 +5,11 @@
 #include <QDir>
 #include <QFile>
 #include <QPointer>
+#include <QScopeGuard>
 #include <QTest>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -110,6 +114,22 @@ TEST_F(WatcherEndToEndTest, InfectedFilesWrittenRightAfterWatchingRestartsAreSca
     }
 
     EXPECT_TRUE(waitUntilListed(reachedLast)) << listedPaths().join(' ').toStdString();
+}
+
+TEST_F(WatcherEndToEndTest, InfectedFileWhoseNameIsNotUtf8IsScannedAndListed)
+{
+    // Latin-1 names from old archives and network shares are not UTF-8.
+    const QByteArray raw = QFile::encodeName(home.filePath("Watched/caf")) + "\xe9.com";
+    QFile file;
+    const int fd = ::open(raw.constData(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    ASSERT_GE(fd, 0);
+    // The temporary home cannot remove what it cannot name.
+    const auto removeIt = qScopeGuard([&] { ::unlink(raw.constData()); });
+    ASSERT_TRUE(file.open(fd, QIODevice::WriteOnly, QFile::AutoCloseHandle));
+    file.write(EngineFixture::eicarContents());
+    file.close();
+
+    EXPECT_TRUE(waitUntilListed({QFile::decodeName(raw)})) << listedPaths().join(' ').toStdString();
 }
 
 } // namespace
