@@ -197,28 +197,3 @@ TEST_F(ScanLogRotatorTest, UnwritableConfigurationKeepsTheToolFromRunning)
 }
 
 } // namespace
-
-namespace {
-
-// Whichever tool this machine has, as the agent picks it.
-TEST_F(ScanLogRotatorTest, TheToolThisMachineHasArchivesALogPastTheLimitAsBzip2AndStartsAnEmptyOne)
-{
-    const LogRotationTool tool;
-    if (!QFileInfo(tool.program()).isExecutable())
-        GTEST_SKIP() << "neither newsyslog nor logrotate is installed";
-    SCOPED_TRACE(tool.program().toStdString());
-    setLimit(1024);
-    const QString log = writeLog(megabyteLog(7));
-    ScanLogRotator(utils(), tool).rotateLogFile();
-
-    ASSERT_EQ(archives().size(), 1);
-    EXPECT_TRUE(archives().first().endsWith(".bz2"));
-    const QString archive = home.stateHome() + "/korvane/" + archives().first();
-    EXPECT_TRUE(decompressed(archive) == megabyteLog(7));
-    EXPECT_EQ(statOf(archive).st_mode & 07777, 0640u);
-    EXPECT_EQ(statOf(archive).st_uid, getuid());
-    EXPECT_EQ(statOf(log).st_size, 0);
-    EXPECT_EQ(leftInTemp(), QStringList());
-}
-
-} // namespace
