@@ -3,6 +3,7 @@
 #include "app/Dispatcher.h"
 #include "events/SCEvents.h"
 #include "platform/DBusDistributedNotificationCenter.h"
+#include "tests/support/RestoredVariable.h"
 #include "ui/InfectedItemsWindow.h"
 
 #include <QDBusConnection>
@@ -12,29 +13,6 @@
 #include <QTest>
 
 namespace {
-
-// Puts an environment variable back as it was when the test ends.
-class RestoredVariable
-{
-public:
-    explicit RestoredVariable(const char *name)
-        : _name(name)
-        , _value(qgetenv(name))
-        , _set(qEnvironmentVariableIsSet(name))
-    {}
-    ~RestoredVariable()
-    {
-        if (_set)
-            qputenv(_name, _value);
-        else
-            qunsetenv(_name);
-    }
-
-private:
-    const char *_name;
-    QByteArray _value;
-    bool _set;
-};
 
 TEST_F(AgentFixture, LaunchTitlesTheListAndWaitsForStartupWhichAnUpdateOnLaunchHoldsBackOnce)
 {

@@ -51,23 +51,16 @@ protected:
 
 TEST_F(ToolbarTest, FourButtonsWithIconAndLabelInOrderStartTheListsOperations)
 {
-    const struct
-    {
-        const char *label, *toolTip, *action;
-    } buttons[]{
-        {"TOOLBAR_REVEAL", "TOOLBAR_REVEAL_TOOLTIP", "revealInFinder:"},
-        {"TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE_TOOLTIP", "quarantineFile:"},
-        {"TOOLBAR_DELETE", "TOOLBAR_DELETE_TOOLTIP", "deleteFile:"},
-        {"TOOLBAR_INFECTIONLIST", "TOOLBAR_INFECTIONLIST_TOOLTIP", "clearInfectedList:"},
-    };
+    const std::pair<const char *, const char *> buttons[]{{"TOOLBAR_REVEAL", "revealInFinder:"},
+                                                          {"TOOLBAR_QUARANTINE", "quarantineFile:"},
+                                                          {"TOOLBAR_DELETE", "deleteFile:"},
+                                                          {"TOOLBAR_INFECTIONLIST", "clearInfectedList:"}};
     const QList<QAction *> items = toolbar->actions();
     ASSERT_EQ(items.size(), std::size(buttons));
     for (qsizetype i = 0; i < items.size(); ++i) {
-        SCOPED_TRACE(buttons[i].label);
-        EXPECT_EQ(items[i]->iconText(), Localization::text(buttons[i].label));
-        EXPECT_EQ(items[i]->toolTip(), Localization::text(buttons[i].toolTip));
-        EXPECT_EQ(items[i]->data().toString(), QLatin1String(buttons[i].action));
-        EXPECT_FALSE(items[i]->icon().isNull());
+        EXPECT_EQ(items[i]->iconText() + items[i]->data().toString(),
+                  Localization::text(buttons[i].first) + buttons[i].second);
+        EXPECT_FALSE(items[i]->icon().isNull() || items[i]->toolTip().isEmpty());
     }
 
     // The buttons start the list's operations.

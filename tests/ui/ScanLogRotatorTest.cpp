@@ -4,6 +4,7 @@
 #include "tests/Tarnlib/RecordingUtilsDelegate.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RestoredVariable.h"
 #include "ui/ScanLogRotator.h"
 
 #include <QDir>
@@ -43,13 +44,6 @@ protected:
         QDir().mkpath(temp);
         qputenv("TMPDIR", temp.toUtf8());
     }
-    ~ScanLogRotatorTest() override
-    {
-        if (savedTemp.isNull())
-            qunsetenv("TMPDIR");
-        else
-            qputenv("TMPDIR", savedTemp);
-    }
 
     void setLimit(const QVariant &value)
     {
@@ -82,9 +76,9 @@ protected:
         return bunzip2.exitCode() == 0 ? bunzip2.readAllStandardOutput() : QByteArray("<not bzip2>");
     }
 
+    RestoredVariable savedTemp{"TMPDIR"};
     FreshPreferences home;
     QString temp = home.filePath("tmp");
-    QByteArray savedTemp = qgetenv("TMPDIR");
     RecordingUtilsDelegate delegate;
     std::unique_ptr<QXUtils> _utils;
 };
