@@ -60,7 +60,8 @@ TEST_F(ToolbarTest, FourButtonsWithIconAndLabelInOrderStartTheListsOperations)
     for (qsizetype i = 0; i < items.size(); ++i) {
         EXPECT_EQ(items[i]->iconText() + items[i]->data().toString(),
                   Localization::text(buttons[i].first) + buttons[i].second);
-        EXPECT_FALSE(items[i]->icon().isNull() || items[i]->toolTip().isEmpty());
+        EXPECT_EQ(items[i]->toolTip(), Localization::text(buttons[i].first + QStringLiteral("_TOOLTIP")));
+        EXPECT_FALSE(items[i]->icon().isNull());
     }
 
     // The buttons start the list's operations.
