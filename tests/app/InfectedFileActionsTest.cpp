@@ -139,10 +139,16 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAf
 
     agent->quarantineFile(nullptr);
 
-    const QRegularExpressionMatch stamp = QRegularExpression("^invoice (\\d\\d\\.\\d\\d\\.\\d\\d)\\.pdf$")
-                                              .match(QFileInfo(value(0, "filePath")).fileName());
-    ASSERT_TRUE(stamp.hasMatch()) << value(0, "filePath").toStdString();
-    EXPECT_EQ(value(1, "filePath"), folder + "/invoice " + stamp.captured(1) + ' ' + stamp.captured(1) + ".pdf");
+    const QString first = QFileInfo(value(0, "filePath")).fileName();
+    const QString second = QFileInfo(value(1, "filePath")).fileName();
+    const QRegularExpression stamped("^invoice (\\d\\d\\.\\d\\d\\.\\d\\d)\\.pdf$");
+    const QRegularExpressionMatch once = stamped.match(first);
+    ASSERT_TRUE(once.hasMatch()) << first.toStdString();
+    // Where the stamped name is taken too, the time comes twice; a move a second later needs only one.
+    const QString twice = "invoice " + once.captured(1) + ' ' + once.captured(1) + ".pdf";
+    EXPECT_TRUE(second == twice || (second != first && stamped.match(second).hasMatch())) << second.toStdString();
+    for (int i : {0, 1})
+        EXPECT_EQ(QFileInfo(value(i, "filePath")).path(), folder);
     EXPECT_EQ(value(2, "filePath"), folder + "/plain");
     for (int i : {0, 1, 2}) {
         EXPECT_EQ(value(i, "status"), Localization::text("QUARANTINED"));
