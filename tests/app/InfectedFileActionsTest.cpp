@@ -3,6 +3,7 @@
 #include "platform/Localization.h"
 #include "platform/NamedImage.h"
 #include "tests/support/FakeFileManager.h"
+#include "tests/support/ListedRows.h"
 #include "tests/support/MountedTmpfs.h"
 #include "ui/InfectedItemsStore.h"
 #include "ui/InfectedItemsWindow.h"
@@ -52,12 +53,7 @@ protected:
         return absolute;
     }
 
-    void select(std::initializer_list<int> rows) const
-    {
-        for (int row : rows)
-            agent->infectionListTableView()->selectionModel()->select(
-                list->index(row, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
-    }
+    void select(std::initializer_list<int> rows) const { selectRows(list, rows); }
     void selectAll() const { agent->infectionListTableView()->selectAll(); }
     InfectedItem row(int index) const { return list->arrangedObjects().value(index); }
     QString value(int index, const char *key) const { return row(index).value(key).toString(); }

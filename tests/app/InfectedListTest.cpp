@@ -1,6 +1,7 @@
 #include "AgentFixture.h"
 
 #include "platform/Localization.h"
+#include "tests/support/ListedRows.h"
 #include "tests/support/RecordingNotificationCenter.h"
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
@@ -22,12 +23,7 @@ protected:
         table = agent->infectionListTableView();
     }
 
-    void select(std::initializer_list<int> rows)
-    {
-        for (int row : rows)
-            table->selectionModel()->select(list->index(row, 0),
-                                            QItemSelectionModel::Select | QItemSelectionModel::Rows);
-    }
+    void select(std::initializer_list<int> rows) { selectRows(list, rows); }
 
     RecordingNotificationCenter notifications;
     QXTInfectedViewArrayController *list = nullptr;

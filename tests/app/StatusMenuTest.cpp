@@ -4,6 +4,7 @@
 #include "platform/BundleInfo.h"
 #include "platform/Localization.h"
 #include "platform/UserFolders.h"
+#include "tests/support/ListedRows.h"
 #include "tests/support/RecordingWorkspace.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -65,16 +66,7 @@ protected:
 
     void addRow(const QString &path, const QString &status = {}, const QString &original = {}, bool selected = true)
     {
-        InfectedItem row{{"fileName", QFileInfo(path).fileName()},
-                         {"filePath", path},
-                         {"infectionName", "Korvane.Test.Eicar"},
-                         {"status", status}};
-        if (!original.isNull())
-            row.insert("originalFilePath", original);
-        list->addObject(row);
-        if (selected)
-            list->selectionModel()->select(list->index(list->rowCount() - 1, 0),
-                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        addListedRow(list, path, status, original, selected);
     }
 
     void setQuarantineFolder() const

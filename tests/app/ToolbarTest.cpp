@@ -2,6 +2,7 @@
 
 #include "platform/Localization.h"
 #include "platform/UserFolders.h"
+#include "tests/support/ListedRows.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
 
@@ -34,15 +35,7 @@ protected:
 
     int addRow(const QString &path, const QString &status = {}, bool selected = true)
     {
-        list->addObject({{"fileName", QFileInfo(path).fileName()},
-                         {"filePath", path},
-                         {"infectionName", "Korvane.Test.Eicar"},
-                         {"status", status}});
-        const int row = list->rowCount() - 1;
-        if (selected)
-            list->selectionModel()->select(list->index(row, 0),
-                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
-        return row;
+        return addListedRow(list, path, status, {}, selected);
     }
 
     QToolBar *toolbar = nullptr;
