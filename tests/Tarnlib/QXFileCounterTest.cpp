@@ -98,19 +98,18 @@ TEST_F(QXFileCounterTest, CountsTheFilesAScanWouldVisit)
         QList<QXExclusionPredicate> excludes;
         bool quarantine;
         qint64 expected;
-        QString skipped;
     } rows[] = {
-        {"one regular file", {home.filePath("single.txt")}, {}, false, 1, {}},
-        {"a path that does not exist", {home.filePath("gone")}, {}, false, 1, {}},
-        {"an empty folder", {home.filePath("Empty")}, {}, false, 0, {}},
-        {"a folder tree, folders not counted", {tree}, {}, false, 6, {}},
-        {"several paths add up", {home.filePath("single.txt"), tree, home.filePath("Empty")}, {}, false, 7, {}},
-        {"a predicate on a subfolder prunes it", {tree}, {subfolderRule}, false, 4, "skipping Sub"},
-        {"a predicate on a file still counts it", {tree}, {fileRule}, false, 6, "skipping a"},
-        {"quarantine on skips its folder", {tree}, {}, true, 5, "skipping " + tree + "/Held"},
-        {"a saved search counts what it finds and itself", {"/x/Four.savedSearch"}, {}, false, 5, {}},
-        {"a saved search finding a folder counts its files", {"/x/Tree.savedSearch"}, {}, false, 7, {}},
-        {"a saved search finding nothing counts itself", {"/x/None.savedSearch"}, {}, false, 1, {}},
+        {"one regular file", {home.filePath("single.txt")}, {}, false, 1},
+        {"a path that does not exist", {home.filePath("gone")}, {}, false, 1},
+        {"an empty folder", {home.filePath("Empty")}, {}, false, 0},
+        {"a folder tree, folders not counted", {tree}, {}, false, 6},
+        {"several paths add up", {home.filePath("single.txt"), tree, home.filePath("Empty")}, {}, false, 7},
+        {"a predicate on a subfolder prunes it", {tree}, {subfolderRule}, false, 4},
+        {"a predicate on a file still counts it", {tree}, {fileRule}, false, 6},
+        {"quarantine on skips its folder", {tree}, {}, true, 5},
+        {"a saved search counts what it finds and itself", {"/x/Four.savedSearch"}, {}, false, 5},
+        {"a saved search finding a folder counts its files", {"/x/Tree.savedSearch"}, {}, false, 7},
+        {"a saved search finding nothing counts itself", {"/x/None.savedSearch"}, {}, false, 1},
     };
     delegate.savedSearches = {{"/x/Four.savedSearch", four}, {"/x/Tree.savedSearch", {tree}}};
     delegate.quarantineFolder = tree + "/Held";
@@ -119,10 +118,6 @@ TEST_F(QXFileCounterTest, CountsTheFilesAScanWouldVisit)
         delegate.excludes = row.excludes;
         delegate.quarantine = row.quarantine;
         EXPECT_EQ(count(row.paths), QList<qint64>{row.expected}) << row.name;
-        EXPECT_TRUE(log.contains(QStringLiteral("filecount = %1").arg(row.expected))) << row.name;
-        if (!row.skipped.isEmpty()) {
-            EXPECT_TRUE(log.contains(row.skipped)) << row.name;
-        }
     }
 }
 

@@ -108,9 +108,7 @@ TEST_F(QXSavedSearchTest, QueryAndScopesAreReadFromEitherPlaceInEitherForm)
             const QByteArray xml = PropertyList::toXml(row.contents);
             const QString path =
                 home.writeFile(QStringLiteral("Search%1.savedSearch").arg(binary), binary ? binaryForm(xml) : xml);
-            delegate.calls.clear();
             EXPECT_EQ(expand(path), row.expected) << row.name << (binary ? " (binary)" : " (XML)");
-            EXPECT_EQ(delegate.calls, QStringList{success(row.expected.size())}) << row.name;
         }
     }
 }

@@ -59,41 +59,33 @@ TEST_F(QXUtilsCoordinatorTest, InfectionInsideAnApplicationBundleIsReportedAsThe
     EXPECT_EQ(delegate.infections.at(1).second, plain);
 }
 
-TEST_F(QXUtilsCoordinatorTest, UpdateEndIsRelayedWhileStillUpdatingAndClearedAfter)
+TEST_F(QXUtilsCoordinatorTest, ProgressCountsFromEachScanStartAndAnUpdateEndIsRelayedBeforeUpdatingIsCleared)
 {
     QXUtils utils(&delegate, {});
+    for (int scan = 0; scan < 2; ++scan) {
+        utils.scanStarted();
+        for (int file = 0; file < 2 - scan; ++file)
+            utils.updateProgressBar();
+    }
+    EXPECT_EQ(delegate.calls, (QStringList{"scanStarted", "progress:1", "progress:2", "scanStarted", "progress:1"}));
+
     bool updatingAtEnd = false;
     delegate.onUpdateFinished = [&] { updatingAtEnd = utils.updating(); };
     utils.updateStarted();
-    EXPECT_TRUE(utils.updating());
     utils.updateFinishedWithStatus(1);
     EXPECT_TRUE(updatingAtEnd);
     EXPECT_FALSE(utils.updating());
 }
 
-TEST_F(QXUtilsCoordinatorTest, ProgressIsCountedFromEachScanStart)
-{
-    QXUtils utils(&delegate, {});
-    utils.scanStarted();
-    utils.updateProgressBar();
-    utils.updateProgressBar();
-    utils.scanStarted();
-    utils.updateProgressBar();
-    EXPECT_EQ(delegate.calls, (QStringList{"scanStarted", "progress:1", "progress:2", "scanStarted", "progress:1"}));
-    EXPECT_TRUE(utils.scanning());
-}
-
-TEST_F(QXUtilsCoordinatorTest, StopBetweenRunsIsSilentAndOptionalReportsReachOnlyADelegateThatHasThem)
+TEST_F(QXUtilsCoordinatorTest, ReportsADelegateDoesNotTakeAreNotSentAndAStopBetweenRunsIsSilent)
 {
     delegate.implementsOptional = false;
     QXUtils utils(&delegate, {});
     utils.setup();
     utils.stop();
-    EXPECT_FALSE(utils.paused());
     utils.appendToConsole(QStringLiteral("text"));
     utils.needToUpdateDB();
     utils.clamdStarted();
-    utils.clamdFailedToStart();
     EXPECT_TRUE(delegate.calls.isEmpty());
 }
 

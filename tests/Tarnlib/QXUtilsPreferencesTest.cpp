@@ -89,12 +89,10 @@ TEST_F(QXUtilsPreferencesTest, CustomEnginePrefixIsTriedLastAndSetupRecordsTheFi
               QStringLiteral("/usr/local/korvane/share/clamav/freshclam.log"));
 }
 
-TEST_F(QXUtilsPreferencesTest, ScanLogAndAutostartFolderLiveUnderTheXdgFoldersAndTheLogFolderIsCreated)
+TEST_F(QXUtilsPreferencesTest, ScanLogLivesUnderTheXdgStateFolderWhichIsCreated)
 {
-    QXUtils *u = make();
-    EXPECT_EQ(u->pathToScanLog(), home.stateHome() + QStringLiteral("/korvane/KorvaneVarden-scan.log"));
+    EXPECT_EQ(make()->pathToScanLog(), home.stateHome() + QStringLiteral("/korvane/KorvaneVarden-scan.log"));
     EXPECT_TRUE(QFileInfo(home.stateHome() + QStringLiteral("/korvane")).isDir());
-    EXPECT_EQ(u->launchAgentsDir(), home.configHome() + QStringLiteral("/autostart"));
 }
 
 TEST_F(QXUtilsPreferencesTest, AValueOfAnotherTypeThanItsKeysIsReadAsItComesOrCountsAsAbsentAndIsLoggedOnceWithItsKey)

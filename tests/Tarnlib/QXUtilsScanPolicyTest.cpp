@@ -4,6 +4,7 @@
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MountedTmpfs.h"
+#include "tests/support/RestoredVariable.h"
 
 #include <QDir>
 #include <QFile>
@@ -202,12 +203,11 @@ TEST_F(QXUtilsScanPolicyTest, MailIsAnyPathThatBeginsWithAStoreExactlyAsWritten)
 
 TEST_F(QXUtilsScanPolicyTest, HomeOfRootJoinsTheMailStoresAndTheTildeWithOneSeparator)
 {
-    const QByteArray saved = qgetenv("HOME");
+    prefer({{QStringLiteral("QuarantineFolder"), QStringLiteral("~/Quarantine")}});
+    const RestoredVariable saved("HOME");
     qputenv("HOME", "/");
     QXUtils rootless(&delegate, {});
-    prefer({{QStringLiteral("QuarantineFolder"), QStringLiteral("~/Quarantine")}});
     rootless.determineQuarantineSettings();
-    qputenv("HOME", saved);
 
     EXPECT_EQ(rootless.quarantineLocation(), QStringLiteral("/Quarantine"));
     EXPECT_TRUE(rootless.checkIfPathLooksLikeEmail(QStringLiteral("/Maildir/cur/1")));

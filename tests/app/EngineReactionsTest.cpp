@@ -46,7 +46,6 @@ TEST_F(EngineReactionsTest, MissingEngineOffersTheCompanionAndQuitsEitherWay)
     agent->engineNotFound();
     ASSERT_EQ(alerts.alerts.size(), 1);
     EXPECT_EQ(alerts.alerts.first().informativeText, Localization::text("ENGINE_NOT_FOUND"));
-    EXPECT_EQ(alerts.alerts.first().defaultButton, Localization::text("LAUNCH_KORVANE"));
     EXPECT_EQ(terminations, 1);
     QTest::qWait(300);
     EXPECT_FALSE(QFile::exists(mark));

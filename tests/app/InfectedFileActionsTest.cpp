@@ -3,6 +3,7 @@
 #include "platform/Localization.h"
 #include "platform/NamedImage.h"
 #include "tests/support/FakeFileManager.h"
+#include "tests/support/ListedRows.h"
 #include "tests/support/MountedTmpfs.h"
 #include "ui/InfectedItemsStore.h"
 #include "ui/InfectedItemsWindow.h"
@@ -52,12 +53,7 @@ protected:
         return absolute;
     }
 
-    void select(std::initializer_list<int> rows) const
-    {
-        for (int row : rows)
-            agent->infectionListTableView()->selectionModel()->select(
-                list->index(row, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
-    }
+    void select(std::initializer_list<int> rows) const { selectRows(list, rows); }
     void selectAll() const { agent->infectionListTableView()->selectAll(); }
     InfectedItem row(int index) const { return list->arrangedObjects().value(index); }
     QString value(int index, const char *key) const { return row(index).value(key).toString(); }
@@ -126,7 +122,7 @@ TEST_F(InfectedFileActionsTest, DeleteTrashesTheSelectionAndPutBackReturnsEachFi
     EXPECT_TRUE(eachOnce(files));
 }
 
-TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPutBackRestoresTheMode)
+TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAfterARestartPutBackRestoresTheMode)
 {
     const QString folder = quarantine();
     home.writeFile("Quarantine/invoice.pdf", "occupant");
@@ -139,10 +135,16 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPu
 
     agent->quarantineFile(nullptr);
 
-    const QRegularExpressionMatch stamp = QRegularExpression("^invoice (\\d\\d\\.\\d\\d\\.\\d\\d)\\.pdf$")
-                                              .match(QFileInfo(value(0, "filePath")).fileName());
-    ASSERT_TRUE(stamp.hasMatch()) << value(0, "filePath").toStdString();
-    EXPECT_EQ(value(1, "filePath"), folder + "/invoice " + stamp.captured(1) + ' ' + stamp.captured(1) + ".pdf");
+    const QString first = QFileInfo(value(0, "filePath")).fileName();
+    const QString second = QFileInfo(value(1, "filePath")).fileName();
+    const QRegularExpression stamped("^invoice (\\d\\d\\.\\d\\d\\.\\d\\d)\\.pdf$");
+    const QRegularExpressionMatch once = stamped.match(first);
+    ASSERT_TRUE(once.hasMatch()) << first.toStdString();
+    // Where the stamped name is taken too, the time comes twice; a move a second later needs only one.
+    const QString twice = "invoice " + once.captured(1) + ' ' + once.captured(1) + ".pdf";
+    EXPECT_TRUE(second == twice || (second != first && stamped.match(second).hasMatch())) << second.toStdString();
+    for (int i : {0, 1})
+        EXPECT_EQ(QFileInfo(value(i, "filePath")).path(), folder);
     EXPECT_EQ(value(2, "filePath"), folder + "/plain");
     for (int i : {0, 1, 2}) {
         EXPECT_EQ(value(i, "status"), Localization::text("QUARANTINED"));
@@ -155,6 +157,11 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPu
     EXPECT_EQ(copiesOf("occupant"), 1);
     EXPECT_TRUE(eachOnce(files));
 
+    const QList<InfectedItem> before = list->arrangedObjects();
+    restart();
+    EXPECT_EQ(list->arrangedObjects(), before);
+    EXPECT_EQ(agent->throbberWatchingImage().pixmap(16).toImage(),
+              NamedImage::imageNamed("watchingWithAlert").pixmap(16).toImage());
     selectAll();
     agent->putBack(nullptr);
 
@@ -163,6 +170,10 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndPu
     EXPECT_EQ(TemporaryHome::modeOf(files[0]), 0750);
     EXPECT_EQ(alerts.beeps, 0);
     EXPECT_TRUE(eachOnce(files));
+
+    agent->clearInfectedList(nullptr);
+    restart();
+    EXPECT_EQ(list->rowCount(), 0);
 }
 
 TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTheyWere)
@@ -296,34 +307,6 @@ TEST_F(InfectedFileActionsTest, RevealAsksTheFileManagerToShowEachSelectedFileAn
         EXPECT_EQ(list->selectionIndexes(), QList<int>({0, 2}));
     }
     QDBusConnection::disconnectFromBus("file-manager");
-}
-
-TEST_F(InfectedFileActionsTest, TheListSurvivesARestartAndFilesCanBePutBackThen)
-{
-    quarantine();
-    const QStringList files{infected("a/run.sh"), infected("b/doc.pdf"), infected("c/left.com")};
-    ::chmod(QFile::encodeName(files[0]), 0755);
-    select({0});
-    agent->quarantineFile(nullptr);
-    select({1});
-    agent->deleteFile(nullptr);
-    const QList<InfectedItem> before = list->arrangedObjects();
-
-    restart();
-
-    EXPECT_EQ(list->arrangedObjects(), before);
-    EXPECT_EQ(agent->throbberWatchingImage().pixmap(16).toImage(),
-              NamedImage::imageNamed("watchingWithAlert").pixmap(16).toImage());
-    selectAll();
-    agent->putBack(nullptr);
-    for (int i : {0, 1, 2})
-        EXPECT_EQ(value(i, "filePath"), files[i]);
-    EXPECT_EQ(TemporaryHome::modeOf(files[0]), 0755);
-    EXPECT_TRUE(eachOnce(files));
-
-    agent->clearInfectedList(nullptr);
-    restart();
-    EXPECT_EQ(list->rowCount(), 0);
 }
 
 TEST_F(InfectedFileActionsTest, AListFileThatCannotBeReadIsKeptAsideAndTheAgentStartsEmpty)

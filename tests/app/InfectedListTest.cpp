@@ -1,6 +1,7 @@
 #include "AgentFixture.h"
 
 #include "platform/Localization.h"
+#include "tests/support/ListedRows.h"
 #include "tests/support/RecordingNotificationCenter.h"
 #include "ui/QXTInfectedViewArrayController.h"
 #include "ui/QXTTableView.h"
@@ -22,12 +23,7 @@ protected:
         table = agent->infectionListTableView();
     }
 
-    void select(std::initializer_list<int> rows)
-    {
-        for (int row : rows)
-            table->selectionModel()->select(list->index(row, 0),
-                                            QItemSelectionModel::Select | QItemSelectionModel::Rows);
-    }
+    void select(std::initializer_list<int> rows) { selectRows(list, rows); }
 
     RecordingNotificationCenter notifications;
     QXTInfectedViewArrayController *list = nullptr;
@@ -87,7 +83,7 @@ TEST_F(InfectedListTest, RemovingTheSelectionRemovesOnlyThoseRowsAndClearsTheSel
     EXPECT_TRUE(list->selectionIndexes().isEmpty());
 }
 
-TEST_F(InfectedListTest, CopyPutsAHeaderAndOneTabSeparatedLinePerSelectedRowInListOrder)
+TEST_F(InfectedListTest, CopyPutsAHeaderAndALinePerSelectedRowInListOrderAndWithNothingSelectedBeeps)
 {
     agent->addToInfectedListTheFile("a.exe", "/x/a.exe", "Korvane.Test.File-a", "");
     agent->addToInfectedListTheFile("b.doc", "/x/b.doc", "Korvane.Test.Marker", "In Trash");
@@ -97,21 +93,19 @@ TEST_F(InfectedListTest, CopyPutsAHeaderAndOneTabSeparatedLinePerSelectedRowInLi
 
     table->copy();
 
-    EXPECT_EQ(QGuiApplication::clipboard()->text(), Localization::text("FILE_NAME") + '\t'
-                                                        + Localization::text("INFECTION_NAME") + '\t'
-                                                        + Localization::text("STATUS") + '\n'
-                                                        + "/x/a.exe\tKorvane.Test.File-a\t\n"
-                                                          "/x/b.doc\tKorvane.Test.Marker\tIn Trash\n"
-                                                          "/x/d.txt\tKorvane.Test.Eicar\t\n");
-}
+    const QString copied = Localization::text("FILE_NAME") + '\t' + Localization::text("INFECTION_NAME") + '\t'
+                           + Localization::text("STATUS") + '\n'
+                           + "/x/a.exe\tKorvane.Test.File-a\t\n"
+                             "/x/b.doc\tKorvane.Test.Marker\tIn Trash\n"
+                             "/x/d.txt\tKorvane.Test.Eicar\t\n";
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), copied);
+    EXPECT_EQ(alerts.beeps, 0);
 
-TEST_F(InfectedListTest, CopyWithNothingSelectedBeepsAndLeavesTheClipboard)
-{
-    agent->addToInfectedListTheFile("a", "/x/a", "N", "");
-    QGuiApplication::clipboard()->setText(QStringLiteral("before"));
+    // With nothing selected there is nothing to copy: a beep, and the clipboard keeps what it had.
+    list->clearSelection();
     table->copy();
     EXPECT_EQ(alerts.beeps, 1);
-    EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("before"));
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), copied);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "platform/Localization.h"
 #include "platform/UserFolders.h"
+#include "tests/support/ListedRows.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
 
@@ -34,15 +35,7 @@ protected:
 
     int addRow(const QString &path, const QString &status = {}, bool selected = true)
     {
-        list->addObject({{"fileName", QFileInfo(path).fileName()},
-                         {"filePath", path},
-                         {"infectionName", "Korvane.Test.Eicar"},
-                         {"status", status}});
-        const int row = list->rowCount() - 1;
-        if (selected)
-            list->selectionModel()->select(list->index(row, 0),
-                                           QItemSelectionModel::Select | QItemSelectionModel::Rows);
-        return row;
+        return addListedRow(list, path, status, {}, selected);
     }
 
     QToolBar *toolbar = nullptr;
@@ -51,22 +44,16 @@ protected:
 
 TEST_F(ToolbarTest, FourButtonsWithIconAndLabelInOrderStartTheListsOperations)
 {
-    const struct
-    {
-        const char *label, *toolTip, *action;
-    } buttons[]{
-        {"TOOLBAR_REVEAL", "TOOLBAR_REVEAL_TOOLTIP", "revealInFinder:"},
-        {"TOOLBAR_QUARANTINE", "TOOLBAR_QUARANTINE_TOOLTIP", "quarantineFile:"},
-        {"TOOLBAR_DELETE", "TOOLBAR_DELETE_TOOLTIP", "deleteFile:"},
-        {"TOOLBAR_INFECTIONLIST", "TOOLBAR_INFECTIONLIST_TOOLTIP", "clearInfectedList:"},
-    };
+    const std::pair<const char *, const char *> buttons[]{{"TOOLBAR_REVEAL", "revealInFinder:"},
+                                                          {"TOOLBAR_QUARANTINE", "quarantineFile:"},
+                                                          {"TOOLBAR_DELETE", "deleteFile:"},
+                                                          {"TOOLBAR_INFECTIONLIST", "clearInfectedList:"}};
     const QList<QAction *> items = toolbar->actions();
     ASSERT_EQ(items.size(), std::size(buttons));
     for (qsizetype i = 0; i < items.size(); ++i) {
-        SCOPED_TRACE(buttons[i].label);
-        EXPECT_EQ(items[i]->iconText(), Localization::text(buttons[i].label));
-        EXPECT_EQ(items[i]->toolTip(), Localization::text(buttons[i].toolTip));
-        EXPECT_EQ(items[i]->data().toString(), QLatin1String(buttons[i].action));
+        EXPECT_EQ(items[i]->iconText() + items[i]->data().toString(),
+                  Localization::text(buttons[i].first) + buttons[i].second);
+        EXPECT_EQ(items[i]->toolTip(), Localization::text(buttons[i].first + QStringLiteral("_TOOLTIP")));
         EXPECT_FALSE(items[i]->icon().isNull());
     }
 

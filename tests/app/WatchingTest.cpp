@@ -66,19 +66,7 @@ TEST_F(WatchingTest, FoldersAreWatchedUnderTheirExpandedPathsAndListedInOrder)
     EXPECT_EQ(shownImage(), agent->throbberWatchingImage().cacheKey());
 }
 
-TEST_F(WatchingTest, NothingToWatchExplainsAndQuits)
-{
-    alerts.answers = {AlertPresenter::AlternateReturn};
-    agent->startWatching(nullptr);
-    EXPECT_FALSE(agent->watching());
-    ASSERT_EQ(alerts.alerts.size(), 1);
-    EXPECT_EQ(alerts.alerts.first().informativeText, Localization::text("NOTHING_TO_WATCH_MESSAGE."));
-    EXPECT_EQ(alerts.alerts.first().defaultButton, Localization::text("OPEN_PREFS"));
-    EXPECT_EQ(terminations, 1);
-    EXPECT_EQ(shownImage(), agent->throbberDefaultImage().cacheKey());
-}
-
-TEST_F(WatchingTest, QuittingAtTheNothingToWatchAlertEndsTheStartupThere)
+TEST_F(WatchingTest, NothingToWatchExplainsAndQuittingThereEndsTheStartup)
 {
     for (const bool updateOnLaunch : {false, true}) {
         SCOPED_TRACE(updateOnLaunch);
@@ -87,10 +75,15 @@ TEST_F(WatchingTest, QuittingAtTheNothingToWatchAlertEndsTheStartupThere)
         engine.writeScript("bin/RunFreshclam", "touch '" + engine.filePath("updated").toUtf8() + "'\n");
         SetUp();
         terminations = 0;
+        alerts.alerts.clear();
         alerts.answers = {AlertPresenter::AlternateReturn};
         agent->applicationDidFinishLaunching();
         agent->continueStartup();
         EXPECT_EQ(terminations, 1);
+        EXPECT_FALSE(agent->watching());
+        ASSERT_EQ(alerts.alerts.size(), 1);
+        EXPECT_EQ(alerts.alerts.first().informativeText, Localization::text("NOTHING_TO_WATCH_MESSAGE."));
+        EXPECT_EQ(shownImage(), agent->throbberDefaultImage().cacheKey());
 
         // Neither an update nor a scan may follow.
         const QString path = home.writeFile("late.com", "x");

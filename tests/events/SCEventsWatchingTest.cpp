@@ -237,7 +237,6 @@ TEST_F(SCEventsWatchingTest, StartingTwiceAnswersFalseAndTheFirstStreamKeepsRunn
     EXPECT_FALSE(events.startWatchingPaths({other.path()}));
     EXPECT_TRUE(events.isWatchingPaths());
     EXPECT_EQ(events.watchedPaths(), QStringList{folder.path()});
-    EXPECT_TRUE(events.streamDescription().contains(folder.path())) << events.streamDescription().toStdString();
     EXPECT_TRUE(saw(folder.writeFile("still.txt"), Flag::created));
 
     ASSERT_TRUE(events.stopWatchingPaths());

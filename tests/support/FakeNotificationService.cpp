@@ -18,23 +18,18 @@ FakeNotificationService::FakeNotificationService(const QDBusConnection &bus, QOb
         _bus.unregisterObject(objectPath);
 }
 
+// Leaves the bus the way a server that quits does.
 FakeNotificationService::~FakeNotificationService()
 {
-    unregister();
+    if (!_registered)
+        return;
+    _bus.unregisterService(serviceName);
+    _bus.unregisterObject(objectPath);
 }
 
 bool FakeNotificationService::isRegistered() const
 {
     return _registered;
-}
-
-void FakeNotificationService::unregister()
-{
-    if (!_registered)
-        return;
-    _registered = false;
-    _bus.unregisterService(serviceName);
-    _bus.unregisterObject(objectPath);
 }
 
 void FakeNotificationService::setAnswer(Answer answer)
@@ -57,9 +52,8 @@ void FakeNotificationService::close(uint id, uint reason)
     emit NotificationClosed(id, reason);
 }
 
-uint FakeNotificationService::Notify(const QString &appName, uint replacesId, const QString &appIcon,
-                                     const QString &summary, const QString &body, const QStringList &actions,
-                                     const QVariantMap &hints, int expireTimeout)
+uint FakeNotificationService::Notify(const QString &, uint replacesId, const QString &, const QString &summary,
+                                     const QString &body, const QStringList &actions, const QVariantMap &, int)
 {
     switch (_answer) {
     case Answer::WithError:
@@ -73,25 +67,6 @@ uint FakeNotificationService::Notify(const QString &appName, uint replacesId, co
         break;
     }
     const uint id = replacesId != 0 ? replacesId : ++_lastId;
-    _notifications.append(
-        {id, message().service(), appName, replacesId, appIcon, summary, body, actions, hints, expireTimeout});
+    _notifications.append({id, summary, body, actions});
     return id;
-}
-
-QStringList FakeNotificationService::GetCapabilities()
-{
-    return {QStringLiteral("actions"), QStringLiteral("body")};
-}
-
-QString FakeNotificationService::GetServerInformation(QString &vendor, QString &version, QString &protocolVersion)
-{
-    vendor = QStringLiteral("KorvaneVarden tests");
-    version = QStringLiteral("1.0");
-    protocolVersion = QStringLiteral("1.2");
-    return QStringLiteral("FakeNotificationService");
-}
-
-void FakeNotificationService::CloseNotification(uint id)
-{
-    emit NotificationClosed(id, 3);
 }

@@ -21,15 +21,9 @@ public:
     struct Notification
     {
         uint id = 0;
-        QString sender;
-        QString appName;
-        uint replacesId = 0;
-        QString appIcon;
         QString summary;
         QString body;
         QStringList actions;
-        QVariantMap hints;
-        int expireTimeout = 0;
     };
 
     enum class Answer {
@@ -43,8 +37,6 @@ public:
 
     // Whether it owns the name and serves the object.
     bool isRegistered() const;
-    // Leaves the bus the way a server that quits does.
-    void unregister();
 
     // How the following Notify calls are answered.
     void setAnswer(Answer answer);
@@ -58,9 +50,6 @@ public:
 public slots:
     uint Notify(const QString &appName, uint replacesId, const QString &appIcon, const QString &summary,
                 const QString &body, const QStringList &actions, const QVariantMap &hints, int expireTimeout);
-    QStringList GetCapabilities();
-    QString GetServerInformation(QString &vendor, QString &version, QString &protocolVersion);
-    void CloseNotification(uint id);
 
 signals:
     void ActionInvoked(uint id, const QString &actionKey);

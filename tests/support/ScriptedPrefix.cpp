@@ -5,6 +5,8 @@
 #include <QFileInfo>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 QString ScriptedPrefix::writeFile(const QString &relative, const QByteArray &contents) const
 {
     const QString path = filePath(relative);
@@ -17,8 +19,13 @@ QString ScriptedPrefix::writeFile(const QString &relative, const QByteArray &con
 
 QString ScriptedPrefix::writeScript(const QString &relative, const QByteArray &body) const
 {
-    const QString path = writeFile(relative, "#!/bin/sh\n" + body);
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    // Made beside it and moved into place: a script that an earlier agent is
+    // still starting cannot be opened for writing (ETXTBSY).
+    const QString path = filePath(relative);
+    const QString fresh = writeFile(relative + ".new", "#!/bin/sh\n" + body);
+    QFile::setPermissions(fresh, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    EXPECT_EQ(::rename(QFile::encodeName(fresh).constData(), QFile::encodeName(path).constData()), 0)
+        << path.toStdString();
     return path;
 }
 

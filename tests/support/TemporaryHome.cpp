@@ -6,30 +6,14 @@
 
 #include <sys/stat.h>
 
-namespace {
-const char *const variables[] = {"HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"};
-}
-
 TemporaryHome::TemporaryHome()
 {
-    for (int i = 0; i < 4; ++i)
-        _saved[i] = qgetenv(variables[i]);
     const QString home = _dir.path();
     qputenv("HOME", home.toUtf8());
     qputenv("XDG_CONFIG_HOME", (home + "/.config").toUtf8());
     qputenv("XDG_STATE_HOME", (home + "/.local/state").toUtf8());
     qputenv("XDG_DATA_HOME", (home + "/.local/share").toUtf8());
     QDir(home).mkpath(".config");
-}
-
-TemporaryHome::~TemporaryHome()
-{
-    for (int i = 0; i < 4; ++i) {
-        if (_saved[i].isNull())
-            qunsetenv(variables[i]);
-        else
-            qputenv(variables[i], _saved[i]);
-    }
 }
 
 QString TemporaryHome::path() const

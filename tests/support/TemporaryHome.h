@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QtPrinters.h"
+#include "RestoredVariable.h"
 
 #include <QByteArray>
 #include <QString>
@@ -12,7 +13,6 @@ class TemporaryHome
 {
 public:
     TemporaryHome();
-    ~TemporaryHome();
 
     QString path() const;
     QString configHome() const;
@@ -26,6 +26,7 @@ public:
     static int modeOf(const QString &path);
 
 private:
+    RestoredVariable _saved[4]{RestoredVariable("HOME"), RestoredVariable("XDG_CONFIG_HOME"),
+                               RestoredVariable("XDG_STATE_HOME"), RestoredVariable("XDG_DATA_HOME")};
     QTemporaryDir _dir;
-    QByteArray _saved[4];
 };

@@ -32,9 +32,7 @@ TEST(EnablingRulesTest, AFaultInARuleIsLoggedWithThreeBeepsAndLeavesTheItemEnabl
     const QList<Case> cases{
         {"doNothing:", {}, false, "watching flag unreadable"},
         {"updateDefs:", {}, false, "settings unreadable"},
-        {"copy:", {}, false, "list window gone"},
         {"revealInFinder:", ToolbarItemIdentifier::reveal, true, "list window gone"},
-        {"clearInfectedList:", ToolbarItemIdentifier::clearList, true, "list window gone"},
     };
     FailingController controller;
     EnablingRules rules(&controller);

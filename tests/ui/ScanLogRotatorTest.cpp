@@ -4,6 +4,7 @@
 #include "tests/Tarnlib/RecordingUtilsDelegate.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RestoredVariable.h"
 #include "ui/ScanLogRotator.h"
 
 #include <QDir>
@@ -43,13 +44,6 @@ protected:
         QDir().mkpath(temp);
         qputenv("TMPDIR", temp.toUtf8());
     }
-    ~ScanLogRotatorTest() override
-    {
-        if (savedTemp.isNull())
-            qunsetenv("TMPDIR");
-        else
-            qputenv("TMPDIR", savedTemp);
-    }
 
     void setLimit(const QVariant &value)
     {
@@ -82,9 +76,9 @@ protected:
         return bunzip2.exitCode() == 0 ? bunzip2.readAllStandardOutput() : QByteArray("<not bzip2>");
     }
 
+    RestoredVariable savedTemp{"TMPDIR"};
     FreshPreferences home;
     QString temp = home.filePath("tmp");
-    QByteArray savedTemp = qgetenv("TMPDIR");
     RecordingUtilsDelegate delegate;
     std::unique_ptr<QXUtils> _utils;
 };
@@ -194,31 +188,6 @@ TEST_F(ScanLogRotatorTest, UnwritableConfigurationKeepsTheToolFromRunning)
         EXPECT_EQ(archives(), QStringList());
         EXPECT_TRUE(systemLog.anyContains("scanlogrotate.conf"));
     }
-}
-
-} // namespace
-
-namespace {
-
-// Whichever tool this machine has, as the agent picks it.
-TEST_F(ScanLogRotatorTest, TheToolThisMachineHasArchivesALogPastTheLimitAsBzip2AndStartsAnEmptyOne)
-{
-    const LogRotationTool tool;
-    if (!QFileInfo(tool.program()).isExecutable())
-        GTEST_SKIP() << "neither newsyslog nor logrotate is installed";
-    SCOPED_TRACE(tool.program().toStdString());
-    setLimit(1024);
-    const QString log = writeLog(megabyteLog(7));
-    ScanLogRotator(utils(), tool).rotateLogFile();
-
-    ASSERT_EQ(archives().size(), 1);
-    EXPECT_TRUE(archives().first().endsWith(".bz2"));
-    const QString archive = home.stateHome() + "/korvane/" + archives().first();
-    EXPECT_TRUE(decompressed(archive) == megabyteLog(7));
-    EXPECT_EQ(statOf(archive).st_mode & 07777, 0640u);
-    EXPECT_EQ(statOf(archive).st_uid, getuid());
-    EXPECT_EQ(statOf(log).st_size, 0);
-    EXPECT_EQ(leftInTemp(), QStringList());
 }
 
 } // namespace
