@@ -78,7 +78,7 @@ fixed_port=1
 # --- options ---------------------------------------------------------------
 
 for bad in "--remote 127.0.0.1" "--remote host:0" "--remote host:70000" "--stream-max-length 1M" \
-           "--remote host:3310 --stream-max-length 1G" "--mirror a#b" "--bogus"; do
+           "--remote host:3310 --stream-max-length 1T" "--mirror a#b" "--bogus"; do
     # shellcheck disable=SC2086
     if out=$("$installer" $bad "$tmp/never" 2>&1); then fail "refuses $bad" "$out"
     else pass "refuses $bad"; fi
