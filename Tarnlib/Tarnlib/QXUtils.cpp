@@ -910,8 +910,11 @@ void QXUtils::askRemoteService()
 
 void QXUtils::remoteServiceAsked(bool answering, const QString &name)
 {
-    if (!_startupWaitsForRemoteService && !_batchWaitsForRemoteService)
+    // Nobody waits any more (the scan was stopped): the next outage is news again.
+    if (!_startupWaitsForRemoteService && !_batchWaitsForRemoteService) {
+        _remoteServiceAway = false;
         return;
+    }
     if (!answering) {
         if (!_remoteServiceAway) {
             _remoteServiceAway = true;

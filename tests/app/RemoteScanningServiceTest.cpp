@@ -133,4 +133,25 @@ TEST_F(RemoteScanningServiceTest, AgentLaunchedWhileTheServiceIsAwayStartsWatchi
     EXPECT_EQ(log.count(QStringLiteral("-[KorvaneVarden_AppDelegate clamdFailedToStart]")), 1);
 }
 
+TEST_F(RemoteScanningServiceTest, AbortingScansEndsTheWaitForTheService)
+{
+    launch();
+    ASSERT_TRUE(waitUntilWatching());
+    ASSERT_TRUE(service().stop());
+    const QString dropped = write("dropped.com");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return agent->utils()->batchWaitsForRemoteService(); }, 30000));
+
+    agent->reallyAbortScans(nullptr);
+    EXPECT_FALSE(agent->utils()->batchWaitsForRemoteService());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan(); }, 5000));
+
+    // A batch still waiting would be scanned at the first answer, before
+    // any file written after it.
+    ASSERT_TRUE(service().start());
+    const QString later = write("later.com");
+    ASSERT_TRUE(waitUntilListed(later));
+    ASSERT_TRUE(waitUntilIdle());
+    EXPECT_FALSE(listedPaths().contains(dropped));
+}
+
 } // namespace
