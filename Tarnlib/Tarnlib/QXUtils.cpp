@@ -652,9 +652,8 @@ void QXUtils::scanFinishedWithStatus(int status)
     // The daemon client ends with 2 when it lost the daemon, or with 1 when
     // it had found something before. Whether the daemon still answers is
     // asked on the checker's thread, since one that hangs keeps the asker
-    // waiting.
-    // A local daemon is restarted once per batch; a scanning service is waited
-    // for as often as it goes away, since it is the only way to scan at all.
+    // waiting. A local daemon is restarted once per batch; a scanning service
+    // is waited for as often as it goes away, since nothing else can scan.
     if (_useClamd && (status == 1 || status == 2) && _theChecker
         && (!_rescanningBatch || _theChecker->clamdIsRemote())) {
         QXEngineChecker *checker = _theChecker;

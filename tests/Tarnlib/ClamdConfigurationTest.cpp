@@ -59,9 +59,17 @@ TEST(ClamdConfigurationTest, DaemonIsRemoteOnlyWithATcpPortAndNoLocalSocket)
 TEST(ClamdConfigurationTest, SizesAreBytesOrKilobytesMegabytesOrGigabytes)
 {
     const std::pair<const char *, qint64> cases[] = {
-        {"100M", 100LL * 1024 * 1024}, {"25m", 25LL * 1024 * 1024}, {"512K", 512 * 1024}, {"2k", 2048},
-        {"1048576", 1048576},          {"", -1},                    {"1.5M", -1},         {"4g", 4LL << 30},
-        {"M", -1},                     {"-5", -1},  {"10T", -1},
+        {"100M", 100LL * 1024 * 1024},
+        {"25m", 25LL * 1024 * 1024},
+        {"512K", 512 * 1024},
+        {"2k", 2048},
+        {"1048576", 1048576},
+        {"", -1},
+        {"1.5M", -1},
+        {"4g", 4LL << 30},
+        {"M", -1},
+        {"-5", -1},
+        {"10T", -1},
     };
     for (const auto &[text, bytes] : cases) {
         const ClamdConfiguration read =

@@ -430,7 +430,8 @@ TEST(QXEngineCheckerTest, ScanningServiceAnswersOverTcpWhileItRunsAndASilentList
     ASSERT_EQ(::listen(silent, 4), 0);
     ASSERT_EQ(::getsockname(silent, reinterpret_cast<sockaddr *>(&address), &length), 0);
     ScriptedPrefix elsewhere;
-    elsewhere.writeFile("etc/clamd.conf", "TCPAddr 127.0.0.1\nTCPSocket " + QByteArray::number(ntohs(address.sin_port)) + "\n");
+    elsewhere.writeFile("etc/clamd.conf",
+                        "TCPAddr 127.0.0.1\nTCPSocket " + QByteArray::number(ntohs(address.sin_port)) + "\n");
     CheckerRig silentRig(elsewhere.path());
     silentRig.checker.setClamdReplyTimeLimit(std::chrono::milliseconds(300));
     EXPECT_FALSE(silentRig.checker.clamdResponding());

@@ -96,7 +96,8 @@ TEST_F(RemoteScanningServiceTest, FilesOfABurstWaitWhileTheServiceIsStoppedAndAr
     }
 
     // Files written after the stop can only have met a silent service.
-    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(awayLine()); }, 30000)) << log.lines().join('\n').toStdString();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return log.contains(awayLine()); }, 30000))
+        << log.lines().join('\n').toStdString();
     ASSERT_TRUE(QTest::qWaitFor([&] { return agent->utils()->batchWaitsForRemoteService(); }, 30000));
     QTest::qWait(5 * retryMs);
     EXPECT_TRUE(agent->utils()->batchWaitsForRemoteService());

@@ -41,10 +41,9 @@ RemoteDaemon::RemoteDaemon()
 
     const QString db = _dir.filePath(QStringLiteral("service/db"));
     QDir().mkpath(db);
-    const QByteArray signatures = EngineFixture::eicarSignatureName().toLatin1() + ":0:*:"
-                                  + EngineFixture::eicarContents().toHex() + '\n'
-                                  + EngineFixture::markerSignatureName().toLatin1() + ":0:*:"
-                                  + EngineFixture::markerContents().toHex() + '\n';
+    const QByteArray signatures =
+        EngineFixture::eicarSignatureName().toLatin1() + ":0:*:" + EngineFixture::eicarContents().toHex() + '\n'
+        + EngineFixture::markerSignatureName().toLatin1() + ":0:*:" + EngineFixture::markerContents().toHex() + '\n';
     const QByteArray configuration = "TCPAddr 127.0.0.1\n"
                                      "TCPSocket "
                                      + QByteArray::number(_port)
