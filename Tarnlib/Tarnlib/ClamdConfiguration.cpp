@@ -26,18 +26,6 @@ ClamdConfiguration ClamdConfiguration::fromText(const QString &text)
     return configuration;
 }
 
-qint64 ClamdConfiguration::sizeValue(const QString &option) const
-{
-    static const QRegularExpression size(QStringLiteral("^(\\d{1,12})([KkMmGg]?)$"));
-    const QRegularExpressionMatch match = size.match(value(option));
-    if (!match.hasMatch())
-        return -1;
-    const qint64 number = match.captured(1).toLongLong();
-    const QString unit = match.captured(2).toUpper();
-    const int shift = unit == u"G" ? 30 : unit == u"M" ? 20 : unit == u"K" ? 10 : 0;
-    return number << shift;
-}
-
 bool ClamdConfiguration::daemonIsRemote() const
 {
     return tcpPort() != 0 && !contains(QStringLiteral("LocalSocket"));

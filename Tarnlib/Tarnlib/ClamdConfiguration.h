@@ -18,9 +18,6 @@ public:
     bool contains(const QString &option) const { return _options.contains(option); }
     // A null string when the option is absent.
     QString value(const QString &option) const { return _options.value(option); }
-    // A size written as bytes or with K, M or G ("100M"); -1 when the option is
-    // absent or not a size.
-    qint64 sizeValue(const QString &option) const;
 
     // The client reaches its daemon over TCP when the configuration names a
     // TCP port and no local socket, which the client would prefer.

@@ -345,13 +345,6 @@ bool QXEngineChecker::clamdRunning() const
 void QXEngineChecker::startClamd()
 {
     QXEngineCheckerDelegate *delegate = _delegate;
-    const ClamdConfiguration configuration = clamdConfiguration();
-    if (configuration.daemonIsRemote()) {
-        NSLog(QStringLiteral("the scan daemon is the scanning service at %1: nothing to start")
-                  .arg(configuration.remoteDaemonName()));
-        reportToMain([delegate] { delegate->clamdFailedToStart(); });
-        return;
-    }
     const QString program = QDir::cleanPath(delegate->enginePath() + QStringLiteral("/sbin/clamd"));
 
     // The launcher returns once the daemon has gone into the background; it

@@ -437,15 +437,3 @@ TEST(QXEngineCheckerTest, ScanningServiceAnswersOverTcpWhileItRunsAndASilentList
     EXPECT_FALSE(silentRig.checker.clamdResponding());
     ::close(silent);
 }
-
-TEST(QXEngineCheckerTest, RemotePrefixStartsNoDaemonAndSaysWhereItsServiceIs)
-{
-    RemoteDaemon &service = RemoteDaemon::shared();
-    ASSERT_TRUE(service.isReady()) << qPrintable(service.errorString());
-    LogCapture log;
-    CheckerRig rig(service.enginePath());
-    EXPECT_EQ(rig.startClamd(), QStringList{"clamdFailedToStart"});
-    EXPECT_TRUE(log.contains("the scan daemon is the scanning service at " + service.address() + ": nothing to start"))
-        << log.lines().join('\n').toStdString();
-    EXPECT_FALSE(QFileInfo::exists(service.enginePath() + "/run"));
-}

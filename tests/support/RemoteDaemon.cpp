@@ -44,23 +44,14 @@ RemoteDaemon::RemoteDaemon()
     const QByteArray signatures =
         EngineFixture::eicarSignatureName().toLatin1() + ":0:*:" + EngineFixture::eicarContents().toHex() + '\n'
         + EngineFixture::markerSignatureName().toLatin1() + ":0:*:" + EngineFixture::markerContents().toHex() + '\n';
-    const QByteArray configuration = "TCPAddr 127.0.0.1\n"
-                                     "TCPSocket "
-                                     + QByteArray::number(_port)
-                                     + "\n"
-                                       "StreamMaxLength "
-                                     + QByteArray::number(streamMaxLength)
-                                     + "\n"
-                                       "DatabaseDirectory "
-                                     + db.toUtf8()
-                                     + "\n"
-                                       "TemporaryDirectory "
-                                     + _dir.path().toUtf8()
-                                     + "\n"
-                                       "Foreground yes\n"
-                                       "LogSyslog no\n";
+    const QString configuration = QStringLiteral("TCPAddr 127.0.0.1\nTCPSocket %1\nStreamMaxLength %2\n"
+                                                 "DatabaseDirectory %3\nTemporaryDirectory %4\n"
+                                                 "Foreground yes\nLogSyslog no\n")
+                                      .arg(_port)
+                                      .arg(streamMaxLength)
+                                      .arg(db, _dir.path());
     if (!writeFile(db + QStringLiteral("/korvane.ndb"), signatures)
-        || !writeFile(_dir.filePath(QStringLiteral("service/clamd.conf")), configuration)) {
+        || !writeFile(_dir.filePath(QStringLiteral("service/clamd.conf")), configuration.toUtf8())) {
         _error = QStringLiteral("could not write the service's configuration in ") + _dir.path();
         return;
     }
