@@ -395,17 +395,21 @@ TEST_F(QXScannerTest, ScanningServiceGetsFileContentsAndAFileOverItsStreamLimitI
                                             + EngineFixture::markerContents());
     const QString small = infected("small.com");
     const QString plain = clean("plain.txt");
-    scan({over, atLimit, small, plain});
+    // A folder is scanned as its files but the big one.
+    const QString alsoOver = writeSample("folder/deeper/over.bin", filler + EngineFixture::markerContents());
+    const QString inside = infected("folder/inside.com");
+    scan({over, atLimit, small, plain, files.filePath("folder")});
     ASSERT_TRUE(waitForEnd());
 
     EXPECT_EQ(delegate.eventsStartingWith("infectionFound:"),
-              QStringList({infection(atLimit, markerName), infection(small, eicarName)}));
+              QStringList({infection(atLimit, markerName), infection(small, eicarName), infection(inside, eicarName)}));
     EXPECT_EQ(delegate.eventsStartingWith("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:2"});
     const QString notScanned = over + ": Size limit exceeded (StreamMaxLength 1048576 bytes), not scanned ERROR";
     const QStringList logged = logLines(delegate.scanLog);
     EXPECT_TRUE(logged.contains(notScanned)) << logged.join('\n').toStdString();
     EXPECT_TRUE(logged.contains(plain + ": OK"));
-    EXPECT_TRUE(logged.filter(over + ": OK").isEmpty());
+    EXPECT_TRUE(logged.filter(QRegularExpression("over.bin: OK")).isEmpty()) << logged.join('\n').toStdString();
+    EXPECT_TRUE(logged.contains(alsoOver + ": Size limit exceeded (StreamMaxLength 1048576 bytes), not scanned ERROR"));
     EXPECT_TRUE(log.contains("not scanned, larger than the scanning service takes: " + notScanned))
         << log.lines().join('\n').toStdString();
 }
