@@ -683,8 +683,8 @@ void QXUtils::daemonCheckedAfterScan(bool answering, bool remote, int status)
     if (remote) {
         // The dispatcher holds every later file meanwhile, since the
         // controller is not ready until this batch ends.
-        SystemLog::log(QStringLiteral("the scanning service stopped answering during a scan: the batch of %1 "
-                                      "files waits until it answers again")
+        SystemLog::log(QStringLiteral("the scanning service stopped answering during a scan: the batch waits "
+                                      "until it answers again (paths: %1)")
                            .arg(_batchInFlight.size()));
         _batchWaitsForRemoteService = true;
         askRemoteService();

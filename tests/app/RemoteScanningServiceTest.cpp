@@ -88,11 +88,11 @@ TEST_F(RemoteScanningServiceTest, FilesOfABurstWaitWhileTheServiceIsStoppedAndAr
     ASSERT_TRUE(waitUntilWatching());
     QStringList infected;
     for (int i = 0; i < 8; ++i)
-        infected << write(QStringLiteral("burst/early-%1.com").arg(i));
+        infected << write(QStringLiteral("early-%1.com").arg(i));
     ASSERT_TRUE(service().stop());
     for (int i = 0; i < 8; ++i) {
-        infected << write(QStringLiteral("burst/late-%1.txt").arg(i), EngineFixture::markerContents());
-        write(QStringLiteral("burst/clean-%1.txt").arg(i), "nothing to see here");
+        infected << write(QStringLiteral("late-%1.txt").arg(i), EngineFixture::markerContents());
+        write(QStringLiteral("clean-%1.txt").arg(i), "nothing to see here");
     }
 
     // Files written after the stop can only have met a silent service.
