@@ -717,6 +717,9 @@ void KorvaneVarden_AppDelegate::abortScans(QObject *sender)
 void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
 {
     _dispatcher->removeAllItems();
+    // A batch waiting for the scanning service has no program to stop.
+    if (_utils->batchWaitsForRemoteService())
+        _utils->stop();
     // Only the user's own scans: an agent running as root leaves other users' alone.
     const passwd *user = getpwuid(getuid());
     if (!user) {

@@ -15,6 +15,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStringDecoder>
+#include <QTcpSocket>
 #include <QVariantMap>
 
 #include <algorithm>
@@ -221,8 +222,41 @@ void QXEngineChecker::setClamdSocket(const QString &path)
     _clamdSocket = path;
 }
 
+ClamdConfiguration QXEngineChecker::clamdConfiguration() const
+{
+    return ClamdConfiguration::fromFile(_delegate->enginePath() + QStringLiteral("/etc/clamd.conf"));
+}
+
+bool QXEngineChecker::talkToRemoteClamd(const ClamdConfiguration &configuration, const char *command)
+{
+    const QByteArray name = configuration.remoteDaemonName().toUtf8();
+    const auto failed = [&name](const char *message, const char *call, const QTcpSocket &socket) {
+        std::printf(message, name.constData());
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s: %s\n", call, qPrintable(socket.errorString()));
+        return false;
+    };
+    // The same limit as for the local socket bounds the whole exchange, so
+    // a service behind a silent network cannot hold the caller.
+    QDeadlineTimer deadline(_clamdReplyTimeLimit);
+    QTcpSocket socket;
+    socket.connectToHost(configuration.tcpAddress(), configuration.tcpPort());
+    if (!socket.waitForConnected(int(deadline.remainingTime())))
+        return failed("Error, can't connect to clamd through %s.\n", "connect()", socket);
+    socket.write(command, qint64(std::strlen(command)) + 1);
+    if (!socket.waitForBytesWritten(int(deadline.remainingTime())))
+        return failed("Error, could not write to %s socket\n", "write()", socket);
+    // A balancer with no daemon behind it may accept and then hang up.
+    if (!socket.waitForReadyRead(int(deadline.remainingTime())) || socket.readAll().isEmpty())
+        return failed("Error, clamd did not answer through %s.\n", "read()", socket);
+    return true;
+}
+
 bool QXEngineChecker::talkToClamdWithCommand(const char *command)
 {
+    const ClamdConfiguration configuration = clamdConfiguration();
+    if (configuration.daemonIsRemote())
+        return talkToRemoteClamd(configuration, command);
     if (clamdSocket().isNull())
         discernClamdSocketLocation();
     const QString socketPath = clamdSocket();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ClamdConfiguration.h"
 #include "QXWorkerThread.h"
 
 #include <QMutex>
@@ -36,6 +37,11 @@ public:
     // and answered within the time limit (the answer is not examined).
     bool talkToClamdWithCommand(const char *command);
     void discernClamdSocketLocation();
+    // The engine's etc/clamd.conf, read anew at each call.
+    ClamdConfiguration clamdConfiguration() const;
+    // Whether the daemon is a scanning service elsewhere, reached over TCP:
+    // the agent asks it but never starts it.
+    bool clamdIsRemote() const { return clamdConfiguration().daemonIsRemote(); }
 
     QXEngineCheckerDelegate *delegate() const { return _delegate; }
     void setDelegate(QXEngineCheckerDelegate *delegate) { _delegate = delegate; }
@@ -57,6 +63,7 @@ protected:
 
 private:
     void handleVersionLine(const QString &line);
+    bool talkToRemoteClamd(const ClamdConfiguration &configuration, const char *command);
 
     QXEngineCheckerDelegate *_delegate;
     QString _versionString;

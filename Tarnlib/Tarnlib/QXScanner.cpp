@@ -2,6 +2,7 @@
 
 #include "QXScannerDelegate.h"
 #include "platform/Localization.h"
+#include "platform/SystemLog.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -237,6 +238,11 @@ void QXScanner::handleLine(const QString &line)
         const QString warning = Localization::text("DB_OUT_OF_DATE");
         reportToMain([delegate] { delegate->appendToConsole(QStringLiteral("\n")); });
         reportToMain([delegate, warning] { delegate->appendToConsole(warning); });
+    } else if (line.contains(QLatin1String("size limit exceeded"), Qt::CaseInsensitive)
+               && (line.endsWith(QLatin1String(" ERROR")) || line.endsWith(QLatin1String(" ERROR\"")))) {
+        // A file larger than the scanning service takes was not scanned; the
+        // scan log has the line, the system log says so plainly.
+        NSLog(QStringLiteral("not scanned, larger than the scanning service takes: %1").arg(line));
     }
 }
 

@@ -188,6 +188,10 @@ QXUtils::QXUtils(QXUtilsDelegate *delegate, const QList<EngineCandidate> &engine
         QDir().mkpath(logs);
 
     makeEngineCandidateLists(engineCandidates);
+
+    _remoteServiceTimer.setSingleShot(true);
+    _remoteServiceTimer.setInterval(defaultRemoteServiceRetryMs);
+    connect(&_remoteServiceTimer, &QTimer::timeout, this, &QXUtils::askRemoteService);
 }
 
 QXUtils::~QXUtils()
@@ -400,6 +404,11 @@ void QXUtils::stop()
                 counter->cancel();
         }
         _paused = false;
+        // Nothing runs while the batch waits for the scanning service.
+        if (_batchWaitsForRemoteService) {
+            _batchWaitsForRemoteService = false;
+            finishBatch(_statusOfLostScan);
+        }
     } else if (_updating) {
         if (_theUpdater)
             _theUpdater->stop();
@@ -643,27 +652,45 @@ void QXUtils::scanFinishedWithStatus(int status)
     // The daemon client ends with 2 when it lost the daemon, or with 1 when
     // it had found something before. Whether the daemon still answers is
     // asked on the checker's thread, since one that hangs keeps the asker
-    // waiting.
-    if (_useClamd && (status == 1 || status == 2) && !_rescanningBatch && _theChecker) {
+    // waiting. A local daemon is restarted once per batch; a scanning service
+    // is waited for as often as it goes away, since nothing else can scan.
+    if (_useClamd && (status == 1 || status == 2) && _theChecker
+        && (!_rescanningBatch || _theChecker->clamdIsRemote())) {
         QXEngineChecker *checker = _theChecker;
         checker->perform([this, checker, status] {
-            const bool answering = checker->clamdRunning() && checker->clamdResponding();
+            const bool remote = checker->clamdIsRemote();
+            const bool answering = (remote || checker->clamdRunning()) && checker->clamdResponding();
             QMetaObject::invokeMethod(
-                this, [this, answering, status] { daemonCheckedAfterScan(answering, status); }, Qt::QueuedConnection);
+                this, [this, answering, remote, status] { daemonCheckedAfterScan(answering, remote, status); },
+                Qt::QueuedConnection);
         });
         return;
     }
     finishBatch(status);
 }
 
-void QXUtils::daemonCheckedAfterScan(bool answering, int status)
+void QXUtils::daemonCheckedAfterScan(bool answering, bool remote, int status)
 {
     if (answering) {
         finishBatch(status);
         return;
     }
-    SystemLog::log(QStringLiteral("the scan daemon stopped answering during a scan: starting it again"));
     _statusOfLostScan = status;
+    if (remote && _batchInFlight.isEmpty()) {
+        finishBatch(status);
+        return;
+    }
+    if (remote) {
+        // The dispatcher holds every later file meanwhile, since the
+        // controller is not ready until this batch ends.
+        SystemLog::log(QStringLiteral("the scanning service stopped answering during a scan: the batch waits "
+                                      "until it answers again (paths: %1)")
+                           .arg(_batchInFlight.size()));
+        _batchWaitsForRemoteService = true;
+        askRemoteService();
+        return;
+    }
+    SystemLog::log(QStringLiteral("the scan daemon stopped answering during a scan: starting it again"));
     _restartingClamdForBatch = true;
     QXEngineChecker *checker = _theChecker;
     checker->perform([checker] { checker->startClamd(); });
@@ -802,6 +829,13 @@ void QXUtils::engineFoundWithVersionString(const QString &version)
     _delegate->engineFoundWithVersionString(version);
     if (!_useClamd)
         return;
+    // Asked on the checker's thread: a service behind a silent network would
+    // hold the main thread for the whole time limit.
+    if (_theChecker->clamdIsRemote()) {
+        _startupWaitsForRemoteService = true;
+        askRemoteService();
+        return;
+    }
     if (_theChecker->clamdRunning() && _theChecker->clamdResponding()) {
         if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdAlreadyRunning))
             _delegate->clamdAlreadyRunning();
@@ -830,15 +864,7 @@ void QXUtils::clamdStarted()
 {
     if (_restartingClamdForBatch) {
         _restartingClamdForBatch = false;
-        // A stop while the daemon was starting ends the batch here.
-        if (_batchInFlight.isEmpty()) {
-            finishBatch(_statusOfLostScan);
-            return;
-        }
-        _rescanningBatch = true;
-        QXScanner *scanner = _theScanner;
-        const QStringList batch = _batchInFlight;
-        scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+        rescanBatchInFlight();
         return;
     }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdStarted))
@@ -853,4 +879,64 @@ void QXUtils::clamdFailedToStart()
     }
     if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdFailedToStart))
         _delegate->clamdFailedToStart();
+}
+
+void QXUtils::rescanBatchInFlight()
+{
+    // A stop while the daemon was away ends the batch here.
+    if (_batchInFlight.isEmpty()) {
+        finishBatch(_statusOfLostScan);
+        return;
+    }
+    _rescanningBatch = true;
+    QXScanner *scanner = _theScanner;
+    const QStringList batch = _batchInFlight;
+    scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+}
+
+void QXUtils::askRemoteService()
+{
+    if (!_theChecker)
+        return;
+    QXEngineChecker *checker = _theChecker;
+    checker->perform([this, checker] {
+        const QString name = checker->clamdConfiguration().remoteDaemonName();
+        const bool answering = checker->clamdResponding();
+        QMetaObject::invokeMethod(
+            this, [this, answering, name] { remoteServiceAsked(answering, name); }, Qt::QueuedConnection);
+    });
+}
+
+void QXUtils::remoteServiceAsked(bool answering, const QString &name)
+{
+    // Nobody waits any more (the scan was stopped): the next outage is news again.
+    if (!_startupWaitsForRemoteService && !_batchWaitsForRemoteService) {
+        _remoteServiceAway = false;
+        return;
+    }
+    if (!answering) {
+        if (!_remoteServiceAway) {
+            _remoteServiceAway = true;
+            SystemLog::log(QStringLiteral("the scanning service at %1 does not answer: asking again every %2 s")
+                               .arg(name)
+                               .arg(_remoteServiceTimer.interval() / 1000.0));
+            if (_startupWaitsForRemoteService && _delegate->respondsTo(QXUtilsDelegate::Optional::ClamdFailedToStart))
+                _delegate->clamdFailedToStart();
+        }
+        _remoteServiceTimer.start();
+        return;
+    }
+    if (_remoteServiceAway) {
+        _remoteServiceAway = false;
+        SystemLog::log(QStringLiteral("the scanning service at %1 answers again").arg(name));
+    }
+    if (_batchWaitsForRemoteService) {
+        _batchWaitsForRemoteService = false;
+        rescanBatchInFlight();
+    }
+    if (_startupWaitsForRemoteService) {
+        _startupWaitsForRemoteService = false;
+        if (_delegate->respondsTo(QXUtilsDelegate::Optional::ClamdAlreadyRunning))
+            _delegate->clamdAlreadyRunning();
+    }
 }

@@ -13,6 +13,7 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 #include <QUrl>
 #include <QVariant>
 #include <QVariantMap>
@@ -116,6 +117,12 @@ public:
     // How long the engine walk waits before checking again.
     static constexpr int retrySameCandidateMs = 1000;
     static constexpr int tryNextCandidateMs = 200;
+    // How often a scanning service that does not answer is asked again.
+    static constexpr int defaultRemoteServiceRetryMs = 10000;
+    int remoteServiceRetryMs() const { return _remoteServiceTimer.interval(); }
+    void setRemoteServiceRetryMs(int ms) { _remoteServiceTimer.setInterval(ms); }
+    // Whether a batch waits for the scanning service to answer again.
+    bool batchWaitsForRemoteService() const { return _batchWaitsForRemoteService; }
 
     QXUtilsDelegate *delegate() const { return _delegate; }
     void setDelegate(QXUtilsDelegate *delegate) { _delegate = delegate; }
@@ -177,7 +184,10 @@ private:
     // "PathToClamav" or "PathToUpdateLog" as the companion has it.
     QVariant customEngineSetting(const QString &key) const;
     void recordNeedsExit1FreshclamFlag(bool flag);
-    void daemonCheckedAfterScan(bool answering, int status);
+    void daemonCheckedAfterScan(bool answering, bool remote, int status);
+    void rescanBatchInFlight();
+    void askRemoteService();
+    void remoteServiceAsked(bool answering, const QString &name);
     void finishBatch(int status);
 
     QXUtilsDelegate *_delegate;
@@ -235,4 +245,10 @@ private:
     bool _restartingClamdForBatch = false;
     bool _rescanningBatch = false;
     int _statusOfLostScan = 0;
+    // A scanning service elsewhere is never started: while it does not
+    // answer, the startup and the batch in flight wait and it is asked again.
+    QTimer _remoteServiceTimer;
+    bool _startupWaitsForRemoteService = false;
+    bool _batchWaitsForRemoteService = false;
+    bool _remoteServiceAway = false;
 };

@@ -6,6 +6,7 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/QtPrinters.h"
+#include "tests/support/RemoteDaemon.h"
 #include "tests/support/ScriptedPrefix.h"
 
 #include <QCoreApplication>
@@ -22,6 +23,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
 #include <optional>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -398,4 +400,40 @@ TEST(QXEngineCheckerTest, RealEngineIsFoundItsDaemonStartsAgainAfterQuitButNotWi
     // No daemon program at all.
     ScriptedPrefix empty;
     EXPECT_EQ(CheckerRig(empty.path()).startClamd(), QStringList{"clamdFailedToStart"});
+}
+
+TEST(QXEngineCheckerTest, ScanningServiceAnswersOverTcpWhileItRunsAndASilentListenerDoesNot)
+{
+    RemoteDaemon &service = RemoteDaemon::shared();
+    ASSERT_TRUE(service.isReady()) << qPrintable(service.errorString());
+    ASSERT_TRUE(service.start());
+    CheckerRig rig(service.enginePath());
+    rig.checker.setClamdReplyTimeLimit(std::chrono::milliseconds(500));
+    EXPECT_TRUE(rig.checker.clamdIsRemote());
+    EXPECT_TRUE(rig.checker.clamdResponding());
+    // The agent never looks for a local socket of a remote prefix.
+    EXPECT_TRUE(rig.checker.clamdSocket().isNull());
+
+    ASSERT_TRUE(service.stop());
+    EXPECT_FALSE(rig.checker.clamdResponding());
+    ASSERT_TRUE(service.start());
+    EXPECT_TRUE(rig.checker.clamdResponding());
+
+    // Connections land in the backlog and nothing ever answers, as behind a
+    // balancer whose daemons hang: the time limit ends the wait.
+    const int silent = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr *>(&address), length), 0);
+    ASSERT_EQ(::listen(silent, 4), 0);
+    ASSERT_EQ(::getsockname(silent, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    ScriptedPrefix elsewhere;
+    elsewhere.writeFile("etc/clamd.conf",
+                        "TCPAddr 127.0.0.1\nTCPSocket " + QByteArray::number(ntohs(address.sin_port)) + "\n");
+    CheckerRig silentRig(elsewhere.path());
+    silentRig.checker.setClamdReplyTimeLimit(std::chrono::milliseconds(300));
+    EXPECT_FALSE(silentRig.checker.clamdResponding());
+    ::close(silent);
 }

@@ -6,6 +6,7 @@
 #include "platform/Localization.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RemoteDaemon.h"
 #include "tests/support/ScriptedPrefix.h"
 #include "tests/support/TemporaryHome.h"
 
@@ -374,4 +375,41 @@ TEST_F(QXScannerTest, AnEngineThatKeepsTalkingOrIsPausedRunsPastTheSilenceLimit)
 
     ASSERT_TRUE(waitForEnd());
     EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:0");
+}
+
+TEST_F(QXScannerTest, ScanningServiceGetsFileContentsAndAFileOverItsStreamLimitIsNotScannedNorCalledClean)
+{
+    RemoteDaemon &service = RemoteDaemon::shared();
+    ASSERT_TRUE(service.isReady()) << qPrintable(service.errorString());
+    ASSERT_TRUE(service.start());
+    delegate.engine = service.enginePath();
+    useScanLog();
+    LogCapture log;
+
+    // The marker lies past the limit in the big file, so a client that sent
+    // only the first part would call it clean.
+    const QByteArray filler(RemoteDaemon::streamMaxLength, 'x');
+    const QString over = writeSample("big/over.bin", filler + EngineFixture::markerContents());
+    const QString atLimit =
+        writeSample("big/at-limit.bin", filler.left(filler.size() - EngineFixture::markerContents().size())
+                                            + EngineFixture::markerContents());
+    const QString small = infected("small.com");
+    const QString plain = clean("plain.txt");
+    // A folder is scanned as its files but the big one.
+    const QString alsoOver = writeSample("folder/deeper/over.bin", filler + EngineFixture::markerContents());
+    const QString inside = infected("folder/inside.com");
+    scan({over, atLimit, small, plain, files.filePath("folder")});
+    ASSERT_TRUE(waitForEnd());
+
+    EXPECT_EQ(delegate.eventsStartingWith("infectionFound:"),
+              QStringList({infection(atLimit, markerName), infection(small, eicarName), infection(inside, eicarName)}));
+    EXPECT_EQ(delegate.eventsStartingWith("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:2"});
+    const QString notScanned = over + ": Size limit exceeded (StreamMaxLength 1048576 bytes), not scanned ERROR";
+    const QStringList logged = logLines(delegate.scanLog);
+    EXPECT_TRUE(logged.contains(notScanned)) << logged.join('\n').toStdString();
+    EXPECT_TRUE(logged.contains(plain + ": OK"));
+    EXPECT_TRUE(logged.filter(QRegularExpression("over.bin: OK")).isEmpty()) << logged.join('\n').toStdString();
+    EXPECT_TRUE(logged.contains(alsoOver + ": Size limit exceeded (StreamMaxLength 1048576 bytes), not scanned ERROR"));
+    EXPECT_TRUE(log.contains("not scanned, larger than the scanning service takes: " + notScanned))
+        << log.lines().join('\n').toStdString();
 }
