@@ -717,6 +717,9 @@ void KorvaneVarden_AppDelegate::abortScans(QObject *sender)
 void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
 {
     _dispatcher->removeAllItems();
+    // Our own batch is stopped as such, so that what its clients leave
+    // unscanned is not taken up again once they are killed below.
+    _utils->stop();
     // Only the user's own scans: an agent running as root leaves other users' alone.
     const passwd *user = getpwuid(getuid());
     if (!user) {

@@ -358,6 +358,7 @@ void QXUtils::scanFiles(const QStringList &paths)
     if (!_theScanner)
         return;
     _batchInFlight = paths;
+    _unscannedOfBatch.clear();
     _rescanningBatch = false;
     _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
@@ -640,8 +641,9 @@ void QXUtils::scanStarted()
 
 void QXUtils::scanFinishedWithStatus(int status)
 {
-    // The daemon client ends with 2 when it lost the daemon, or with 1 when
-    // it had found something before. Whether the daemon still answers is
+    // The daemon client ends with 2 when it lost the daemon or a client of
+    // a shared batch failed, or with 1 when it had found something before.
+    // Whether the daemon still answers is
     // asked on the checker's thread, since one that hangs keeps the asker
     // waiting.
     if (_useClamd && (status == 1 || status == 2) && !_rescanningBatch && _theChecker) {
@@ -658,6 +660,17 @@ void QXUtils::scanFinishedWithStatus(int status)
 
 void QXUtils::daemonCheckedAfterScan(bool answering, int status)
 {
+    // A stop meanwhile leaves nothing to scan again.
+    if (answering && !_unscannedOfBatch.isEmpty() && !_batchInFlight.isEmpty()) {
+        SystemLog::log(QStringLiteral("%1 files of the batch were left unscanned: scanning them again")
+                           .arg(_unscannedOfBatch.size()));
+        _rescanningBatch = true;
+        QXScanner *scanner = _theScanner;
+        const QStringList unscanned = _unscannedOfBatch;
+        _unscannedOfBatch.clear();
+        scanner->perform([scanner, unscanned] { scanner->runScanOnFiles(unscanned); });
+        return;
+    }
     if (answering) {
         finishBatch(status);
         return;
@@ -673,8 +686,16 @@ void QXUtils::finishBatch(int status)
 {
     _rescanningBatch = false;
     _batchInFlight.clear();
+    _unscannedOfBatch.clear();
     _infectedPathsOfBatch.clear();
     _delegate->scanFinishedWithStatus(status);
+}
+
+void QXUtils::filesLeftUnscanned(const QStringList &paths)
+{
+    // The second run of a batch is its last.
+    if (!_rescanningBatch)
+        _unscannedOfBatch = paths;
 }
 
 void QXUtils::scanCrashed(const QString &reason)

@@ -71,6 +71,7 @@ public:
         record(QStringLiteral("scanFinishedWithStatus:%1").arg(status));
     }
     void scanCrashed(const QString &reason) override { record("scanCrashed:" + reason); }
+    void filesLeftUnscanned(const QStringList &paths) override { record("filesLeftUnscanned:" + paths.join('|')); }
     void infectionFound(const QString &line) override { record("infectionFound:" + line); }
     void appendToConsole(const QString &text) override { record("appendToConsole:" + text); }
     void updateProgressWithMessage(const QString &message) override { record("updateProgressWithMessage:" + message); }
