@@ -37,6 +37,11 @@ public:
     {
         return events().filter(QRegularExpression("^" + QRegularExpression::escape(prefix)));
     }
+    void clear()
+    {
+        QMutexLocker locker(&_lock);
+        _events.clear();
+    }
     bool ended() const
     {
         return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty();
