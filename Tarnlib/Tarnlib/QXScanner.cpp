@@ -101,9 +101,9 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     // The daemon client scans one file at a time, so a large batch is
     // shared among as many clients as the daemon has threads.
     const int clients =
-        _usingClamd && delegate->engineSupportsFileListFlag()
-            ? clientsForBatch(listed.size(), daemonThreadsInConfiguration(delegate->enginePath() + QStringLiteral("/etc/clamd.conf")))
-            : 1;
+        _usingClamd && delegate->engineSupportsFileListFlag() ? clientsForBatch(
+            listed.size(), daemonThreadsInConfiguration(delegate->enginePath() + QStringLiteral("/etc/clamd.conf")))
+                                                              : 1;
     RunResult result;
     bool ran = false;
     if (!listed.isEmpty() || alone.isEmpty()) {

@@ -161,14 +161,13 @@ QList<QXWorkerThread::RunResult> QXWorkerThread::runChildren(const QList<Command
             if (--running == 0)
                 loop.quit();
         };
-        connect(&process, &QProcess::finished, &process,
-                [&child, end](int exitCode, QProcess::ExitStatus exitStatus) {
-                    child.result.started = true;
-                    // For a child ended by a signal Qt gives the signal number as the code.
-                    child.result.status = exitCode;
-                    child.result.crashed = exitStatus == QProcess::CrashExit;
-                    end();
-                });
+        connect(&process, &QProcess::finished, &process, [&child, end](int exitCode, QProcess::ExitStatus exitStatus) {
+            child.result.started = true;
+            // For a child ended by a signal Qt gives the signal number as the code.
+            child.result.status = exitCode;
+            child.result.crashed = exitStatus == QProcess::CrashExit;
+            end();
+        });
         // A program that cannot be started never sends finished.
         connect(&process, &QProcess::errorOccurred, &process, [&child, end](QProcess::ProcessError error) {
             if (error != QProcess::FailedToStart)

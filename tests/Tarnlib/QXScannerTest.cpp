@@ -454,8 +454,8 @@ TEST_F(QXScannerTest, OneFileOrASmallBatchGoesThroughOneClientAndALargeOneThroug
     ASSERT_TRUE(useScript(engine));
     ScriptedPrefix configuration;
     QDir().mkpath(engine.enginePath() + "/etc");
-    ASSERT_TRUE(QFile::copy(configuration.writeFile("clamd.conf", "MaxThreads 3\n"),
-                            engine.enginePath() + "/etc/clamd.conf"));
+    ASSERT_TRUE(
+        QFile::copy(configuration.writeFile("clamd.conf", "MaxThreads 3\n"), engine.enginePath() + "/etc/clamd.conf"));
     startScanner();
     for (const int files : {1, 19, 200}) {
         SCOPED_TRACE(files);
@@ -523,9 +523,10 @@ TEST_F(QXScannerTest, AClientKilledMidBatchEndsTheBatchWithStatusTwoAndNamesExac
 {
     // The client given the victim answers for its first name and then
     // hangs; the others answer for all of theirs.
-    ScriptEngine engine(noteClient + "if grep -q victim \"$list\"; then\n"
-                                     "    head -n 1 \"$list\" | sed 's/$/: OK/'\n"
-                                     + ScriptEngine::waitForRelease() + "fi\nsed 's/$/: OK/' \"$list\"\n");
+    ScriptEngine engine(noteClient
+                        + "if grep -q victim \"$list\"; then\n"
+                          "    head -n 1 \"$list\" | sed 's/$/: OK/'\n"
+                        + ScriptEngine::waitForRelease() + "fi\nsed 's/$/: OK/' \"$list\"\n");
     ASSERT_TRUE(useScript(engine));
     useScanLog();
     QStringList batch;
