@@ -80,6 +80,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     _clientListPaths.clear();
     _unscanned.clear();
     _foundInRun = false;
+    _stopRequested = false;
     clearPaused();
     _thePathsToScan = paths;
     setScanListTempFilePath(pathForTemporaryFileWithPrefix(QStringLiteral("Korvane")));
@@ -113,7 +114,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     }
     for (const QString &path : std::as_const(alone)) {
         // A run that could not start, or was stopped or killed, ends the batch.
-        if (ran && (!result.started || result.crashed))
+        if (ran && (!result.started || result.crashed || _stopRequested))
             break;
         const RunResult one = runPart(program, commonArguments(QStringList{path}) << path, path);
         if (!ran || !one.started || one.crashed || result.status == 0)
@@ -379,5 +380,7 @@ bool QXScanner::pause()
 
 void QXScanner::stop()
 {
+    if (hasChild())
+        _stopRequested = true;
     stopChild();
 }

@@ -10,6 +10,7 @@
 #include <QStringDecoder>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -106,6 +107,8 @@ private:
     // Names that a failed client of a shared batch never answered for.
     QStringList _unscanned;
     bool _foundInRun = false;
+    // Set by stop(): a batch shared by several clients ends as no one of them does.
+    std::atomic_bool _stopRequested = false;
     QStringList _thePathsToScan;
     std::unique_ptr<QFile> _loggerFileHandle;
     QByteArray _returnCharData;

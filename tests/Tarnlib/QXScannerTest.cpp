@@ -582,3 +582,23 @@ TEST_F(QXScannerTest, PauseDuringASharedBatchSuspendsEveryClientAndASecondPauseR
     EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
     EXPECT_TRUE(delegate.eventsStartingWith("filesLeftUnscanned:").isEmpty());
 }
+
+TEST_F(QXScannerTest, StopDuringASharedBatchEndsEveryClientAndScansNoNameLeftForACallOfItsOwn)
+{
+    ScriptEngine engine(noteClient + ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    QStringList batch;
+    for (int i = 0; i < 20; ++i)
+        batch << QStringLiteral("/x/%1").arg(i);
+    batch << "/x/two\nlines";
+    QXScanner *s = startScanner();
+    scan(batch);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return clientPids(engine).size() == 2 && s->hasChild(); }, waitLimit));
+
+    s->stop();
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:2");
+    for (const qint64 pid : clientPids(engine))
+        EXPECT_EQ(processState(pid), '\0') << pid;
+    EXPECT_EQ(clientPids(engine).size(), 2);
+}
