@@ -717,9 +717,10 @@ void KorvaneVarden_AppDelegate::abortScans(QObject *sender)
 void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
 {
     _dispatcher->removeAllItems();
-    // A batch waiting for the scanning service has no program to stop.
-    if (_utils->batchWaitsForRemoteService())
-        _utils->stop();
+    // Our own batch is stopped as such, so that what its clients leave
+    // unscanned is not taken up again once they are killed below, and a batch
+    // waiting for the scanning service, which has no program to kill, ends too.
+    _utils->stop();
     // Only the user's own scans: an agent running as root leaves other users' alone.
     const passwd *user = getpwuid(getuid());
     if (!user) {

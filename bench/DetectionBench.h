@@ -8,7 +8,8 @@ class BenchTable;
 
 // From files written into a watched folder to rows in the infected list, with
 // one agent against the real daemon: single files one at a time, writers that
-// hold their files open, and a burst beside a plain clamdscan of the same files.
+// hold their files open, and a burst beside a plain clamdscan of the same files
+// and the daemon's own multi-threaded scan of their folder.
 class DetectionBench
 {
 public:

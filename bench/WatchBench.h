@@ -44,6 +44,10 @@ private:
     // Runs this program in a mode of its own and reads its key=value lines.
     QHash<QString, QString> runProbe(const QStringList &arguments, int timeoutMs) const;
 
+    // inotifywait's resident memory on an empty folder, measured once.
+    qint64 inotifywaitBaselineKb();
+
+    qint64 _inotifywaitBaselineKb = -1;
     const QString _program;
     const QString _enginePath;
     const QString _scratch;

@@ -1,5 +1,6 @@
 #include "QXScanner.h"
 
+#include "ClamdConfiguration.h"
 #include "QXScannerDelegate.h"
 #include "platform/Localization.h"
 #include "platform/SystemLog.h"
@@ -8,6 +9,8 @@
 #include <QDir>
 #include <QMutexLocker>
 #include <QUuid>
+
+#include <algorithm>
 
 namespace {
 
@@ -28,7 +31,6 @@ QString dateText()
 QXScanner::QXScanner(QXScannerDelegate *delegate, QObject *parent)
     : QXWorkerThread(parent)
     , _delegate(delegate)
-    , _outputDecoder(QStringDecoder::Utf8)
     , _returnCharData("\n")
 {
     _delegateWantsUpdates = _delegate->wantScanStatusUpdates();
@@ -46,14 +48,31 @@ QString QXScanner::pathForTemporaryFileWithPrefix(const QString &prefix)
     return QDir::tempPath() + QLatin1Char('/') + prefix + QLatin1Char('-') + uuid;
 }
 
+int QXScanner::daemonThreadsInConfiguration(const QString &path)
+{
+    bool number = false;
+    const int threads = ClamdConfiguration::fromFile(path).value(QStringLiteral("MaxThreads")).toInt(&number);
+    return number && threads > 0 ? threads : 10;
+}
+
+int QXScanner::clientsForBatch(qsizetype files, int daemonThreads)
+{
+    if (files < smallBatchLimit)
+        return 1;
+    return int(std::clamp<qsizetype>(files / filesPerClientAtLeast, 1, std::max(daemonThreads, 1)));
+}
+
 void QXScanner::runScanOnFiles(const QStringList &paths)
 {
     QXScannerDelegate *delegate = _delegate;
     reportToMainAndWait([delegate] { delegate->scanStarted(); });
 
     _logScans = delegate->logScans();
-    _partialOutput.clear();
-    _outputDecoder.resetState();
+    _childOutputs.clear();
+    _clientListPaths.clear();
+    _unscanned.clear();
+    _foundInRun = false;
+    _stopRequested = false;
     clearPaused();
     _thePathsToScan = paths;
     setScanListTempFilePath(pathForTemporaryFileWithPrefix(QStringLiteral("Korvane")));
@@ -72,15 +91,22 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
 
     const QString program = QDir::cleanPath(
         delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+    // The daemon client scans one file at a time, so a large batch is
+    // shared among as many clients as the daemon has threads.
+    const int clients =
+        _usingClamd && delegate->engineSupportsFileListFlag() ? clientsForBatch(
+            listed.size(), daemonThreadsInConfiguration(delegate->enginePath() + QStringLiteral("/etc/clamd.conf")))
+                                                              : 1;
     RunResult result;
     bool ran = false;
     if (!listed.isEmpty() || alone.isEmpty()) {
-        result = runPart(program, argumentsForBatch(listed), QString());
+        result = clients > 1 ? runSplit(program, listed, clients)
+                             : runPart(program, argumentsForBatch(listed, _scanListTempFilePath), QString());
         ran = true;
     }
     for (const QString &path : std::as_const(alone)) {
         // A run that could not start, or was stopped or killed, ends the batch.
-        if (ran && (!result.started || result.crashed))
+        if (ran && (!result.started || result.crashed || _stopRequested))
             break;
         const RunResult one = runPart(program, commonArguments(QStringList{path}) << path, path);
         if (!ran || !one.started || one.crashed || result.status == 0)
@@ -93,6 +119,8 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
     } else if (result.silent) {
         QFile::remove(_scanListTempFilePath);
+        for (const QString &list : std::as_const(_clientListPaths))
+            QFile::remove(list);
         const QString reason = QStringLiteral("%1 gave no output for %2 s and was ended")
                                    .arg(program)
                                    .arg(std::chrono::duration_cast<std::chrono::seconds>(silenceLimit()).count());
@@ -124,26 +152,86 @@ void QXScanner::openScanLog()
 QXWorkerThread::RunResult QXScanner::runPart(const QString &program, const QStringList &arguments,
                                              const QString &pathAlone)
 {
-    _partialOutput.clear();
-    _outputDecoder.resetState();
+    _childOutputs = std::vector<ChildOutput>(1);
     _pathAlone = pathAlone;
     const RunResult result = runChild(program, arguments);
-    // Output that ends without a newline still holds a whole line; a name
-    // scanned alone may span lines, so its output is read only now.
-    QString rest = _partialOutput;
-    _partialOutput.clear();
-    if (!pathAlone.isEmpty())
+    // A name scanned alone may span lines, so its output is read only now.
+    ChildOutput &output = _childOutputs.front();
+    if (!pathAlone.isEmpty()) {
+        QString rest = output.partialOutput;
+        output.partialOutput.clear();
         rest.replace(pathAlone, QString(QChar(0)));
-    for (QString &line : rest.split(QLatin1Char('\n'))) {
-        if (!pathAlone.isEmpty())
+        for (QString &line : rest.split(QLatin1Char('\n'))) {
             line.replace(QChar(0), pathAlone);
-        handleLine(line);
+            takeLine(output, line);
+        }
     }
+    takeLastLine(output);
     _pathAlone.clear();
     return result;
 }
 
-QStringList QXScanner::argumentsForBatch(const QStringList &paths)
+QXWorkerThread::RunResult QXScanner::runSplit(const QString &program, const QStringList &paths, int clients)
+{
+    QList<QStringList> parts(clients);
+    for (qsizetype i = 0; i < paths.size(); ++i)
+        parts[i % clients].append(paths.at(i));
+    _childOutputs = std::vector<ChildOutput>(size_t(clients));
+    QList<Command> commands;
+    for (int i = 0; i < clients; ++i) {
+        const QString list = _scanListTempFilePath + QStringLiteral("-%1").arg(i + 1);
+        _clientListPaths.append(list);
+        ChildOutput &output = _childOutputs[size_t(i)];
+        commands.append({program, argumentsForBatch(parts.at(i), list, &output.listed)});
+        output.unanswered = QSet<QString>(output.listed.cbegin(), output.listed.cend());
+    }
+    const QList<RunResult> results = runChildren(commands);
+
+    // One end for the batch, as one client would have given it.
+    RunResult batch;
+    batch.started = true;
+    bool failed = false;
+    for (int i = 0; i < clients; ++i) {
+        ChildOutput &output = _childOutputs[size_t(i)];
+        takeLastLine(output);
+        const RunResult &result = results.at(i);
+        if (!result.started)
+            return result;
+        failed = failed || result.crashed || result.status >= 2;
+        // A client that was killed or hung leaves the rest of its list unscanned.
+        if (result.crashed) {
+            for (const QString &path : std::as_const(output.listed)) {
+                if (output.unanswered.contains(path))
+                    _unscanned.append(path);
+            }
+        }
+    }
+    batch.status = _foundInRun ? 1 : failed ? 2 : 0;
+    return batch;
+}
+
+void QXScanner::takeLine(ChildOutput &output, const QString &line)
+{
+    // The engine answers "name: result" for each listed name; a name may
+    // hold ": " itself.
+    for (qsizetype at = line.indexOf(QLatin1String(": ")); at > 0 && !output.unanswered.isEmpty();
+         at = line.indexOf(QLatin1String(": "), at + 1)) {
+        if (output.unanswered.remove(line.left(at)))
+            break;
+    }
+    _foundInRun = _foundInRun || line.endsWith(QLatin1String(" FOUND"));
+    handleLine(line);
+}
+
+void QXScanner::takeLastLine(ChildOutput &output)
+{
+    // Output that ends without a newline still holds a whole line.
+    const QString rest = output.partialOutput;
+    output.partialOutput.clear();
+    takeLine(output, rest);
+}
+
+QStringList QXScanner::argumentsForBatch(const QStringList &paths, const QString &listPath, QStringList *listed)
 {
     QStringList arguments = commonArguments(paths);
     QXScannerDelegate *delegate = _delegate;
@@ -158,14 +246,16 @@ QStringList QXScanner::argumentsForBatch(const QStringList &paths)
         if (found.size() >= 3)
             listText += QLatin1Char('\n') + found;
     }
+    if (listed)
+        *listed = listText.split(QLatin1Char('\n'));
     // A list that cannot be written shows up as the engine's own error.
-    QFile listFile(_scanListTempFilePath);
+    QFile listFile(listPath);
     if (listFile.open(QIODevice::WriteOnly | QIODevice::Truncate))
         listFile.write(QFile::encodeName(listText));
     listFile.close();
     if (!_usingClamd)
         writeToLog(listText + QStringLiteral("\n\n"));
-    return arguments << QStringLiteral("--file-list=") + _scanListTempFilePath;
+    return arguments << QStringLiteral("--file-list=") + listPath;
 }
 
 QStringList QXScanner::commonArguments(const QStringList &paths)
@@ -206,15 +296,23 @@ void QXScanner::writeToLog(const QString &text)
 
 void QXScanner::notifiedForStdOutput(const QByteArray &chunk)
 {
-    const QString text = _partialOutput + QString(_outputDecoder.decode(chunk));
+    notifiedForChildOutput(0, chunk);
+}
+
+void QXScanner::notifiedForChildOutput(int child, const QByteArray &chunk)
+{
+    if (child < 0 || size_t(child) >= _childOutputs.size())
+        return;
+    ChildOutput &output = _childOutputs[size_t(child)];
+    const QString text = output.partialOutput + QString(output.outputDecoder.decode(chunk));
     if (!_pathAlone.isEmpty()) {
-        _partialOutput = text;
+        output.partialOutput = text;
         return;
     }
     QStringList lines = text.split(QLatin1Char('\n'));
-    _partialOutput = lines.takeLast();
+    output.partialOutput = lines.takeLast();
     for (const QString &line : std::as_const(lines))
-        handleLine(line);
+        takeLine(output, line);
 }
 
 void QXScanner::handleLine(const QString &line)
@@ -250,6 +348,12 @@ void QXScanner::notifiedForComplete(const RunResult &result)
 {
     QXScannerDelegate *delegate = _delegate;
     QFile::remove(_scanListTempFilePath);
+    for (const QString &list : std::as_const(_clientListPaths))
+        QFile::remove(list);
+    if (!_unscanned.isEmpty()) {
+        const QStringList unscanned = _unscanned;
+        reportToMainAndWait([delegate, unscanned] { delegate->filesLeftUnscanned(unscanned); });
+    }
     if (_delegateWantsUpdates)
         reportToMainAndWait([delegate] { delegate->updateProgressWithPercentDone(100.0); });
     const int status = result.status;
@@ -273,5 +377,7 @@ bool QXScanner::pause()
 
 void QXScanner::stop()
 {
+    if (hasChild())
+        _stopRequested = true;
     stopChild();
 }

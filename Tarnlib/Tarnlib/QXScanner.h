@@ -5,11 +5,14 @@
 #include <QByteArray>
 #include <QFile>
 #include <QMutex>
+#include <QSet>
 #include <QString>
 #include <QStringDecoder>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
+#include <vector>
 
 class QXScannerDelegate;
 
@@ -35,12 +38,22 @@ public:
     // A new unique path in the temporary folder: "<tmp>/<prefix>-<UUID>".
     static QString pathForTemporaryFileWithPrefix(const QString &prefix);
 
+    // The daemon's "MaxThreads" in the clamd configuration at path; the
+    // daemon's own default of 10 when the file or the setting is missing.
+    static int daemonThreadsInConfiguration(const QString &path);
+    // How many daemon clients share a batch of that many listed files: one
+    // below smallBatchLimit, else one per daemon thread as long as each
+    // still gets filesPerClientAtLeast files.
+    static int clientsForBatch(qsizetype files, int daemonThreads);
+    static constexpr qsizetype smallBatchLimit = 20;
+    static constexpr qsizetype filesPerClientAtLeast = 10;
+
     // Called from the main thread while a run is in progress.
     bool suspendScan();
     bool resumeScan();
     // Toggles suspension; answers whether the child is now suspended.
     bool pause();
-    // Terminates the child; a suspended child is continued so that it can end.
+    // Terminates the children; suspended ones are continued so that they can end.
     void stop();
 
     QString scanListTempFilePath() const { return _scanListTempFilePath; }
@@ -55,10 +68,25 @@ public:
 
 protected:
     void notifiedForStdOutput(const QByteArray &chunk) override;
+    void notifiedForChildOutput(int child, const QByteArray &chunk) override;
 
 private:
+    // What one child's output has left: the start of a line still to be
+    // completed, and the listed names it has not answered for yet.
+    struct ChildOutput
+    {
+        QString partialOutput;
+        // Keeps a character whose bytes arrive in two chunks whole.
+        QStringDecoder outputDecoder{QStringDecoder::Utf8};
+        QStringList listed;
+        QSet<QString> unanswered;
+    };
+
     RunResult runPart(const QString &program, const QStringList &arguments, const QString &pathAlone);
-    QStringList argumentsForBatch(const QStringList &paths);
+    RunResult runSplit(const QString &program, const QStringList &paths, int clients);
+    void takeLine(ChildOutput &output, const QString &line);
+    void takeLastLine(ChildOutput &output);
+    QStringList argumentsForBatch(const QStringList &paths, const QString &listPath, QStringList *listed = nullptr);
     QStringList commonArguments(const QStringList &paths);
     void openScanLog();
     void handleLine(const QString &line);
@@ -69,12 +97,18 @@ private:
     bool _logScans = false;
     // Written by the main thread's pause operations and by the run's start.
     bool _usingClamd = false;
-    QString _partialOutput;
+    // One per child of the part of the run in progress.
+    std::vector<ChildOutput> _childOutputs;
     // The one name of a call of its own, whose output is read at its end.
     QString _pathAlone;
-    // Keeps a character whose bytes arrive in two chunks whole.
-    QStringDecoder _outputDecoder;
     QString _scanListTempFilePath;
+    // The lists of a batch shared by several clients, beside the run's own.
+    QStringList _clientListPaths;
+    // Names that a failed client of a shared batch never answered for.
+    QStringList _unscanned;
+    bool _foundInRun = false;
+    // Set by stop(): a batch shared by several clients ends as no one of them does.
+    std::atomic_bool _stopRequested = false;
     QStringList _thePathsToScan;
     std::unique_ptr<QFile> _loggerFileHandle;
     QByteArray _returnCharData;

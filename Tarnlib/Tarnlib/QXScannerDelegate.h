@@ -34,6 +34,9 @@ public:
     virtual void scanStarted() = 0;
     virtual void scanFinishedWithStatus(int status) = 0;
     virtual void scanCrashed(const QString &reason) = 0;
+    // Before the end report of a batch shared by several daemon clients:
+    // the names a client that failed (killed, hung) never got to.
+    virtual void filesLeftUnscanned(const QStringList &paths) = 0;
     // The engine's line "path: name FOUND".
     virtual void infectionFound(const QString &line) = 0;
     virtual void appendToConsole(const QString &text) = 0;

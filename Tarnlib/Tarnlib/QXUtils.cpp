@@ -362,6 +362,7 @@ void QXUtils::scanFiles(const QStringList &paths)
     if (!_theScanner)
         return;
     _batchInFlight = paths;
+    _unscannedOfBatch.clear();
     _rescanningBatch = false;
     _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
@@ -649,8 +650,9 @@ void QXUtils::scanStarted()
 
 void QXUtils::scanFinishedWithStatus(int status)
 {
-    // The daemon client ends with 2 when it lost the daemon, or with 1 when
-    // it had found something before. Whether the daemon still answers is
+    // The daemon client ends with 2 when it lost the daemon or a client of
+    // a shared batch failed, or with 1 when it had found something before.
+    // Whether the daemon still answers is
     // asked on the checker's thread, since one that hangs keeps the asker
     // waiting. A local daemon is restarted once per batch; a scanning service
     // is waited for as often as it goes away, since nothing else can scan.
@@ -671,6 +673,17 @@ void QXUtils::scanFinishedWithStatus(int status)
 
 void QXUtils::daemonCheckedAfterScan(bool answering, bool remote, int status)
 {
+    // A stop meanwhile leaves nothing to scan again.
+    if (answering && !_unscannedOfBatch.isEmpty() && !_batchInFlight.isEmpty()) {
+        SystemLog::log(QStringLiteral("%1 files of the batch were left unscanned: scanning them again")
+                           .arg(_unscannedOfBatch.size()));
+        _rescanningBatch = true;
+        QXScanner *scanner = _theScanner;
+        const QStringList unscanned = _unscannedOfBatch;
+        _unscannedOfBatch.clear();
+        scanner->perform([scanner, unscanned] { scanner->runScanOnFiles(unscanned); });
+        return;
+    }
     if (answering) {
         finishBatch(status);
         return;
@@ -700,8 +713,16 @@ void QXUtils::finishBatch(int status)
 {
     _rescanningBatch = false;
     _batchInFlight.clear();
+    _unscannedOfBatch.clear();
     _infectedPathsOfBatch.clear();
     _delegate->scanFinishedWithStatus(status);
+}
+
+void QXUtils::filesLeftUnscanned(const QStringList &paths)
+{
+    // The second run of a batch is its last.
+    if (!_rescanningBatch)
+        _unscannedOfBatch = paths;
 }
 
 void QXUtils::scanCrashed(const QString &reason)

@@ -91,6 +91,7 @@ public:
     void scanStarted() override;
     void scanFinishedWithStatus(int status) override;
     void scanCrashed(const QString &reason) override;
+    void filesLeftUnscanned(const QStringList &paths) override;
     void updateProgressBar() override;
     void appendToConsole(const QString &text) override;
     void infectionFound(const QString &line) override;
@@ -239,8 +240,10 @@ private:
     // Keys already logged for a value of the wrong type.
     mutable QSet<QString> _keysOfWrongType;
     QStringList _emailDirPaths;
-    // A batch lost with the daemon is scanned once more after a restart.
+    // A batch lost with the daemon is scanned once more after a restart;
+    // what a failed client of a shared batch left is scanned once more.
     QStringList _batchInFlight;
+    QStringList _unscannedOfBatch;
     QSet<QString> _infectedPathsOfBatch;
     bool _restartingClamdForBatch = false;
     bool _rescanningBatch = false;

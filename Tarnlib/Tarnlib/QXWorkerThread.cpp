@@ -8,7 +8,9 @@
 #include <QMutexLocker>
 #include <QTimer>
 
+#include <algorithm>
 #include <csignal>
+#include <vector>
 #include <sys/types.h>
 
 QXWorkerThread::QXWorkerThread(QObject *parent)
@@ -32,20 +34,24 @@ void QXWorkerThread::perform(std::function<void()> fn)
     QMetaObject::invokeMethod(this, std::move(fn), Qt::QueuedConnection);
 }
 
-void QXWorkerThread::setChildPid(qint64 pid)
+void QXWorkerThread::setChildPid(int child, qint64 pid)
 {
     QMutexLocker locker(&_childLock);
-    _childPid = pid;
+    if (child < _childPids.size())
+        _childPids[child] = pid;
 }
 
 bool QXWorkerThread::signalChild(int signal)
 {
-    // The lock keeps the pid from being cleared, and the child reaped and its
+    // The lock keeps a pid from being cleared, and the child reaped and its
     // pid reused, between the test and the kill.
     QMutexLocker locker(&_childLock);
-    if (_childPid <= 0)
-        return false;
-    return ::kill(pid_t(_childPid), signal) == 0;
+    bool delivered = false;
+    for (const qint64 pid : std::as_const(_childPids)) {
+        if (pid > 0 && ::kill(pid_t(pid), signal) == 0)
+            delivered = true;
+    }
+    return delivered;
 }
 
 bool QXWorkerThread::suspendChild()
@@ -72,101 +78,140 @@ bool QXWorkerThread::terminateChild()
 bool QXWorkerThread::hasChild() const
 {
     QMutexLocker locker(&_childLock);
-    return _childPid > 0;
+    return std::any_of(_childPids.cbegin(), _childPids.cend(), [](qint64 pid) { return pid > 0; });
 }
 
 QXWorkerThread::RunResult QXWorkerThread::runChild(const QString &program, const QStringList &arguments)
 {
-    RunResult result;
-    QProcess process;
-    process.setProcessChannelMode(QProcess::SeparateChannels);
-    process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    QEventLoop loop;
-    bool ended = false;
+    return runChildren({Command{program, arguments}}).constFirst();
+}
 
-    // A child that hangs (a suspended daemon, an updater that never returns)
-    // would hold its worker, and the agent with it, for ever.
-    QTimer silence;
-    silence.setSingleShot(true);
-    silence.setInterval(_silenceLimit);
-    connect(&silence, &QTimer::timeout, &process, [&] {
-        // A child its owner suspended is quiet on purpose.
-        if (_childSuspended) {
-            silence.start();
-            return;
-        }
-        result.silent = true;
-        SystemLog::log(QStringLiteral("%1 gave no output for %2 s: ending it")
-                           .arg(program)
-                           .arg(std::chrono::duration_cast<std::chrono::seconds>(_silenceLimit).count()));
-        process.terminate();
-        // One that ignores the termination is killed.
-        QTimer::singleShot(5000, &process, [&process] { process.kill(); });
-    });
-
-    // Every chunk is taken out of its pipe whether or not a subclass cares, so
-    // that a child never blocks on a full pipe.
-    const auto readOutput = [&] {
-        const QByteArray chunk = process.readAllStandardOutput();
-        if (!chunk.isEmpty()) {
-            if (!result.silent)
-                silence.start();
-            notifiedForStdOutput(chunk);
-        }
+QList<QXWorkerThread::RunResult> QXWorkerThread::runChildren(const QList<Command> &commands)
+{
+    struct Child
+    {
+        QProcess process;
+        // A child that hangs (a suspended daemon, an updater that never
+        // returns) would hold its worker, and the agent with it, for ever.
+        QTimer silence;
+        RunResult result;
+        bool ended = false;
     };
-    const auto readError = [&] {
-        const QByteArray chunk = process.readAllStandardError();
-        if (!chunk.isEmpty()) {
-            if (!result.silent)
-                silence.start();
-            notifiedForStdError(chunk);
-        }
-    };
-    connect(&process, &QProcess::readyReadStandardOutput, &process, readOutput);
-    connect(&process, &QProcess::readyReadStandardError, &process, readError);
-    _childSuspended = false;
-    connect(&process, &QProcess::started, &process, [&] {
-        setChildPid(process.processId());
-        silence.start();
-    });
-    connect(&process, &QProcess::finished, &process, [&](int exitCode, QProcess::ExitStatus exitStatus) {
-        setChildPid(0);
-        silence.stop();
-        result.started = true;
-        // For a child ended by a signal Qt gives the signal number as the code.
-        result.status = exitCode;
-        result.crashed = exitStatus == QProcess::CrashExit;
-        ended = true;
-        loop.quit();
-    });
-    // A program that cannot be started never sends finished.
-    connect(&process, &QProcess::errorOccurred, &process, [&](QProcess::ProcessError error) {
-        if (error != QProcess::FailedToStart)
-            return;
-        setChildPid(0);
-        result.started = false;
-        result.error = process.errorString();
-        ended = true;
-        loop.quit();
-    });
-
-    process.start(program, arguments);
-    if (!ended)
-        loop.exec();
-    if (process.state() != QProcess::NotRunning) {
-        // Only stopThread() leaves the loop early; the child must not outlive the run.
-        setChildPid(0);
-        process.kill();
-        process.waitForFinished(-1);
+    const int count = int(commands.size());
+    std::vector<std::unique_ptr<Child>> children;
+    for (int i = 0; i < count; ++i)
+        children.push_back(std::make_unique<Child>());
+    {
+        QMutexLocker locker(&_childLock);
+        _childPids = QList<qint64>(count, 0);
     }
-    readOutput();
-    readError();
-    setChildPid(0);
-    return result;
+    QEventLoop loop;
+    int running = count;
+    _childSuspended = false;
+
+    for (int i = 0; i < count; ++i) {
+        Child &child = *children[size_t(i)];
+        QProcess &process = child.process;
+        const QString program = commands.at(i).program;
+        process.setProcessChannelMode(QProcess::SeparateChannels);
+        process.setInputChannelMode(QProcess::ForwardedInputChannel);
+        child.silence.setSingleShot(true);
+        child.silence.setInterval(_silenceLimit);
+        connect(&child.silence, &QTimer::timeout, &process, [this, &child, program] {
+            // A child its owner suspended is quiet on purpose.
+            if (_childSuspended) {
+                child.silence.start();
+                return;
+            }
+            child.result.silent = true;
+            SystemLog::log(QStringLiteral("%1 gave no output for %2 s: ending it")
+                               .arg(program)
+                               .arg(std::chrono::duration_cast<std::chrono::seconds>(_silenceLimit).count()));
+            child.process.terminate();
+            // One that ignores the termination is killed.
+            QTimer::singleShot(5000, &child.process, [&child] { child.process.kill(); });
+        });
+
+        // Every chunk is taken out of its pipe whether or not a subclass
+        // cares, so that a child never blocks on a full pipe.
+        connect(&process, &QProcess::readyReadStandardOutput, &process, [this, &child, i] {
+            const QByteArray chunk = child.process.readAllStandardOutput();
+            if (!chunk.isEmpty()) {
+                if (!child.result.silent)
+                    child.silence.start();
+                notifiedForChildOutput(i, chunk);
+            }
+        });
+        connect(&process, &QProcess::readyReadStandardError, &process, [this, &child] {
+            const QByteArray chunk = child.process.readAllStandardError();
+            if (!chunk.isEmpty()) {
+                if (!child.result.silent)
+                    child.silence.start();
+                notifiedForStdError(chunk);
+            }
+        });
+        connect(&process, &QProcess::started, &process, [this, &child, i] {
+            setChildPid(i, child.process.processId());
+            child.silence.start();
+        });
+        const auto end = [this, &child, &running, &loop, i] {
+            setChildPid(i, 0);
+            child.silence.stop();
+            child.ended = true;
+            if (--running == 0)
+                loop.quit();
+        };
+        connect(&process, &QProcess::finished, &process, [&child, end](int exitCode, QProcess::ExitStatus exitStatus) {
+            child.result.started = true;
+            // For a child ended by a signal Qt gives the signal number as the code.
+            child.result.status = exitCode;
+            child.result.crashed = exitStatus == QProcess::CrashExit;
+            end();
+        });
+        // A program that cannot be started never sends finished.
+        connect(&process, &QProcess::errorOccurred, &process, [&child, end](QProcess::ProcessError error) {
+            if (error != QProcess::FailedToStart)
+                return;
+            child.result.started = false;
+            child.result.error = child.process.errorString();
+            end();
+        });
+    }
+
+    for (int i = 0; i < count; ++i)
+        children[size_t(i)]->process.start(commands.at(i).program, commands.at(i).arguments);
+    if (running > 0)
+        loop.exec();
+
+    QList<RunResult> results;
+    for (int i = 0; i < count; ++i) {
+        Child &child = *children[size_t(i)];
+        if (child.process.state() != QProcess::NotRunning) {
+            // Only stopThread() leaves the loop early; no child may outlive the run.
+            setChildPid(i, 0);
+            child.process.kill();
+            child.process.waitForFinished(-1);
+        }
+        if (const QByteArray chunk = child.process.readAllStandardOutput(); !chunk.isEmpty())
+            notifiedForChildOutput(i, chunk);
+        if (const QByteArray chunk = child.process.readAllStandardError(); !chunk.isEmpty())
+            notifiedForStdError(chunk);
+        results.append(child.result);
+    }
+    {
+        QMutexLocker locker(&_childLock);
+        _childPids.clear();
+    }
+    return results;
 }
 
 void QXWorkerThread::notifiedForStdOutput(const QByteArray &)
 {}
+
+void QXWorkerThread::notifiedForChildOutput(int, const QByteArray &chunk)
+{
+    notifiedForStdOutput(chunk);
+}
 
 void QXWorkerThread::notifiedForStdError(const QByteArray &chunk)
 {
@@ -259,11 +304,7 @@ void QXWorkerThread::stopThread()
     stopReporting();
     if (!_thread.isRunning())
         return;
-    {
-        QMutexLocker locker(&_childLock);
-        if (_childPid > 0)
-            ::kill(pid_t(_childPid), SIGKILL);
-    }
+    signalChild(SIGKILL);
     _thread.quit();
     // A run that is ending may still wait for the main thread to take a report.
     QCoreApplication *app = QCoreApplication::instance();

@@ -32,8 +32,8 @@ public:
     // Calls fn on the worker's thread without waiting (a run request).
     void perform(std::function<void()> fn);
 
-    // Signals to the child of the run in progress; safe from any thread.
-    // Each answers whether the signal was delivered; with no child, false.
+    // Signals to every child of the run in progress; safe from any thread.
+    // Each answers whether the signal reached a child; with no child, false.
     bool suspendChild();
     bool resumeChild();
     bool terminateChild();
@@ -77,8 +77,21 @@ protected:
     // The child inherits environment, working folder and standard input.
     RunResult runChild(const QString &program, const QStringList &arguments);
 
+    struct Command
+    {
+        QString program;
+        QStringList arguments;
+    };
+    // Runs the commands side by side as children of this run, each as
+    // runChild() would run it alone; returns once all have ended, with their
+    // results in the order of the commands.
+    QList<RunResult> runChildren(const QList<Command> &commands);
+
     // A chunk of output or error; an empty chunk is never passed.
     virtual void notifiedForStdOutput(const QByteArray &chunk);
+    // A chunk of output of the child at that index of runChildren(); by
+    // default passed on as if there were one child.
+    virtual void notifiedForChildOutput(int child, const QByteArray &chunk);
     virtual void notifiedForStdError(const QByteArray &chunk);
 
     // Reports to the main thread. Once stopThread() has begun, reports are
@@ -96,7 +109,7 @@ protected:
 
 private:
     void deliverToMain(std::function<void()> fn, bool wait);
-    void setChildPid(qint64 pid);
+    void setChildPid(int child, qint64 pid);
     bool signalChild(int signal);
 
     QThread _thread;
@@ -106,8 +119,9 @@ private:
     mutable QMutex _childLock;
     mutable QMutex _pauseLock;
     bool _paused = false;
-    qint64 _childPid = 0;
+    // The pids of the run's children by index; 0 for one not running.
+    QList<qint64> _childPids;
     std::chrono::milliseconds _silenceLimit = defaultSilenceLimit;
-    // Set from the owner's thread while the child is stopped by its signal.
+    // Set from the owner's thread while the children are stopped by its signal.
     std::atomic_bool _childSuspended = false;
 };

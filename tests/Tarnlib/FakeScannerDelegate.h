@@ -37,6 +37,11 @@ public:
     {
         return events().filter(QRegularExpression("^" + QRegularExpression::escape(prefix)));
     }
+    void clear()
+    {
+        QMutexLocker locker(&_lock);
+        _events.clear();
+    }
     bool ended() const
     {
         return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty();
@@ -71,6 +76,7 @@ public:
         record(QStringLiteral("scanFinishedWithStatus:%1").arg(status));
     }
     void scanCrashed(const QString &reason) override { record("scanCrashed:" + reason); }
+    void filesLeftUnscanned(const QStringList &paths) override { record("filesLeftUnscanned:" + paths.join('|')); }
     void infectionFound(const QString &line) override { record("infectionFound:" + line); }
     void appendToConsole(const QString &text) override { record("appendToConsole:" + text); }
     void updateProgressWithMessage(const QString &message) override { record("updateProgressWithMessage:" + message); }

@@ -413,3 +413,230 @@ TEST_F(QXScannerTest, ScanningServiceGetsFileContentsAndAFileOverItsStreamLimitI
     EXPECT_TRUE(log.contains("not scanned, larger than the scanning service takes: " + notScanned))
         << log.lines().join('\n').toStdString();
 }
+
+namespace {
+
+// Script lines that find the list a client was given and note the client's
+// pid and list under $dir, so that a test can tell the clients apart.
+const QString noteClient = "for arg; do case $arg in --file-list=*) list=${arg#--file-list=} ;; esac; done\n"
+                           "cp \"$list\" \"$dir/list-$$\"\n"
+                           "echo $$ >> \"$dir/clients\"\n";
+
+QList<qint64> clientPids(const ScriptEngine &engine)
+{
+    QList<qint64> pids;
+    QFile file(engine.enginePath() + "/clients");
+    if (file.open(QIODevice::ReadOnly)) {
+        for (const QByteArray &line : file.readAll().split('\n')) {
+            if (!line.isEmpty())
+                pids << line.toLongLong();
+        }
+    }
+    return pids;
+}
+
+QStringList clientList(const ScriptEngine &engine, qint64 pid)
+{
+    return QString::fromUtf8(TemporaryHome::readFile(engine.enginePath() + QStringLiteral("/list-%1").arg(pid)))
+        .split('\n');
+}
+
+QString shellQuoted(QString text)
+{
+    return "'" + text.replace("'", "'\\''") + "'";
+}
+
+} // namespace
+
+TEST(QXScannerClients, TheDaemonsThreadCountComesFromItsConfigurationOrIsTheDaemonsDefault)
+{
+    QTemporaryDir dir;
+    const struct
+    {
+        const char *configuration; // nullptr: no file
+        int threads;
+    } configurations[] = {
+        {nullptr, 10},
+        {"LocalSocket /x/run/clamd.sock\nMaxThreads 4\n", 4},
+        // A daemon reached over the network says nothing of its threads.
+        {"TCPAddr 192.0.2.7\nTCPSocket 3310\n", 10},
+        {"#MaxThreads 20\n  MaxThreads   6  \nMaxThreadsX 30\n", 6},
+        {"MaxThreads 0\n", 10},
+        {"MaxThreads 3\nMaxThreads 5\n", 5},
+    };
+    for (const auto &entry : configurations) {
+        SCOPED_TRACE(entry.configuration ? entry.configuration : "no file");
+        const QString path = dir.filePath("clamd.conf");
+        QFile::remove(path);
+        if (entry.configuration) {
+            QFile file(path);
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write(entry.configuration);
+        }
+        EXPECT_EQ(QXScanner::daemonThreadsInConfiguration(path), entry.threads);
+    }
+}
+
+TEST_F(QXScannerTest, OneFileOrASmallBatchGoesThroughOneClientAndALargeOneThroughAsManyAsTheDaemonHasThreads)
+{
+    ScriptEngine engine(noteClient);
+    ASSERT_TRUE(useScript(engine));
+    ScriptedPrefix configuration;
+    QDir().mkpath(engine.enginePath() + "/etc");
+    ASSERT_TRUE(
+        QFile::copy(configuration.writeFile("clamd.conf", "MaxThreads 3\n"), engine.enginePath() + "/etc/clamd.conf"));
+    startScanner();
+    for (const int files : {1, 19, 200}) {
+        SCOPED_TRACE(files);
+        QFile::remove(engine.enginePath() + "/clients");
+        QStringList batch;
+        for (int i = 0; i < files; ++i)
+            batch << QStringLiteral("/x/%1").arg(i);
+        delegate.clear();
+        scan(batch);
+        ASSERT_TRUE(waitForEnd());
+        const QList<qint64> pids = clientPids(engine);
+        ASSERT_EQ(pids.size(), files == 200 ? 3 : 1);
+        // Together the clients' lists are the batch, each name once.
+        QStringList listed;
+        for (const qint64 pid : pids)
+            listed << clientList(engine, pid);
+        listed.sort();
+        batch.sort();
+        EXPECT_EQ(listed, batch);
+        EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:0");
+        for (int i = 1; i <= 3; ++i)
+            EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath() + QStringLiteral("-%1").arg(i)));
+    }
+}
+
+TEST_F(QXScannerTest, ABatchSharedAmongDaemonClientsReportsEveryInfectionOnceAndLogsEveryAnswerOnce)
+{
+    ASSERT_TRUE(useRealEngine());
+    useScanLog();
+    QStringList batch, infections, answers;
+    for (int i = 0; i < 90; ++i) {
+        // Names with ": " in them too, which the engine's answers hold as well.
+        const QString name = QStringLiteral("many/%1%2.com").arg(i % 3 ? "" : "a: b ").arg(i);
+        if (i % 9 == 4) {
+            batch << infected(name);
+            infections << infection(batch.last(), eicarName);
+            answers << batch.last() + ": Korvane.Test.Eicar.UNOFFICIAL FOUND";
+        } else {
+            batch << clean(name);
+            answers << batch.last() + ": OK";
+        }
+    }
+    const QString split = infected("two\nlines.com");
+    batch << split;
+    infections << infection(split, eicarName);
+    scan(batch);
+
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"), ::testing::UnorderedElementsAreArray(infections));
+    EXPECT_EQ(delegate.events().size(), infections.size() + 2);
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
+    QStringList log = logLines(delegate.scanLog);
+    ASSERT_GT(log.size(), 3);
+    EXPECT_TRUE(dateLine.match(log.takeFirst()).hasMatch());
+    EXPECT_THAT(log.mid(log.size() - 2), ElementsAre("", ""));
+    log.removeLast();
+    log.removeLast();
+    // The name with a newline is logged as the engine wrote it, over two lines.
+    EXPECT_EQ(log.removeAll(split.section('\n', 0, 0)), 1);
+    EXPECT_EQ(log.removeAll("lines.com: Korvane.Test.Eicar.UNOFFICIAL FOUND"), 1);
+    EXPECT_THAT(log, ::testing::UnorderedElementsAreArray(answers));
+}
+
+TEST_F(QXScannerTest, AClientKilledMidBatchEndsTheBatchWithStatusTwoAndNamesExactlyWhatItLeftUnscanned)
+{
+    // The client given the victim answers for its first name and then
+    // hangs; the others answer for all of theirs.
+    ScriptEngine engine(noteClient
+                        + "if grep -q victim \"$list\"; then\n"
+                          "    head -n 1 \"$list\" | sed 's/$/: OK/'\n"
+                        + ScriptEngine::waitForRelease() + "fi\nsed 's/$/: OK/' \"$list\"\n");
+    ASSERT_TRUE(useScript(engine));
+    useScanLog();
+    QStringList batch;
+    for (int i = 0; i < 30; ++i)
+        batch << QStringLiteral("/x/%1").arg(i);
+    batch.insert(10, "/x/victim");
+    scan(batch);
+
+    qint64 victim = 0;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            for (const qint64 pid : clientPids(engine)) {
+                if (clientList(engine, pid).contains("/x/victim"))
+                    victim = pid;
+            }
+            return clientPids(engine).size() == 3 && victim > 0
+                   && logLines(delegate.scanLog).contains(clientList(engine, victim).first() + ": OK");
+        },
+        waitLimit));
+    ASSERT_EQ(::kill(pid_t(victim), SIGKILL), 0);
+
+    ASSERT_TRUE(waitForEnd());
+    const QStringList left = clientList(engine, victim).mid(1);
+    ASSERT_TRUE(left.contains("/x/victim"));
+    EXPECT_THAT(delegate.events(),
+                ElementsAre("scanStarted", "filesLeftUnscanned:" + left.join('|'), "scanFinishedWithStatus:2"));
+    // Every other name got its answer.
+    EXPECT_EQ(logLines(delegate.scanLog).filter(": OK").size(), batch.size() - left.size());
+    EXPECT_FALSE(scanner->hasChild());
+}
+
+TEST_F(QXScannerTest, PauseDuringASharedBatchSuspendsEveryClientAndASecondPauseResumesThemWithNothingLost)
+{
+    ASSERT_TRUE(useRealEngine());
+    // Each client holds still until released, then becomes the real daemon client.
+    ScriptEngine engine(noteClient + ScriptEngine::waitForRelease() + "exec "
+                        + shellQuoted(EngineFixture::shared().enginePath() + "/bin/clamdscan") + " \"$@\"\n");
+    ASSERT_TRUE(useScript(engine));
+    QStringList batch, infections;
+    for (int i = 0; i < 40; ++i) {
+        batch << (i % 4 ? clean(QStringLiteral("p/%1.txt").arg(i)) : infected(QStringLiteral("p/%1.com").arg(i)));
+        if (i % 4 == 0)
+            infections << infection(batch.last(), eicarName);
+    }
+    QXScanner *s = startScanner();
+    scan(batch);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return clientPids(engine).size() == 4 && s->hasChild(); }, waitLimit));
+    const QList<qint64> pids = clientPids(engine);
+
+    ASSERT_TRUE(s->pause());
+    for (const qint64 pid : pids)
+        EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit)) << pid;
+    engine.release();
+    QTest::qWait(300);
+    for (const qint64 pid : pids)
+        EXPECT_EQ(processState(pid), 'T') << pid;
+    EXPECT_TRUE(delegate.eventsStartingWith("infectionFound:").isEmpty());
+
+    EXPECT_FALSE(s->pause());
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_THAT(delegate.eventsStartingWith("infectionFound:"), ::testing::UnorderedElementsAreArray(infections));
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:1");
+    EXPECT_TRUE(delegate.eventsStartingWith("filesLeftUnscanned:").isEmpty());
+}
+
+TEST_F(QXScannerTest, StopDuringASharedBatchEndsEveryClientAndScansNoNameLeftForACallOfItsOwn)
+{
+    ScriptEngine engine(noteClient + ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    QStringList batch;
+    for (int i = 0; i < 20; ++i)
+        batch << QStringLiteral("/x/%1").arg(i);
+    batch << "/x/two\nlines";
+    QXScanner *s = startScanner();
+    scan(batch);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return clientPids(engine).size() == 2 && s->hasChild(); }, waitLimit));
+
+    s->stop();
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_EQ(delegate.events().last(), "scanFinishedWithStatus:2");
+    for (const qint64 pid : clientPids(engine))
+        EXPECT_EQ(processState(pid), '\0') << pid;
+    EXPECT_EQ(clientPids(engine).size(), 2);
+}

@@ -5,6 +5,8 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/ScriptedPrefix.h"
 
+#include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QTest>
 #include <csignal>
@@ -197,6 +199,60 @@ TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIs
     EXPECT_EQ(delegate.count("scanStarted"), 1);
     EXPECT_TRUE(log.contains(QStringLiteral("the scan daemon stopped answering during a scan: starting it again")))
         << qPrintable(log.lines().join('|'));
+}
+
+// A daemon client that this process runs, or 0 when none runs now.
+qint64 runningClient()
+{
+    const QByteArray parent = QByteArray::number(QCoreApplication::applicationPid());
+    for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
+        QFile stat("/proc/" + entry + "/stat");
+        if (!stat.open(QIODevice::ReadOnly))
+            continue;
+        // "pid (comm) state ppid ..."
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        if (line.contains("(clamdscan)") && fields.size() > 1 && fields.at(0) != "Z" && fields.at(1) == parent)
+            return entry.toLongLong();
+    }
+    return 0;
+}
+
+TEST_F(QXUtilsCoordinatorTest, AClientKilledMidBatchLeavesItsFilesToASecondRunAndEachInfectionIsReportedOnce)
+{
+    EngineFixture &engine = EngineFixture::shared();
+    ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
+    ScriptedPrefix files;
+    QStringList batch, infected;
+    for (int i = 0; i < 3000; ++i) {
+        const bool bad = i % 50 == 10;
+        batch << files.writeFile(QStringLiteral("f/%1.com").arg(i, 4, 10, QLatin1Char('0')),
+                                 bad ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
+        if (bad)
+            infected << batch.last();
+    }
+    auto utils = checking({{engine.enginePath(), engine.enginePath() + "/share/clamav/freshclam.log"}});
+    ASSERT_TRUE(waitForOne("clamdAlreadyRunning"));
+    qint64 killed = 0;
+    delegate.onInfection = [&] {
+        if (killed == 0 && (killed = runningClient()) > 0)
+            ::kill(pid_t(killed), SIGKILL);
+    };
+
+    utils->scanFiles(batch);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.calls.filter("scanFinishedWithStatus:").size() == 1; }, 60000));
+    ASSERT_GT(killed, 0);
+    QStringList reported;
+    for (const auto &infection : std::as_const(delegate.infections))
+        reported << infection.second;
+    reported.sort();
+    EXPECT_EQ(reported, infected);
+    EXPECT_EQ(delegate.calls.filter("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:1"});
+    EXPECT_EQ(delegate.count("scanStarted"), 1);
+    EXPECT_TRUE(log.anyContains(QStringLiteral("files of the batch were left unscanned: scanning them again")))
+        << qPrintable(log.lines().join('|'));
+    // The daemon itself was never lost.
+    EXPECT_FALSE(log.contains(QStringLiteral("the scan daemon stopped answering during a scan: starting it again")));
 }
 
 } // namespace
