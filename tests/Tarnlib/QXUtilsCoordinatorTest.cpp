@@ -33,6 +33,33 @@ protected:
         return QTest::qWaitFor([&] { return delegate.count(call) == 1; }, 10000);
     }
 
+    // 3000 small files in files, every fiftieth infected; the infected ones go to infected.
+    static QStringList writeLargeBatch(ScriptedPrefix &files, QStringList &infected)
+    {
+        QStringList batch;
+        for (int i = 0; i < 3000; ++i) {
+            const bool bad = i % 50 == 10;
+            batch << files.writeFile(QStringLiteral("f/%1.com").arg(i, 4, 10, QLatin1Char('0')),
+                                     bad ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
+            if (bad)
+                infected << batch.last();
+        }
+        return batch;
+    }
+
+    // Once the batch has ended: the reported paths, sorted, and the one end report.
+    void expectEachInfectionOnceAndOneEnd(const QStringList &infected)
+    {
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return delegate.calls.filter("scanFinishedWithStatus:").size() == 1; }, 60000));
+        QStringList reported;
+        for (const auto &infection : std::as_const(delegate.infections))
+            reported << infection.second;
+        reported.sort();
+        EXPECT_EQ(reported, infected);
+        EXPECT_EQ(delegate.calls.filter("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:1"});
+    }
+
     FreshPreferences home;
     LogCapture log;
     RecordingUtilsDelegate delegate;
@@ -168,14 +195,8 @@ TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIs
     EngineFixture engine;
     ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
     ScriptedPrefix files;
-    QStringList batch, infected;
-    for (int i = 0; i < 3000; ++i) {
-        const bool bad = i % 50 == 10;
-        batch << files.writeFile(QStringLiteral("f/%1.com").arg(i, 4, 10, QLatin1Char('0')),
-                                 bad ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
-        if (bad)
-            infected << batch.last();
-    }
+    QStringList infected;
+    const QStringList batch = writeLargeBatch(files, infected);
     auto utils = checking({{engine.enginePath(), engine.enginePath() + "/share/clamav/freshclam.log"}});
     ASSERT_TRUE(waitForOne("clamdAlreadyRunning"));
     const qint64 firstDaemon = engine.daemonPid();
@@ -185,17 +206,11 @@ TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIs
     };
 
     utils->scanFiles(batch);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.calls.filter("scanFinishedWithStatus:").size() == 1; }, 60000));
+    expectEachInfectionOnceAndOneEnd(infected);
     QFile pidFile(engine.pidFilePath());
     ASSERT_TRUE(pidFile.open(QIODevice::ReadOnly));
     const qint64 secondDaemon = pidFile.readAll().trimmed().toLongLong();
     EXPECT_NE(secondDaemon, firstDaemon);
-    QStringList reported;
-    for (const auto &infection : std::as_const(delegate.infections))
-        reported << infection.second;
-    reported.sort();
-    EXPECT_EQ(reported, infected);
-    EXPECT_EQ(delegate.calls.filter("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:1"});
     EXPECT_EQ(delegate.count("scanStarted"), 1);
     EXPECT_TRUE(log.contains(QStringLiteral("the scan daemon stopped answering during a scan: starting it again")))
         << qPrintable(log.lines().join('|'));
@@ -223,14 +238,8 @@ TEST_F(QXUtilsCoordinatorTest, AClientKilledMidBatchLeavesItsFilesToASecondRunAn
     EngineFixture &engine = EngineFixture::shared();
     ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
     ScriptedPrefix files;
-    QStringList batch, infected;
-    for (int i = 0; i < 3000; ++i) {
-        const bool bad = i % 50 == 10;
-        batch << files.writeFile(QStringLiteral("f/%1.com").arg(i, 4, 10, QLatin1Char('0')),
-                                 bad ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
-        if (bad)
-            infected << batch.last();
-    }
+    QStringList infected;
+    const QStringList batch = writeLargeBatch(files, infected);
     auto utils = checking({{engine.enginePath(), engine.enginePath() + "/share/clamav/freshclam.log"}});
     ASSERT_TRUE(waitForOne("clamdAlreadyRunning"));
     qint64 killed = 0;
@@ -240,14 +249,8 @@ TEST_F(QXUtilsCoordinatorTest, AClientKilledMidBatchLeavesItsFilesToASecondRunAn
     };
 
     utils->scanFiles(batch);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.calls.filter("scanFinishedWithStatus:").size() == 1; }, 60000));
+    expectEachInfectionOnceAndOneEnd(infected);
     ASSERT_GT(killed, 0);
-    QStringList reported;
-    for (const auto &infection : std::as_const(delegate.infections))
-        reported << infection.second;
-    reported.sort();
-    EXPECT_EQ(reported, infected);
-    EXPECT_EQ(delegate.calls.filter("scanFinishedWithStatus:"), QStringList{"scanFinishedWithStatus:1"});
     EXPECT_EQ(delegate.count("scanStarted"), 1);
     EXPECT_TRUE(log.anyContains(QStringLiteral("files of the batch were left unscanned: scanning them again")))
         << qPrintable(log.lines().join('|'));
