@@ -5,7 +5,8 @@
  * install-engine builds it with the prefix and account compiled in and
  * installs it setuid root as PREFIX/libexec/engine-helper.
  *
- *   engine-helper clamd              start the shared daemon
+ *   engine-helper clamd              start the shared daemon (ending one that
+ *                                    holds the socket but does not answer)
  *   engine-helper freshclam [OPT...] update the definitions
  */
 #define _GNU_SOURCE
@@ -13,6 +14,8 @@
 
 #include <errno.h>
 #include <grp.h>
+#include <poll.h>
+#include <stdint.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -29,6 +32,7 @@
 #define FRESHCLAM_CONF KORVANE_PREFIX "/etc/freshclam.conf"
 #define DB_DIR KORVANE_PREFIX "/share/clamav"
 #define SOCKET KORVANE_PREFIX "/run/clamd.sock"
+#define PID_FILE KORVANE_PREFIX "/run/clamd.pid"
 
 /* What freshclam itself exits with for an option it does not know. */
 enum { STATUS_BAD_OPTION = 2, STATUS_FAILED = 62 };
@@ -84,20 +88,108 @@ static void become_engine_account(int keep_caller_as_real_uid)
         die(STATUS_FAILED, "could not drop privileges");
 }
 
+enum daemon_state { DAEMON_ABSENT, DAEMON_ANSWERS, DAEMON_HANGS };
+
+/* How long a daemon may take to answer PING before it counts as hung. */
+#define PING_LIMIT_MS 3000
+
 /* A second daemon would fail on the socket, but only after it has written
- * its pid over that of the one that runs. */
-static int daemon_answers(void)
+ * its pid over that of the one that runs. A stopped daemon still accepts
+ * connections (the kernel queues them), so only an answer counts. */
+static enum daemon_state daemon_state(void)
 {
     struct sockaddr_un address = {.sun_family = AF_UNIX};
     if (strlen(SOCKET) >= sizeof address.sun_path)
-        return 0;
+        return DAEMON_ABSENT;
     strcpy(address.sun_path, SOCKET);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return 0;
-    const int answers = connect(fd, (const struct sockaddr *)&address, sizeof address) == 0;
+        return DAEMON_ABSENT;
+    /* Bounds connect() too, should the daemon's queue be full. */
+    const struct timeval limit = {.tv_sec = PING_LIMIT_MS / 1000, .tv_usec = (PING_LIMIT_MS % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    enum daemon_state state = DAEMON_ABSENT;
+    if (connect(fd, (const struct sockaddr *)&address, sizeof address) == 0) {
+        state = DAEMON_HANGS;
+        struct pollfd reply = {.fd = fd, .events = POLLIN};
+        char answer[8];
+        if (send(fd, "zPING", sizeof "zPING", MSG_NOSIGNAL) == (ssize_t)sizeof "zPING"
+            && poll(&reply, 1, PING_LIMIT_MS) == 1 && recv(fd, answer, sizeof answer, 0) > 0)
+            state = DAEMON_ANSWERS;
+    } else if (errno == EAGAIN || errno == EINPROGRESS) {
+        state = DAEMON_HANGS;
+    }
     close(fd);
-    return answers;
+    return state;
+}
+
+/* Reads all of a small /proc file; the length read, or -1. */
+static ssize_t read_proc(pid_t pid, const char *name, char *buffer, size_t size)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/%s", (int)pid, name);
+    FILE *file = fopen(path, "re");
+    if (!file)
+        return -1;
+    const size_t got = fread(buffer, 1, size - 1, file);
+    fclose(file);
+    buffer[got] = '\0';
+    return (ssize_t)got;
+}
+
+/* Gone, or a zombie whose parent has yet to reap it. */
+static int process_ended(pid_t pid)
+{
+    char stat[512];
+    if (read_proc(pid, "stat", stat, sizeof stat) < 0)
+        return 1;
+    const char *close_paren = strrchr(stat, ')');
+    return !close_paren || close_paren[1] != ' ' || close_paren[2] == 'Z';
+}
+
+/* Ends the daemon that holds the socket without answering. Run as the engine
+ * account, and only on the process the pid file names when it is this
+ * prefix's daemon of that account: no caller can end anything else. */
+static void end_hung_daemon(uid_t account)
+{
+    char text[32] = {0};
+    FILE *file = fopen(PID_FILE, "re");
+    if (!file)
+        die(STATUS_FAILED, "the daemon on %s does not answer and %s cannot be read", SOCKET, PID_FILE);
+    const size_t got = fread(text, 1, sizeof text - 1, file);
+    fclose(file);
+    text[got] = '\0';
+    char *end = NULL;
+    errno = 0;
+    const long number = strtol(text, &end, 10);
+    if (errno != 0 || end == text || (*end != '\0' && *end != '\n') || number <= 1 || number > INT32_MAX)
+        die(STATUS_FAILED, "the daemon on %s does not answer and %s holds no pid", SOCKET, PID_FILE);
+    const pid_t pid = (pid_t)number;
+
+    static const char expected[] = "/usr/sbin/clamd\0--config-file=" CLAMD_CONF "\0";
+    char cmdline[sizeof expected + 1];
+    char status[4096];
+    const ssize_t length = read_proc(pid, "cmdline", cmdline, sizeof cmdline);
+    int same_account = 0;
+    if (read_proc(pid, "status", status, sizeof status) > 0) {
+        const char *uids = strstr(status, "\nUid:");
+        unsigned real, effective, saved, filesystem;
+        same_account = uids && sscanf(uids, "\nUid: %u %u %u %u", &real, &effective, &saved, &filesystem) == 4
+                       && real == account && effective == account && saved == account && filesystem == account;
+    }
+    if (length != (ssize_t)(sizeof expected - 1) || memcmp(cmdline, expected, sizeof expected - 1) != 0
+        || !same_account)
+        die(STATUS_FAILED, "the daemon on %s does not answer and pid %d is not this prefix's daemon", SOCKET,
+            (int)pid);
+
+    fprintf(stderr, "engine-helper: the shared daemon (pid %d) does not answer: ending it\n", (int)pid);
+    if (kill(pid, SIGKILL) != 0 && errno != ESRCH)
+        die(STATUS_FAILED, "kill %d: %s", (int)pid, strerror(errno));
+    for (int waited = 0; !process_ended(pid); waited += 20) {
+        if (waited >= 10000)
+            die(STATUS_FAILED, "the shared daemon (pid %d) did not end", (int)pid);
+        usleep(20000);
+    }
 }
 
 static int allowed_update_option(const char *option)
@@ -190,10 +282,13 @@ int main(int argc, char **argv)
             die(STATUS_BAD_OPTION, "the shared daemon takes no options");
         require_root_owned_config(CLAMD_CONF);
         become_engine_account(0);
-        if (daemon_answers()) {
+        const enum daemon_state state = daemon_state();
+        if (state == DAEMON_ANSWERS) {
             fprintf(stderr, "engine-helper: the shared daemon already listens on %s\n", SOCKET);
             return 0;
         }
+        if (state == DAEMON_HANGS)
+            end_hung_daemon(geteuid());
         execl("/usr/sbin/clamd", "/usr/sbin/clamd", "--config-file=" CLAMD_CONF, (char *)NULL);
         die(STATUS_FAILED, "/usr/sbin/clamd: %s", strerror(errno));
     }

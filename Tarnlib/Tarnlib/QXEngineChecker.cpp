@@ -342,10 +342,36 @@ bool QXEngineChecker::clamdRunning() const
                        [](const QString &program) { return program.contains(QLatin1String("clamd")); });
 }
 
+// A daemon that hangs (stopped, or stuck) keeps its socket, and a new one
+// will not start beside it. Only this prefix's daemon, run as this user, is
+// ended here; one of another account is the prefix's helper's to end.
+void QXEngineChecker::endHungClamd()
+{
+    const QString prefix = _delegate->enginePath();
+    QFile pidFile(prefix + QStringLiteral("/run/clamd.pid"));
+    if (!pidFile.open(QIODevice::ReadOnly))
+        return;
+    const qint64 pid = pidFile.readAll().trimmed().toLongLong();
+    const QStringList arguments = ProcessList::arguments(pid);
+    const QString configuration = QDir::cleanPath(prefix + QStringLiteral("/etc/clamd.conf"));
+    static const QLatin1String option("--config-file=");
+    const bool ours =
+        arguments.value(0) == QLatin1String("/usr/sbin/clamd")
+        && std::any_of(arguments.cbegin() + 1, arguments.cend(),
+                       [&](const QString &a) { return a.startsWith(option) && QDir::cleanPath(a.mid(option.size())) == configuration; })
+        && ProcessList::runsAsCurrentUser(pid);
+    if (!ours || clamdResponding())
+        return;
+    NSLog(QStringLiteral("clamd (pid %1) does not answer: ending it").arg(pid));
+    if (!ProcessList::killAndWait(pid, std::chrono::seconds(10)))
+        NSLog(QStringLiteral("clamd (pid %1) did not end").arg(pid));
+}
+
 void QXEngineChecker::startClamd()
 {
     QXEngineCheckerDelegate *delegate = _delegate;
     const QString program = QDir::cleanPath(delegate->enginePath() + QStringLiteral("/sbin/clamd"));
+    endHungClamd();
 
     // The launcher returns once the daemon has gone into the background; it
     // writes to the agent's own output streams.

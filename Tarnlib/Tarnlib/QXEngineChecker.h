@@ -63,6 +63,7 @@ protected:
 
 private:
     void handleVersionLine(const QString &line);
+    void endHungClamd();
     bool talkToRemoteClamd(const ClamdConfiguration &configuration, const char *command);
 
     QXEngineCheckerDelegate *_delegate;

@@ -117,6 +117,15 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     if (!result.started) {
         const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
+    } else if (result.silent && _usingClamd) {
+        // A silent daemon client most likely waits on a daemon that hangs:
+        // the batch ends as one whose daemon was lost, so that the
+        // coordinator can start the daemon again and scan it once more.
+        _unscanned = _thePathsToScan;
+        RunResult lost;
+        lost.started = true;
+        lost.status = 2;
+        notifiedForComplete(lost);
     } else if (result.silent) {
         QFile::remove(_scanListTempFilePath);
         for (const QString &list : std::as_const(_clientListPaths))

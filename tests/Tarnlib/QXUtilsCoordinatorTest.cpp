@@ -1,4 +1,6 @@
 #include "RecordingUtilsDelegate.h"
+#include "Tarnlib/Tarnlib/QXEngineChecker.h"
+#include "Tarnlib/Tarnlib/QXScanner.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
@@ -214,6 +216,73 @@ TEST_F(QXUtilsCoordinatorTest, ADaemonThatDiesMidScanIsStartedAgainAndTheBatchIs
     EXPECT_EQ(delegate.count("scanStarted"), 1);
     EXPECT_TRUE(log.contains(QStringLiteral("the scan daemon stopped answering during a scan: starting it again")))
         << qPrintable(log.lines().join('|'));
+}
+
+// The pid the prefix's pid file names now, or 0.
+qint64 daemonInPidFile(const EngineFixture &engine)
+{
+    QFile pidFile(engine.pidFilePath());
+    return pidFile.open(QIODevice::ReadOnly) ? pidFile.readAll().trimmed().toLongLong() : 0;
+}
+
+// Alive and not a zombie left to its parent.
+bool processRuns(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray line = stat.readAll();
+    return line.mid(line.lastIndexOf(')') + 2, 1) != "Z";
+}
+
+// A daemon of the agent's user started directly, and a shared one the agent
+// starts through the prefix's helper when it runs as root: either way the
+// hung daemon is ended and a new one scans the batch.
+TEST_F(QXUtilsCoordinatorTest, ADaemonThatHangsIsEndedAndStartedAgainAndEveryLaterBatchScans)
+{
+    for (const EngineFixture::Layout layout : {EngineFixture::Layout::HandMade, EngineFixture::Layout::Preferred}) {
+        SCOPED_TRACE(int(layout));
+        delegate.calls.clear();
+        delegate.infections.clear();
+        EngineFixture engine(layout);
+        ASSERT_TRUE(engine.isReady()) << qPrintable(engine.errorString());
+        ScriptedPrefix files;
+        QStringList infected;
+        QStringList batch;
+        for (int i = 0; i < 20; ++i) {
+            batch << files.writeFile(QStringLiteral("h/%1.com").arg(i, 2, 10, QLatin1Char('0')),
+                                     i % 4 == 1 ? EngineFixture::eicarContents() : QByteArray("harmless\n"));
+            if (i % 4 == 1)
+                infected << batch.last();
+        }
+        auto utils = checking({{engine.enginePath(), engine.enginePath() + "/share/clamav/freshclam.log"}});
+        // The hand-made prefix's definitions carry no version, so its check
+        // ends asking for an update; the daemon runs all the same.
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return delegate.count("clamdAlreadyRunning") + delegate.count("needToUpdateDB") == 1; }, 10000))
+            << qPrintable(delegate.calls.join('|'));
+        utils->theScanner()->setSilenceLimit(std::chrono::seconds(2));
+        utils->theChecker()->setClamdReplyTimeLimit(std::chrono::seconds(1));
+        const qint64 hung = engine.daemonPid();
+        ASSERT_EQ(::kill(pid_t(hung), SIGSTOP), 0);
+
+        utils->scanFiles(batch);
+        expectEachInfectionOnceAndOneEnd(infected);
+        const qint64 restarted = daemonInPidFile(engine);
+        EXPECT_NE(restarted, hung);
+        EXPECT_TRUE(processRuns(restarted));
+        EXPECT_FALSE(processRuns(hung));
+        EXPECT_TRUE(utils->theChecker()->clamdResponding());
+
+        delegate.calls.clear();
+        delegate.infections.clear();
+        utils->scanFiles(QStringList{infected.first(), batch.first()});
+        ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.count("scanFinishedWithStatus:1") == 1; }, 30000))
+            << qPrintable(delegate.calls.join('|'));
+        ASSERT_EQ(delegate.infections.size(), 1);
+        EXPECT_EQ(delegate.infections.first().second, infected.first());
+        EXPECT_EQ(daemonInPidFile(engine), restarted);
+    }
 }
 
 // A daemon client that this process runs, or 0 when none runs now.
