@@ -334,6 +334,21 @@ else
     expect_eq "and leaves it running under its pid" "$pid" "$(cat "$prefix/run/clamd.pid" 2>/dev/null)"
     expect_eq "which still answers" "$tmp/home b/clean.txt: OK" \
         "$(as "$user_b" "$prefix/bin/clamdscan" --no-summary "$tmp/home b/clean.txt" 2>&1)"
+
+    # A stopped daemon still holds the socket (connections queue) but answers
+    # nothing; no user may signal it, yet a start through the helper ends it.
+    kill -STOP "$pid"
+    out=$(as "$user_a" timeout 60 "$prefix/sbin/clamd" 2>&1)
+    expect_eq "a start with a daemon that hangs succeeds" 0 "$?"
+    expect_match "and says it ended the hung one" "\(pid $pid\) does not answer: ending it" "$out"
+    state=$(awk '{ print $3 }' "/proc/$pid/stat" 2>/dev/null)
+    check "the hung daemon is gone" test "${state:-gone}" = gone -o "$state" = Z
+    new=$(cat "$prefix/run/clamd.pid" 2>/dev/null)
+    [[ -n $new ]] && daemon_pids+=("$new")
+    check "a new daemon took its place" test -n "$new" -a "$new" != "$pid"
+    expect_eq "which runs as clamav" "clamav clamav" "$(ps -o ruser=,euser= -p "${new:-0}" | xargs)"
+    expect_eq "and answers" "$tmp/home a/clean.txt: OK" \
+        "$(as "$user_a" "$prefix/bin/clamdscan" --no-summary "$tmp/home a/clean.txt" 2>&1)"
     stop_daemon "$prefix/run/clamd.pid"
 
     # A configuration others could change would let them steer the helper.
