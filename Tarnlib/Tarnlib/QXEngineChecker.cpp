@@ -358,7 +358,9 @@ void QXEngineChecker::endHungClamd()
     const bool ours =
         arguments.value(0) == QLatin1String("/usr/sbin/clamd")
         && std::any_of(arguments.cbegin() + 1, arguments.cend(),
-                       [&](const QString &a) { return a.startsWith(option) && QDir::cleanPath(a.mid(option.size())) == configuration; })
+                       [&](const QString &a) {
+                           return a.startsWith(option) && QDir::cleanPath(a.mid(option.size())) == configuration;
+                       })
         && ProcessList::runsAsCurrentUser(pid);
     if (!ours || clamdResponding())
         return;

@@ -349,8 +349,8 @@ TEST_F(QXScannerTest, ADaemonClientThatFallsSilentIsEndedAndLeavesItsWholeBatchU
     scan(batch);
 
     ASSERT_TRUE(waitForEnd());
-    EXPECT_EQ(delegate.events(), (QStringList{"scanStarted", "filesLeftUnscanned:" + batch.join('|'),
-                                              "scanFinishedWithStatus:2"}));
+    EXPECT_EQ(delegate.events(),
+              (QStringList{"scanStarted", "filesLeftUnscanned:" + batch.join('|'), "scanFinishedWithStatus:2"}));
     EXPECT_EQ(processState(engine.pid()), '\0');
     EXPECT_FALSE(QFile::exists(scanner->scanListTempFilePath()));
 }
