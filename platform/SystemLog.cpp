@@ -38,17 +38,13 @@ void writeToSystem(const QString &line)
 
 void SystemLog::log(const QString &line)
 {
-    Sink sink;
-    {
-        QMutexLocker locker(&sinkLock);
-        sink = currentSink;
-    }
-    if (sink)
-        sink(line);
-    else {
-        QMutexLocker locker(&sinkLock);
+    // The sink runs under the lock: once setSink() has returned, the sink it
+    // replaced, and whatever it writes into, is used on no thread any more.
+    QMutexLocker locker(&sinkLock);
+    if (currentSink)
+        currentSink(line);
+    else
         writeToSystem(line);
-    }
 }
 
 SystemLog::Sink SystemLog::setSink(Sink sink)

@@ -13,7 +13,8 @@ public:
     static void log(const QString &line);
 
     // Replaces the destination (tests capture lines); an empty sink returns
-    // to syslog and standard error. Answers the sink it replaced.
+    // to syslog and standard error. Answers the sink it replaced, which no
+    // thread is running any more. A sink must not log.
     static Sink setSink(Sink sink);
 };
 
