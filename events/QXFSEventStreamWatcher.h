@@ -44,7 +44,7 @@ public:
     bool isTrashedFileAtPath(const QString &path) const;
 
 signals:
-    // The logger ended, whatever the reason.
+    // The logger ended, whatever the reason. Sent from the logger's thread.
     void loggerEnded();
 
 private:
