@@ -19,10 +19,14 @@ int main(int argc, char **argv)
     Localization::install(&app);
 
     KorvaneVarden_AppDelegate delegate;
-    // Korvane tells by this name whether the agent runs in this session.
-    QDBusConnection::sessionBus().registerService(BundleInfo::bundleIdentifier());
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                      [&delegate] { delegate.applicationWillTerminate(); });
-    QTimer::singleShot(0, &delegate, [&delegate] { delegate.applicationDidFinishLaunching(); });
+    QTimer::singleShot(0, &delegate, [&delegate] {
+        delegate.applicationDidFinishLaunching();
+        // Korvane tells by this name whether the agent runs in this session,
+        // and may ask it at once to quit or restart: the name comes only once
+        // the agent listens for that.
+        QDBusConnection::sessionBus().registerService(BundleInfo::bundleIdentifier());
+    });
     return app.exec();
 }
