@@ -98,8 +98,12 @@ int main(int argc, char **argv)
     bool handled = false;
     for (const QString &argument : parser.positionalArguments())
         handled = companion.openUrl(QUrl(argument)) || handled;
+    // A second start asks for the window as soon as it finds the name taken,
+    // so the name is claimed only once that request would be heard.
+    companion.observeAgent();
     if (!companion.claimBusName()) {
         // One companion per session: the running one shows its window.
+        DistributedNotificationCenter::defaultCenter()->removeObserver(&companion);
         if (!handled || parser.isSet(show)) {
             DistributedNotificationCenter::defaultCenter()->postNotificationName(
                 QStringLiteral("KorvaneShouldOpenPrefs"), QStringLiteral("Korvane"));
@@ -107,7 +111,6 @@ int main(int argc, char **argv)
         }
         return app->exec();
     }
-    companion.observeAgent();
     if (!CompanionApplication::isAgentRunning())
         companion.startAgent();
     if (!handled || parser.isSet(show))

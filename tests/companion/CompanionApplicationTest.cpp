@@ -2,6 +2,7 @@
 #include "companion/CompanionApplication.h"
 #include "companion/LoginItem.h"
 #include "platform/DesktopEntryWorkspace.h"
+#include "tests/support/BusTraffic.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -16,8 +17,8 @@ using CompanionApplicationTest = CompanionFixture;
 TEST_F(CompanionApplicationTest, TheAgentsOpenPrefsNotificationShowsTheWindowWhileTheCompanionOwnsItsName)
 {
     CompanionApplication companion;
-    ASSERT_TRUE(companion.claimBusName());
     companion.observeAgent();
+    ASSERT_TRUE(companion.claimBusName());
     DesktopEntryWorkspace workspace;
     EXPECT_TRUE(workspace.isApplicationActive(BundleInfo::companionIdentifier()));
     EXPECT_FALSE(companion.preferencesWindow()->isVisible());
@@ -33,6 +34,36 @@ TEST_F(CompanionApplicationTest, TheAgentsOpenPrefsNotificationShowsTheWindowWhi
     EXPECT_FALSE(other.registerService(BundleInfo::companionIdentifier()));
     QDBusConnection::disconnectFromBus("second companion");
     QDBusConnection::sessionBus().unregisterService(BundleInfo::companionIdentifier());
+}
+
+// A second start asks the running companion for its window the moment it
+// finds the name taken: by then the first must be listening.
+TEST_F(CompanionApplicationTest, TheCompanionListensForOpenPrefsBeforeItsNameAppears)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
+    // The agent seems to run, so the companion starts none.
+    QDBusConnection agent = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "agent");
+    ASSERT_TRUE(agent.registerService(QStringLiteral(KORVANE_AGENT_ID)));
+    BusTraffic traffic;
+    ASSERT_TRUE(traffic.start());
+
+    QProcess korvane;
+    korvane.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", {});
+    const QString name = BundleInfo::companionIdentifier();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(name).value(); }, 15000));
+    korvane.kill();
+    korvane.waitForFinished(5000);
+    QDBusConnection::disconnectFromBus("agent");
+
+    const qsizetype claimed = traffic.positionOfCall(QStringLiteral("RequestName"), name + '"');
+    const qsizetype listening =
+        traffic.positionOfCall(QStringLiteral("AddMatch"), QStringLiteral("member='KorvaneShouldOpenPrefs'"));
+    ASSERT_GE(claimed, 0) << traffic.text().toStdString();
+    ASSERT_GE(listening, 0) << traffic.text().toStdString();
+    EXPECT_LT(listening, claimed);
 }
 
 TEST_F(CompanionApplicationTest, TheLoginEntryAppearsAndDisappearsWithTheCheckboxAndNamesTheAgent)
