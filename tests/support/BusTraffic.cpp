@@ -30,5 +30,7 @@ qsizetype BusTraffic::positionOfCall(const QString &member, const QString &argum
 {
     const QRegularExpression call(
         QStringLiteral("member=%1\\n\\s+string \"[^\"\\n]*%2").arg(member, QRegularExpression::escape(argumentPart)));
-    return call.match(text()).capturedStart();
+    // The monitor may not have written it out yet.
+    qsizetype position = -1;
+    return QTest::qWaitFor([&] { return (position = call.match(text()).capturedStart()) >= 0; }, 5000) ? position : -1;
 }

@@ -14,7 +14,7 @@ public:
     ~BusTraffic();
 
     // Where a call to the bus whose first argument holds the part comes in
-    // the traffic so far; -1 when it has not come.
+    // the traffic; -1 when it has not come within a few seconds.
     qsizetype positionOfCall(const QString &member, const QString &argumentPart);
     QString text();
 
