@@ -352,22 +352,63 @@ void QXUtils::updateDefs()
     updater->perform([updater] { updater->runUpdate(); });
 }
 
-void QXUtils::scanFiles(const QStringList &paths)
+void QXUtils::scanFiles(const QStringList &paths, bool logged)
 {
     _suppressSummary = readPreferenceForKey(QStringLiteral("SuppressSummary")).toBool();
-    const QVariant args = readPreferenceForKey(QStringLiteral("AdditionalCmdLineArgs"));
-    _hasAdditionalCmdArgs = args.isValid();
-    _additionalCmdArgs = args.toString();
-    _logScans = readPreferenceForKey(QStringLiteral("LogScans")).toBool();
+    determineAdditionalArguments();
+    _logScans = logged && readPreferenceForKey(QStringLiteral("LogScans")).toBool();
     if (!_theScanner)
         return;
     _batchInFlight = paths;
     _unscannedOfBatch.clear();
     _rescanningBatch = false;
+    _retryingWithoutCmdArgs = false;
     _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
     const QStringList batch = paths;
     scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+}
+
+void QXUtils::determineAdditionalArguments()
+{
+    const QVariant setting = readPreferenceForKey(QStringLiteral("AdditionalCmdLineArgs"));
+    _argumentConflicts.clear();
+    _hasAdditionalCmdArgs = setting.isValid();
+    _additionalCmdArgs = setting.toString();
+    if (!_hasAdditionalCmdArgs) {
+        _refusedCmdArgs.clear();
+        return;
+    }
+    // The engine would move or remove files without the record that lets
+    // the user put them back; the list's own actions keep one.
+    QStringList kept;
+    QStringList dropped;
+    for (const QString &argument : _additionalCmdArgs.split(QLatin1Char(' '), Qt::KeepEmptyParts)) {
+        const bool movesFiles = argument == QLatin1String("--remove") || argument.startsWith(QLatin1String("--remove="))
+                                || argument.startsWith(QLatin1String("--move"))
+                                || argument.startsWith(QLatin1String("--copy"));
+        (movesFiles ? dropped : kept) << argument;
+    }
+    if (!dropped.isEmpty()) {
+        _argumentConflicts << QStringLiteral("the scanner arguments “%1” would move or delete files: they are not "
+                                             "passed")
+                                  .arg(dropped.join(QLatin1Char(' ')));
+        _additionalCmdArgs = kept.join(QLatin1Char(' '));
+        _hasAdditionalCmdArgs = !kept.isEmpty();
+    }
+    if (!_hasAdditionalCmdArgs || _additionalCmdArgs != _refusedCmdArgs) {
+        _refusedCmdArgs.clear();
+        return;
+    }
+    _argumentConflicts << refusedArgumentsConflict();
+    _hasAdditionalCmdArgs = false;
+    _additionalCmdArgs.clear();
+}
+
+QString QXUtils::refusedArgumentsConflict() const
+{
+    return QStringLiteral("the engine refused the scanner arguments “%1”: files are scanned without them")
+        .arg(_refusedCmdArgs);
 }
 
 void QXUtils::countFiles(const QStringList &paths)
@@ -426,6 +467,17 @@ void QXUtils::determineQuarantineSettings()
     // Anything but a string names no folder.
     if (folder.typeId() == QMetaType::QString)
         _quarantineLocation = UserFolders::expandTilde(folder.toString());
+    _quarantineConflicts.clear();
+    // A relative folder would lie wherever the agent happens to run.
+    if (!_quarantineLocation.isEmpty() && QDir::isRelativePath(_quarantineLocation)) {
+        _quarantineConflicts << QStringLiteral("the quarantine folder “%1” is not a full path: it is taken as not set")
+                                    .arg(_quarantineLocation);
+        _quarantineLocation = QString();
+    }
+    if (quarantineOverlapsWatchedFolder())
+        _quarantineConflicts << QStringLiteral("the quarantine folder %1 overlaps a watched folder: only the files "
+                                               "quarantined from the list are left out of scans")
+                                    .arg(_quarantineLocation);
 
     if (!_quarantineFiles)
         return;
@@ -447,10 +499,34 @@ QString QXUtils::escapedLiteralPattern(const QString &pattern)
     return escaped;
 }
 
+QStringList QXUtils::watchedRoots() const
+{
+    QStringList roots;
+    for (const QVariant &record : readPreferenceForKey(QStringLiteral("VardenFolderArray")).toList()) {
+        const QVariant pathName = record.toMap().value(QStringLiteral("pathName"));
+        if (pathName.typeId() == QMetaType::QString && !pathName.toString().isEmpty())
+            roots << QDir::cleanPath(UserFolders::expandTilde(pathName.toString()));
+    }
+    return roots;
+}
+
+bool QXUtils::quarantineOverlapsWatchedFolder() const
+{
+    if (_quarantineLocation.isEmpty())
+        return false;
+    const QString quarantine = QDir::cleanPath(_quarantineLocation);
+    const QStringList roots = watchedRoots();
+    return std::any_of(roots.begin(), roots.end(), [&](const QString &root) {
+        return isPathInsideFolder(root, quarantine) || isPathInsideFolder(quarantine, root);
+    });
+}
+
 void QXUtils::determineWhatToExcludeFromThisScan()
 {
     QStringList arguments;
     QList<QXExclusionPredicate> predicates;
+    _watchedRootsOfScan = watchedRoots();
+    _exclusionConflicts.clear();
     const QVariantList records = readPreferenceForKey(QStringLiteral("ExcludePatterns")).toList();
     for (const QVariant &entry : records) {
         const QVariantMap record = entry.toMap();
@@ -465,13 +541,22 @@ void QXUtils::determineWhatToExcludeFromThisScan()
             arguments << QStringLiteral("--exclude=%1").arg(escaped) << QStringLiteral("--exclude-dir=%1").arg(escaped);
             predicates << QXExclusionPredicate::containing(pattern);
         }
+        for (const QString &root : std::as_const(_watchedRootsOfScan)) {
+            if (predicates.last().evaluate(root) || predicates.last().evaluate(root + QLatin1Char('/')))
+                _exclusionConflicts << QStringLiteral("the exclusion “%1” matches the watched folder %2: it is "
+                                                      "applied only to what lies below it")
+                                           .arg(pattern, root);
+        }
     }
+    _userExcludes = predicates;
 
     _scanEmailFiles = readPreferenceForKey(QStringLiteral("ScanEmail")).toBool();
+    _excludedMailStores.clear();
     if (!_scanEmailFiles) {
         for (const QString &store : _emailDirPaths) {
             arguments << QStringLiteral("--exclude-dir=%1").arg(store);
             predicates << QXExclusionPredicate::containing(store);
+            _excludedMailStores << store;
         }
     }
 
@@ -512,38 +597,56 @@ bool QXUtils::anyOutsideTrash(const QStringList &paths) const
     });
 }
 
-QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch) const
+QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch, const QStringList &quarantinedByUs) const
 {
-    QStringList folders = Trash::sharedTrash()->trashFolders();
-    // "/" is an unusable quarantine folder and must not leave everything out.
+    QStringList folders = Trash::sharedTrash()->trashFolders() + _excludedMailStores;
+    // "/" is an unusable quarantine folder and must not leave everything out;
+    // nor may one around or inside a watched folder leave that folder out.
     const QString quarantine = QDir::cleanPath(_quarantineLocation);
-    if (!_quarantineLocation.isEmpty() && quarantine != QLatin1String("/"))
+    if (quarantineOverlapsWatchedFolder())
+        folders << quarantinedByUs;
+    else if (!_quarantineLocation.isEmpty() && quarantine != QLatin1String("/"))
         folders << quarantine;
 
     QStringList kept;
     int leftOut = 0;
     for (const QString &path : batch)
-        kept << withoutExcludedParts(path, folders, leftOut);
+        kept << withoutExcludedParts(path, watchedRootOf(path), folders, leftOut);
     if (leftOut > 0)
         SystemLog::log(QStringLiteral("left out of this scan: %1").arg(leftOut));
     return kept;
 }
 
-bool QXUtils::isExcludedPath(const QString &path, const QStringList &folders) const
+QString QXUtils::watchedRootOf(const QString &path) const
 {
-    return std::any_of(folders.begin(), folders.end(),
-                       [&](const QString &folder) { return isPathInsideFolder(path, folder); })
-           || std::any_of(_counterExcludes.begin(), _counterExcludes.end(),
-                          [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(path); });
+    QString nearest;
+    for (const QString &root : _watchedRootsOfScan) {
+        if (isPathInsideFolder(path, root) && root.size() > nearest.size())
+            nearest = root;
+    }
+    return nearest;
 }
 
-QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const
+bool QXUtils::isExcludedPath(const QString &path, const QString &root, const QStringList &folders) const
+{
+    // The user's exclusions look only below the watched folder, so that a
+    // word that happens to be in the home folder's name cannot leave it all out.
+    const QString below = root.isEmpty() || root == QLatin1String("/") ? path : path.mid(root.size());
+    return std::any_of(folders.begin(), folders.end(),
+                       [&](const QString &folder) { return isPathInsideFolder(path, folder); })
+           || (!below.isEmpty()
+               && std::any_of(_userExcludes.begin(), _userExcludes.end(),
+                              [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(below); }));
+}
+
+QStringList QXUtils::withoutExcludedParts(const QString &path, const QString &root, const QStringList &folders,
+                                          int &leftOut) const
 {
     const QFileInfo info(path);
     const bool isFolder = info.isDir() && !info.isSymLink();
     const QString asFolder = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
     // A pattern that names a folder with its trailing "/" covers the folder too.
-    if (isExcludedPath(path, folders) || (isFolder && isExcludedPath(asFolder, folders))) {
+    if (isExcludedPath(path, root, folders) || (isFolder && path != root && isExcludedPath(asFolder, root, folders))) {
         ++leftOut;
         return {};
     }
@@ -553,7 +656,7 @@ QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList
     // The daemon scans a folder whole, so one holding something excluded is
     // replaced by what it holds less that. Only the branches that lead to an
     // excluded entry are opened; the rest stay single paths.
-    const bool mayHoldExcluded = !_counterExcludes.isEmpty()
+    const bool mayHoldExcluded = !_userExcludes.isEmpty()
                                  || std::any_of(folders.begin(), folders.end(),
                                                 [&](const QString &folder) { return folder.startsWith(asFolder); });
     if (!mayHoldExcluded)
@@ -565,7 +668,7 @@ QStringList QXUtils::withoutExcludedParts(const QString &path, const QStringList
     bool changed = false;
     for (const QString &name : names) {
         const QString child = asFolder + name;
-        const QStringList part = withoutExcludedParts(child, folders, leftOut);
+        const QStringList part = withoutExcludedParts(child, root, folders, leftOut);
         changed = changed || part != QStringList{child};
         inside << part;
     }
@@ -684,6 +787,19 @@ void QXUtils::daemonCheckedAfterScan(bool answering, bool remote, int status)
         scanner->perform([scanner, unscanned] { scanner->runScanOnFiles(unscanned); });
         return;
     }
+    // A batch the engine refused outright may have failed on the user's
+    // extra arguments: it goes once more without them.
+    if (answering && status == 2 && _hasAdditionalCmdArgs && !_batchInFlight.isEmpty()) {
+        SystemLog::log(QStringLiteral("the batch failed with the scanner arguments \"%1\": scanning it again without "
+                                      "them")
+                           .arg(_additionalCmdArgs));
+        _cmdArgsOfBatch = _additionalCmdArgs;
+        _hasAdditionalCmdArgs = false;
+        _additionalCmdArgs.clear();
+        _retryingWithoutCmdArgs = true;
+        rescanBatchInFlight();
+        return;
+    }
     if (answering) {
         finishBatch(status);
         return;
@@ -711,6 +827,12 @@ void QXUtils::daemonCheckedAfterScan(bool answering, bool remote, int status)
 
 void QXUtils::finishBatch(int status)
 {
+    if (_retryingWithoutCmdArgs && status < 2) {
+        _refusedCmdArgs = _cmdArgsOfBatch;
+        _argumentConflicts << refusedArgumentsConflict();
+        appendToConsole(refusedArgumentsConflict());
+    }
+    _retryingWithoutCmdArgs = false;
     _rescanningBatch = false;
     _batchInFlight.clear();
     _unscannedOfBatch.clear();

@@ -64,12 +64,16 @@ public:
     void setup();
     void checkEngine();
     void updateDefs();
-    void scanFiles(const QStringList &paths);
+    // The agent's self-test scans without a line in the user's scan log.
+    void scanFiles(const QStringList &paths, bool logged = true);
     void countFiles(const QStringList &paths);
     void pauseResume();
     void stop();
     void determineQuarantineSettings();
     void determineWhatToExcludeFromThisScan();
+    // The "AdditionalCmdLineArgs" to pass, less those that would move or
+    // delete files and those the engine refused before.
+    void determineAdditionalArguments();
     // Whether a path lies in one of the mail programs' message stores.
     bool checkIfPathLooksLikeEmail(const QString &path) const;
     // Whether a path lies in one of the current user's Trash folders.
@@ -77,10 +81,16 @@ public:
     // Whether at least one of the paths lies outside every Trash folder.
     bool anyOutsideTrash(const QStringList &paths) const;
     // The batch less what this scan leaves out, logging how much: paths
-    // that satisfy one of the counterExcludes, and paths in the quarantine
+    // that satisfy one of the user's exclusions below their watched folder,
+    // mail stores when mail is not scanned, and paths in the quarantine
     // folder or the Trash, which the user put there after a scan found them.
+    // A quarantine folder that overlaps a watched folder is not left out
+    // whole: only quarantinedByUs, the files the agent itself moved there.
     // A folder that holds such paths is replaced by the rest of its contents.
-    QStringList leaveExcludedPathsOutOfBatch(const QStringList &batch) const;
+    QStringList leaveExcludedPathsOutOfBatch(const QStringList &batch, const QStringList &quarantinedByUs = {}) const;
+    // What in the settings of the last scan keeps the guard from its full
+    // work, in plain words; empty when nothing does.
+    QStringList settingsConflicts() const { return _exclusionConflicts + _quarantineConflicts + _argumentConflicts; }
     void postToNotificationCenterWithTitle(const QString &title, const QString &message);
 
     // Questions the delegate answers.
@@ -178,8 +188,15 @@ public:
 
 private:
     static bool isPathInsideFolder(const QString &path, const QString &folder);
-    bool isExcludedPath(const QString &path, const QStringList &folders) const;
-    QStringList withoutExcludedParts(const QString &path, const QStringList &folders, int &leftOut) const;
+    // The watched folder a path lies in, the innermost; empty for none.
+    QString watchedRootOf(const QString &path) const;
+    bool isExcludedPath(const QString &path, const QString &root, const QStringList &folders) const;
+    QStringList withoutExcludedParts(const QString &path, const QString &root, const QStringList &folders,
+                                     int &leftOut) const;
+    // The watched folders as absolute paths, as the settings have them now.
+    QStringList watchedRoots() const;
+    bool quarantineOverlapsWatchedFolder() const;
+    QString refusedArgumentsConflict() const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);
     // "PathToClamav" or "PathToUpdateLog" as the companion has it.
@@ -248,6 +265,19 @@ private:
     bool _restartingClamdForBatch = false;
     bool _rescanningBatch = false;
     int _statusOfLostScan = 0;
+    // Arguments that made the engine refuse a batch, which then went again
+    // without them; they stay out until the setting changes.
+    QString _refusedCmdArgs;
+    QString _cmdArgsOfBatch;
+    bool _retryingWithoutCmdArgs = false;
+    QStringList _exclusionConflicts;
+    QStringList _quarantineConflicts;
+    QStringList _argumentConflicts;
+    // The user's exclusions, tested below the watched folder, apart from the
+    // mail stores, which are tested as folders.
+    QList<QXExclusionPredicate> _userExcludes;
+    QStringList _excludedMailStores;
+    QStringList _watchedRootsOfScan;
     // A scanning service elsewhere is never started: while it does not
     // answer, the startup and the batch in flight wait and it is asked again.
     QTimer _remoteServiceTimer;

@@ -123,7 +123,7 @@ TEST_F(EndToEndTest, RestartingTheWatchLosesNoFileThatIsAlreadyWaiting)
 
 TEST_F(EndToEndTest, InfectedFileInAnExcludedFolderIsNeitherScannedNorListedWhileOneBesideItIs)
 {
-    const QVariantMap privateFolder{{QStringLiteral("excludePattern"), QStringLiteral("/Watched/Private/")},
+    const QVariantMap privateFolder{{QStringLiteral("excludePattern"), QStringLiteral("/Private/")},
                                     {QStringLiteral("excludeEnabled"), true}};
     home.writeDomain(companionDomain,
                      {{QStringLiteral("VardenFolderArray"), QVariantList{folder(QStringLiteral("~/Watched"))}},
