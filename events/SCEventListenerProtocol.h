@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QString>
+
 class SCEvent;
 class SCEvents;
 
@@ -11,4 +13,7 @@ public:
 
     // The event lives only for the call; keep a copy to hold on to it.
     virtual void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *eventOccurred) = 0;
+    // Optional: a watched folder, or part of its tree, cannot be watched and
+    // why; an empty problem once it is watched whole again.
+    virtual void pathWatcherCoverageChanged(SCEvents *, const QString & /*root*/, const QString & /*problem*/) {}
 };

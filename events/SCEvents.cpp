@@ -37,6 +37,11 @@ bool SCEvents::startWatchingPaths(const QStringList &paths)
     FileSystemWatcher *stream = FileSystemWatcher::create();
     QObject::connect(stream, &FileSystemWatcher::eventsOccurred, stream,
                      [this](const QList<FileSystemEvent> &events) { eventsOccurred(events); });
+    QObject::connect(stream, &FileSystemWatcher::coverageChanged, stream,
+                     [this](const QString &root, const QString &problem) {
+                         if (_delegate)
+                             _delegate->pathWatcherCoverageChanged(this, root, problem);
+                     });
     // Below an excluded folder every event would be dropped, so it needs no watches.
     const QStringList unwatched = _ignoreEventsFromSubDirs ? _excludedPaths : QStringList();
     if (!stream->start(paths, _notificationLatency, unwatched)) {

@@ -69,4 +69,7 @@ signals:
     void eventsOccurred(const QList<FileSystemEvent> &events);
     // The trees present at the start are watched (folders hidden by the system's limits aside).
     void setupFinished(qint64 watchedFolders);
+    // A root, or part of its tree, cannot be watched, and why; an empty
+    // problem once it is watched whole again.
+    void coverageChanged(const QString &root, const QString &problem);
 };

@@ -327,6 +327,7 @@ void InotifyWatcher::Worker::handleSelfEvent(int wd, uint32_t mask)
                                : (mask & IN_UNMOUNT) ? QStringLiteral("its file system was unmounted")
                                                      : QStringLiteral("it was removed");
         NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(root), reason));
+        _owner->reportCoverage(QFile::decodeName(root), reason);
     }
     // A folder moved out of the trees: what happens at its new place is none of ours.
     // Removed folders lose their watches one by one through IN_IGNORED.
@@ -377,6 +378,7 @@ void InotifyWatcher::Worker::lookoutChanged(int wd, uint32_t mask)
     for (const QByteArray &root : std::as_const(awaited)) {
         if (isFolder(root)) {
             NSLog(QStringLiteral("%1 is there: watching it").arg(QFile::decodeName(root)));
+            _owner->reportCoverage(QFile::decodeName(root), QString());
             // Listed as new, so that what it holds already is scanned.
             _pending.push_back({-1, -1, root, root, Walk::New});
         } else {
@@ -542,6 +544,9 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
                            "are not watched; raise it with: sysctl fs.inotify.max_user_watches=%3")
                 .arg(limit > 0 ? QString::number(limit) : QStringLiteral("unknown"), root, QString::number(suggested)));
         _owner->reportWatchLimit(root, suggested);
+        _owner->reportCoverage(root, QStringLiteral("the system's limit of watched folders (fs.inotify.max_user_watches"
+                                                    " = %1) was reached")
+                                         .arg(limit));
         return;
     }
     // Below a root, a folder that vanished before its watch came, or a symbolic
@@ -549,6 +554,10 @@ void InotifyWatcher::Worker::reportWatchFailure(int error, const PendingFolder &
     if (folder.parent >= 0 && (error == ENOENT || error == ENOTDIR || error == ELOOP))
         return;
     NSLog(QStringLiteral("cannot watch %1: %2").arg(QFile::decodeName(folder.path), qt_error_string(error)));
+    if (folder.parent < 0)
+        _owner->reportCoverage(QFile::decodeName(folder.path), error == ENOENT || error == ENOTDIR
+                                                                   ? QStringLiteral("it does not exist")
+                                                                   : qt_error_string(error));
     if (folder.parent < 0 && (error == ENOENT || error == ENOTDIR))
         awaitRoot(folder.path);
 }
@@ -765,6 +774,17 @@ void InotifyWatcher::reportWatchLimit(const QString &root, qint64 suggestedLimit
                 center->deliverNotification(
                     Localization::text("WATCH_LIMIT_TITLE"),
                     Localization::text("WATCH_LIMIT_MESSAGE").arg(root, QString::number(suggestedLimit)));
+        },
+        Qt::QueuedConnection);
+}
+
+void InotifyWatcher::reportCoverage(const QString &root, const QString &problem)
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this, root, problem] {
+            if (_worker)
+                emit coverageChanged(root, problem);
         },
         Qt::QueuedConnection);
 }

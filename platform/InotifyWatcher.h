@@ -37,6 +37,7 @@ private:
     void takeBatch(QList<FileSystemEvent> batch);
     void reportSetupFinished(qint64 watchedFolders);
     void reportWatchLimit(const QString &root, qint64 suggestedLimit);
+    void reportCoverage(const QString &root, const QString &problem);
 
     void deliverBatches();
 

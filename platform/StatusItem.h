@@ -29,6 +29,28 @@ public:
     // notification service answers.
     virtual void showMessage(const QString &title, const QString &message) = 0;
 
+    // A mark drawn over whatever image is shown, for the guard's status;
+    // none while the icon is null.
+    QIcon badge() const { return _badge; }
+    void setBadge(const QIcon &badge)
+    {
+        _badge = badge;
+        showBadgeAndToolTip();
+    }
+    QString toolTip() const { return _toolTip; }
+    void setToolTip(const QString &text)
+    {
+        _toolTip = text;
+        showBadgeAndToolTip();
+    }
+
 signals:
     void messageClicked();
+
+protected:
+    virtual void showBadgeAndToolTip() {}
+
+private:
+    QIcon _badge;
+    QString _toolTip;
 };

@@ -4,6 +4,8 @@
 
 #include <QCursor>
 #include <QMenu>
+#include <QPainter>
+#include <QPixmap>
 #include <QSystemTrayIcon>
 
 TrayStatusItem::TrayStatusItem(QObject *parent)
@@ -20,14 +22,35 @@ TrayStatusItem::~TrayStatusItem() = default;
 
 QIcon TrayStatusItem::image() const
 {
-    return _trayIcon->icon();
+    return _image;
 }
 
 void TrayStatusItem::setImage(const QIcon &image)
 {
-    _trayIcon->setIcon(image);
+    _image = image;
+    showBadgeAndToolTip();
     if (!_trayIcon->isVisible())
         showWhenTrayExists();
+}
+
+void TrayStatusItem::showBadgeAndToolTip()
+{
+    _trayIcon->setToolTip(toolTip());
+    if (badge().isNull() || _image.isNull()) {
+        _trayIcon->setIcon(_image);
+        return;
+    }
+    // The badge takes the lower right of the image, at each size a tray asks for.
+    QIcon marked;
+    for (int size : {16, 22, 24, 32, 48, 64}) {
+        QPixmap pixmap = _image.pixmap(size, size);
+        QPainter painter(&pixmap);
+        const int mark = size * 3 / 5;
+        painter.drawPixmap(size - mark, size - mark, badge().pixmap(mark, mark));
+        painter.end();
+        marked.addPixmap(pixmap);
+    }
+    _trayIcon->setIcon(marked);
 }
 
 QIcon TrayStatusItem::alternateImage() const

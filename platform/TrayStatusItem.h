@@ -27,11 +27,15 @@ public:
 
     bool isShownInTray() const;
 
+protected:
+    void showBadgeAndToolTip() override;
+
 private:
     void showWhenTrayExists();
     void activated(int reason);
 
     QSystemTrayIcon *_trayIcon;
+    QIcon _image;
     QIcon _alternateImage;
     QTimer _trayWait;
     bool _loggedWaiting = false;
