@@ -1,9 +1,12 @@
 #include "KorvaneVarden_AppDelegate.h"
 
 #include "Dispatcher.h"
+#include "ProtectionStatus.h"
+#include "SelfTest.h"
 #include "events/QXFSEventStreamWatcher.h"
 #include "events/SCEvent.h"
 #include "events/SCEvents.h"
+#include "platform/AgentStatusService.h"
 #include "platform/AppcastUpdater.h"
 #include "platform/ApplicationHost.h"
 #include "platform/BundleInfo.h"
@@ -109,6 +112,8 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _throbberAnimationTimer.setInterval(125);
     // Filled while watching; the status menu shows it once it exists.
     _foldersBeingWatchedSubmenu = new QMenu;
+    _protectionStatus = new ProtectionStatus(this);
+    setupProtectionStatus();
 }
 
 KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()
@@ -156,6 +161,15 @@ void KorvaneVarden_AppDelegate::applicationDidFinishLaunching()
 
     observeCompanionAndWorkspace();
     _startWatchingAfterSleep = false;
+
+    auto *service = new AgentStatusService(
+        [this] {
+            return AgentStatusService::Answer{ProtectionStatus::levelName(_protectionStatus->level()),
+                                              _protectionStatus->reasons()};
+        },
+        this);
+    if (!service->publish())
+        SystemLog::log(QStringLiteral("the status cannot be asked on the session bus"));
 }
 
 void KorvaneVarden_AppDelegate::observeCompanionAndWorkspace()
@@ -259,15 +273,32 @@ void KorvaneVarden_AppDelegate::startScan()
     _readyToScan = false;
     if (_utils->scanning())
         return;
-    const QStringList itemsToScan = _dispatcher->grabItemsToScan();
-    if (itemsToScan.isEmpty())
+    QStringList itemsToScan = _dispatcher->grabItemsToScan();
+    // Nothing to hand over must not leave the guard waiting for a scan's end.
+    if (itemsToScan.isEmpty()) {
+        _readyToScan = true;
         return;
+    }
+    _selfTestBatch = scanSelfTestApart(itemsToScan);
+    if (_selfTestBatch) {
+        _utils->setScanning(true);
+        _utils->scanFiles(itemsToScan, false);
+        return;
+    }
     SystemLog::log(QStringLiteral("itemsToScan.count: %1").arg(itemsToScan.size()));
     _utils->setScanning(true);
     _utils->determineQuarantineSettings();
     _utils->determineWhatToExcludeFromThisScan();
     // The daemon's client takes no exclusions, so they are applied here.
-    const QStringList toScan = _utils->leaveExcludedPathsOutOfBatch(itemsToScan);
+    // Files the list moved away are known by name even where the
+    // quarantine folder cannot be left out whole.
+    QStringList movedByUs;
+    for (const InfectedItem &item : _infectionListWindow->dataSource()->arrangedObjects()) {
+        if (!item.value(QStringLiteral("originalFilePath")).toString().isEmpty())
+            movedByUs << item.value(QStringLiteral("filePath")).toString();
+    }
+    const QStringList toScan = _utils->leaveExcludedPathsOutOfBatch(itemsToScan, movedByUs);
+    takeSettingsConflicts();
     if (toScan.isEmpty()) {
         _utils->setScanning(false);
         _readyToScan = true;
@@ -301,6 +332,10 @@ void KorvaneVarden_AppDelegate::stopAnimation()
 
 void KorvaneVarden_AppDelegate::scanFinishedWithStatus(int)
 {
+    if (std::exchange(_selfTestBatch, false))
+        _selfTest->scanEnded();
+    // The engine may have refused the user's extra arguments.
+    takeSettingsConflicts();
     stopAnimation();
     _utils->setScanning(false);
     _readyToScan = true;
@@ -424,10 +459,20 @@ void KorvaneVarden_AppDelegate::startWatching(QObject *)
     rotateLogFile();
     _theLastEventSeen = SCEvents::sinceNow;
     setupEventListener();
+    // Settings that keep the guard from its work are told at once, not at
+    // the first file; a scan under way still reads the ones it started with.
+    if (_utils->scanning())
+        return;
+    _utils->determineQuarantineSettings();
+    _utils->determineWhatToExcludeFromThisScan();
+    _utils->determineAdditionalArguments();
+    takeSettingsConflicts();
 }
 
 void KorvaneVarden_AppDelegate::setupEventListener()
 {
+    // The new stream tells again what it cannot watch.
+    _protectionStatus->clearReasons(QStringLiteral("folder:"));
     _events = std::make_unique<SCEvents>();
     _events->setResumeFromEventId(_theLastEventSeen);
     _events->setDelegate(this);
@@ -447,6 +492,8 @@ void KorvaneVarden_AppDelegate::setupEventListener()
 
     if (!paths.isEmpty()) {
         _watching = true;
+        if (isSelfTestEnabled())
+            paths << SelfTest::folder();
         const QStringList excluded{UserFolders::home()
                                    + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
         _events->setExcludedPaths(excluded);
@@ -455,9 +502,13 @@ void KorvaneVarden_AppDelegate::setupEventListener()
         else
             _events->startWatchingPaths(paths);
         _throbberStatusItem->setImage(_throbberWatchingImage);
+        _protectionStatus->clearReason(QStringLiteral("watching"));
+        runSelfTest();
         return;
     }
 
+    _protectionStatus->setReason(QStringLiteral("watching"), ProtectionStatus::Off,
+                                 QStringLiteral("no folder is set to be watched"));
     _throbberStatusItem->setImage(_throbberDefaultImage);
     const int answer = AlertPresenter::sharedPresenter()->runModal(
         {Localization::text("VARDEN_ERROR"), Localization::text("OPEN_PREFS"), Localization::text("QUIT_BUTTON"),
@@ -468,8 +519,15 @@ void KorvaneVarden_AppDelegate::setupEventListener()
         quit(nullptr);
 }
 
-void KorvaneVarden_AppDelegate::stopWatching(QObject *)
+void KorvaneVarden_AppDelegate::stopWatching(QObject *sender)
 {
+    _selfTest->cancel();
+    _selfTestTimer.stop();
+    // Sleep and restarts stop with the controller as sender, the end of the
+    // program with none: only the user's stop leaves the guard off.
+    if (sender && sender != this)
+        _protectionStatus->setReason(QStringLiteral("watching"), ProtectionStatus::Off,
+                                     QStringLiteral("watching was stopped"));
     if (_needGfslogger)
         _gfsWatcher->stopWatching();
     else if (_events)
@@ -495,6 +553,8 @@ void KorvaneVarden_AppDelegate::pathWatcherEventOccurred(SCEvents *, SCEvent *ev
     using Flag = FileSystemWatcher::Flag;
     const quint32 flags = quint32(event->eventFlags());
     const QString path = event->eventPath();
+    if (_selfTest->owns(path))
+        _selfTest->eventSeen(path);
     if (flags & Flag::ItemRemoved) {
         _dispatcher->removeFromWaitingList(path);
     } else if (flags & (Flag::ItemCreated | Flag::ItemRenamed)) {
@@ -857,11 +917,15 @@ void KorvaneVarden_AppDelegate::appendToConsole(const QString &text)
 
 void KorvaneVarden_AppDelegate::engineNotFound()
 {
+    _protectionStatus->setReason(QStringLiteral("engine"), ProtectionStatus::Off,
+                                 QStringLiteral("no virus engine was found"));
     _engineStatusReactions->engineNotFound();
 }
 
 void KorvaneVarden_AppDelegate::engineFoundWithVersionString(const QString &version)
 {
+    _protectionStatus->clearReason(QStringLiteral("engine"));
+    takeDefinitionsDate(version);
     _engineStatusReactions->engineFoundWithVersionString(version);
 }
 
@@ -872,16 +936,20 @@ void KorvaneVarden_AppDelegate::needToUpdateDB()
 
 void KorvaneVarden_AppDelegate::clamdStarted()
 {
+    _protectionStatus->clearReason(QStringLiteral("daemon"));
     _engineStatusReactions->clamdStarted();
 }
 
 void KorvaneVarden_AppDelegate::clamdFailedToStart()
 {
+    _protectionStatus->setReason(QStringLiteral("daemon"), ProtectionStatus::Off,
+                                 QStringLiteral("the scan daemon does not answer"));
     _engineStatusReactions->clamdFailedToStart();
 }
 
 void KorvaneVarden_AppDelegate::clamdAlreadyRunning()
 {
+    _protectionStatus->clearReason(QStringLiteral("daemon"));
     _engineStatusReactions->clamdAlreadyRunning();
 }
 
@@ -920,6 +988,11 @@ int KorvaneVarden_AppDelegate::addToInfectedListTheFile(const QString &fileName,
 
 void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, const QString &inFile)
 {
+    // The self-test's own file is no infection of the user's.
+    if (_selfTest->owns(inFile)) {
+        _selfTest->found(inFile);
+        return;
+    }
     const QString fileName = QFileInfo(inFile).fileName();
     addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
     _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));

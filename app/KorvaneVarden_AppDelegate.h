@@ -10,6 +10,7 @@
 #include "ui/EnablingRulesDelegate.h"
 #include "ui/EngineStatusReactionsDelegate.h"
 
+#include <QDateTime>
 #include <QIcon>
 #include <QList>
 #include <QObject>
@@ -26,6 +27,8 @@ class InfectedFileActions;
 class InfectedItemsStore;
 class InfectedItemsWindow;
 class PathPopup;
+class ProtectionStatus;
+class SelfTest;
 class QAction;
 class QLabel;
 class QMenu;
@@ -106,6 +109,7 @@ public:
     void stopWatching(QObject *sender);
     void restartWatching(QObject *sender);
     void pathWatcherEventOccurred(SCEvents *pathWatcher, SCEvent *event) override;
+    void pathWatcherCoverageChanged(SCEvents *pathWatcher, const QString &root, const QString &problem) override;
     void addToWaitingList(const QString &path) override;
     void rotateLogFile();
 
@@ -148,6 +152,18 @@ public:
     void revealInFinder(QObject *sender);
     // -1 not in a mail store, 0 the user declined, 1 the user confirmed.
     int checkIfLooksLikeMailAndPromptForFile(const QString &path);
+
+    // Whether the guard does its whole work, shown in the tray.
+    ProtectionStatus *protectionStatus() const { return _protectionStatus; }
+    SelfTest *selfTest() const { return _selfTest; }
+    // Runs the self-test now; it runs at every start of watching and then
+    // every six hours.
+    void runSelfTest();
+    // Tests of other things keep the self-test's file out of their lists.
+    static bool isSelfTestEnabled();
+    static void setSelfTestEnabled(bool enabled);
+    // Definitions older than this leave the guard partial.
+    static constexpr int definitionsMaxAgeDays = 7;
 
     // The path popup beside the selected row.
     void showInfectedPath(QObject *sender);
@@ -226,6 +242,17 @@ public:
 
 private:
     void observeCompanionAndWorkspace();
+    // The status: its sources and how the user sees it.
+    void setupProtectionStatus();
+    void showProtectionStatus();
+    void tellOfWorseStatus(int level, const QString &reason);
+    void tellOfProtectionAgain();
+    void takeSettingsConflicts();
+    void takeDefinitionsDate(const QString &engineVersion);
+    void checkDefinitionsAge();
+    // The self-test's file goes to the engine in a batch of its own, which
+    // leaves the user's scan log alone; answers whether this batch was it.
+    bool scanSelfTestApart(QStringList &batch);
     void stopObserving();
     void validateMenu(QMenu *menu);
     void validateToolbarItems();
@@ -272,4 +299,11 @@ private:
     QTimer *_korvaneUpdateTimer = nullptr;
     // Holds attachedWindow, popupFloaterView and popupFloaterTextField.
     PathPopup *_pathPopup;
+    ProtectionStatus *_protectionStatus;
+    SelfTest *_selfTest;
+    QTimer _selfTestTimer;
+    bool _selfTestBatch = false;
+    bool _toldOfWorseStatus = false;
+    QDateTime _definitionsDate;
+    QTimer _definitionsAgeTimer;
 };

@@ -1,5 +1,6 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
+#include "platform/AgentStatusService.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/Localization.h"
@@ -37,6 +38,21 @@ int changeFolders(const QStringList &add, const QStringList &remove)
     return 0;
 }
 
+// Exits 0 only when the guard is protected, so that a script or a fleet's
+// monitoring can ask.
+int printStatus(QTextStream &out)
+{
+    const std::optional<AgentStatusService::Answer> answer = AgentStatusService::ask();
+    if (!answer) {
+        out << "off" << Qt::endl << "- the agent does not run in this session" << Qt::endl;
+        return 1;
+    }
+    out << answer->level << Qt::endl;
+    for (const QString &reason : answer->reasons)
+        out << "- " << reason << Qt::endl;
+    return answer->level == QLatin1String("protected") ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -69,29 +85,34 @@ int main(int argc, char **argv)
     const QCommandLineOption remove(QStringLiteral("remove-folder"), QStringLiteral("Stop watching DIR."),
                                     QStringLiteral("DIR"));
     const QCommandLineOption list(QStringLiteral("list-folders"), QStringLiteral("Print the watched folders."));
+    const QCommandLineOption status(QStringLiteral("status"),
+                                    QStringLiteral("Print whether the guard protects, and why not; exit 0 only when "
+                                                   "it does."));
     const QCommandLineOption first(QStringLiteral("first-run"),
                                    QStringLiteral("Write the first settings (the Downloads folder, start at login) "
                                                   "when there are none, and exit."));
-    parser.addOptions({show, add, remove, list, first});
+    parser.addOptions({show, add, remove, list, first, status});
     parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("A korvane: URL, such as korvane://update."),
                                  QStringLiteral("[URL]"));
     parser.process(*app);
 
     if (!graphical) {
         QTextStream out(stdout);
-        int status = 0;
+        int result = 0;
         if (parser.isSet(first)) {
             bool ok = false;
             out << "Korvane: " << CompanionApplication::firstRun(&ok) << Qt::endl;
-            status = ok ? 0 : 1;
+            result = ok ? 0 : 1;
         }
-        if (status == 0 && (parser.isSet(add) || parser.isSet(remove)))
-            status = changeFolders(parser.values(add), parser.values(remove));
-        if (status == 0 && parser.isSet(list)) {
+        if (result == 0 && (parser.isSet(add) || parser.isSet(remove)))
+            result = changeFolders(parser.values(add), parser.values(remove));
+        if (result == 0 && parser.isSet(list)) {
             for (const QString &folder : CompanionSettings().watchedFolders())
                 out << folder << Qt::endl;
         }
-        return status;
+        if (result == 0 && parser.isSet(status))
+            result = printStatus(out);
+        return result;
     }
 
     CompanionApplication companion;

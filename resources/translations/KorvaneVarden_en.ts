@@ -255,5 +255,33 @@
         <source>YES</source>
         <translation>Yes</translation>
     </message>
+    <message>
+        <source>PROTECTION_PROTECTED</source>
+        <translation>KorvaneVarden: protected</translation>
+    </message>
+    <message>
+        <source>PROTECTION_PARTIAL</source>
+        <translation>KorvaneVarden: partly protected</translation>
+    </message>
+    <message>
+        <source>PROTECTION_OFF</source>
+        <translation>KorvaneVarden: protection is off</translation>
+    </message>
+    <message>
+        <source>PROTECTION_PARTIAL_TITLE</source>
+        <translation>Protection is partial</translation>
+    </message>
+    <message>
+        <source>PROTECTION_OFF_TITLE</source>
+        <translation>Protection is off</translation>
+    </message>
+    <message>
+        <source>PROTECTED_AGAIN_TITLE</source>
+        <translation>Protected again</translation>
+    </message>
+    <message>
+        <source>PROTECTED_AGAIN_MESSAGE</source>
+        <translation>Every watched folder is guarded again.</translation>
+    </message>
 </context>
 </TS>

@@ -25,6 +25,8 @@ protected:
     void SetUp() override
     {
         SleepWakeNotifier::setSharedNotifier(&sleep);
+        // Its file would stand in the lists that tests look at.
+        KorvaneVarden_AppDelegate::setSelfTestEnabled(selfTest);
         ApplicationHost::setTerminateHandler([this] {
             ++terminations;
             agent->applicationWillTerminate();
@@ -34,7 +36,8 @@ protected:
 
     virtual QList<QXUtils::EngineCandidate> engines()
     {
-        engine.writeScript("bin/clamscan", "echo 'ClamAV 1.4.6/27400/Sun Nov 22 09:00:00 2026'\n");
+        // Definitions of today, so that they never count as out of date.
+        engine.writeScript("bin/clamscan", "echo \"ClamAV 1.4.6/27400/$(LC_ALL=C date '+%a %b %e %T %Y')\"\n");
         return {{engine.path(), engine.filePath("freshclam.log")}};
     }
 
@@ -58,5 +61,6 @@ protected:
     ScriptedPrefix engine;
     SleepWakeNotifier sleep;
     int terminations = 0;
+    bool selfTest = false;
     std::unique_ptr<KorvaneVarden_AppDelegate> agent;
 };

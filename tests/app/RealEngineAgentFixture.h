@@ -32,7 +32,7 @@ protected:
 
     QList<QXUtils::EngineCandidate> engines() override
     {
-        const QString prefix = EngineFixture::shared().enginePath();
+        const QString prefix = privateEngine.isEmpty() ? EngineFixture::shared().enginePath() : privateEngine;
         return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
     }
 
@@ -61,6 +61,9 @@ protected:
     }
 
     bool waitUntilListed(const QString &path) { return waitUntilListed(QStringList{path}); }
+
+    // An engine of the test's own in place of the shared one.
+    QString privateEngine;
 
     // Nothing waiting, ready or being scanned.
     bool waitUntilIdle()
