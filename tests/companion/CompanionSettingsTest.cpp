@@ -240,6 +240,9 @@ TEST_F(CompanionSettingsTest, SettingsThatSwitchTheGuardOffAreRefusedWithTheReas
         } else {
             EXPECT_TRUE(saved) << message.toStdString();
         }
+        // The store's buffer outlives the window; a refused change must not reach the next row.
+        if (settings)
+            settings->revert();
         window.reset();
         settings.reset();
     }
