@@ -46,9 +46,8 @@ bool CompanionApplication::isAgentRunning()
     return Workspace::sharedWorkspace()->isApplicationActive(QStringLiteral(KORVANE_AGENT_ID));
 }
 
-bool CompanionApplication::startAgent()
+bool CompanionApplication::startAgent(const QString &program)
 {
-    const QString program = agentProgram();
     if (!QProcess::startDetached(program, {})) {
         SystemLog::log(QStringLiteral("could not start %1").arg(program));
         return false;

@@ -25,7 +25,7 @@ public:
     // The agent, installed or built beside the companion.
     static QString agentProgram();
     static bool isAgentRunning();
-    bool startAgent();
+    static bool startAgent(const QString &program = agentProgram());
 
     // Answers false when another companion owns the name already.
     bool claimBusName();

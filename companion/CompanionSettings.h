@@ -41,11 +41,13 @@ public:
     // Empty when the record can be used; otherwise what is wrong with it.
     static QString exclusionRecordProblem(const QVariantMap &record);
 
-    // Empty when the folder may be the quarantine folder.
-    static QString quarantineFolderProblem(const QString &folder);
+    // Empty when the settings as they would be saved leave no watched file
+    // unscanned without a sign; otherwise the first such problem.
+    QString guardProblem() const;
 
-    // Writes what changed; answers false (changes kept) when the file could
-    // not be written. After a save the agent is asked to restart.
+    // Writes what changed; answers false (changes kept) when the settings
+    // would leave files unscanned or the file could not be written. After a
+    // save the agent is asked to restart.
     bool save(QString *error = nullptr);
     void revert();
 
@@ -59,5 +61,13 @@ public:
     static QString expanded(const QString &folder);
 
 private:
+    // Empty when no enabled exclusion leaves a whole watched folder out.
+    static QString exclusionProblem(const QVariantList &records, const QStringList &watched);
+    // Empty when the folder may be the quarantine folder: an existing
+    // absolute folder apart from the watched ones.
+    static QString quarantineFolderProblem(const QString &folder, const QStringList &watched);
+    // Empty when the agent may hand these arguments to clamdscan.
+    static QString scannerArgumentsProblem(const QString &arguments);
+
     std::unique_ptr<QXUtils> _utils;
 };

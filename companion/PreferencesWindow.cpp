@@ -1,5 +1,6 @@
 #include "PreferencesWindow.h"
 
+#include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "LoginItem.h"
 #include "platform/AlertPresenter.h"
@@ -243,11 +244,6 @@ bool PreferencesWindow::save()
         return false;
     }
     const QString quarantine = _quarantineFolder->text().trimmed();
-    problem = CompanionSettings::quarantineFolderProblem(quarantine);
-    if (!problem.isEmpty()) {
-        complain(tr("The quarantine folder cannot be saved."), problem);
-        return false;
-    }
 
     _settings->setWatchedFolders(folders);
     _settings->setValue(QStringLiteral("ScanEmail"), _scanEmail->isChecked());
@@ -269,10 +265,17 @@ bool PreferencesWindow::save()
     _settings->setValue(QStringLiteral("rotateScanlogWhenSizeReaches"), _rotateSize->value());
     _settings->setValue(QStringLiteral("SUEnableAutomaticChecks"), _automaticChecks->isChecked());
 
+    // Asked before the save, whose restart request makes a running agent
+    // leave the bus for a moment.
+    const bool agentRunning = CompanionApplication::isAgentRunning();
     if (!_settings->save(&problem)) {
         complain(tr("The settings could not be saved."), problem);
         return false;
     }
+    // The restart request reaches only a running agent; one that quit for
+    // lack of folders is started, or nothing is scanned until the next login.
+    if (!agentRunning && !folders.isEmpty())
+        CompanionApplication::startAgent(_agentProgram);
     if (_startAtLogin->isChecked() != LoginItem::isEnabled()
         && !LoginItem::setEnabled(_startAtLogin->isChecked(), _agentProgram, &problem)) {
         complain(tr("The login setting could not be changed."), problem);

@@ -35,6 +35,9 @@ int changeFolders(const QStringList &add, const QStringList &remove)
         std::fprintf(stderr, "Korvane: %s\n", qPrintable(error));
         return 1;
     }
+    // Scripts may run without a desktop, so the agent is not started here.
+    if (!CompanionApplication::isAgentRunning())
+        std::printf("Korvane: KorvaneVarden is not running; it reads the settings when it starts.\n");
     return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <QDBusConnectionInterface>
 #include <QFile>
 #include <QProcess>
+#include <QPushButton>
 #include <QTest>
 
 namespace {
@@ -87,6 +88,38 @@ TEST_F(CompanionApplicationTest, TheLoginEntryAppearsAndDisappearsWithTheCheckbo
     EXPECT_TRUE(alerts.alerts.isEmpty());
 }
 
+// The agent quits when it has nothing to watch; the folder the user then
+// adds is guarded only if a save starts it again.
+TEST_F(CompanionApplicationTest, ASaveStartsTheAgentWhenNoneOwnsItsName)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
+    const QString folder = makeFolder("scans");
+    // Stand-ins for the agent that leave a mark when started.
+    const QString running = home->writeFile("running/KorvaneVarden", "#!/bin/sh\ntouch \"$0.started\"\n");
+    const QString quit = home->writeFile("quit/KorvaneVarden", "#!/bin/sh\ntouch \"$0.started\"\n");
+    for (const QString &program : {running, quit})
+        QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+
+    QDBusConnection agent = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "agent");
+    ASSERT_TRUE(agent.registerService(QStringLiteral(KORVANE_AGENT_ID)));
+    PreferencesWindow *w = openWindow(running);
+    w->setFolderChooser([&](QWidget *, const QString &, const QString &) { return folder; });
+    w->findChild<QPushButton *>("addFolder")->click();
+    ASSERT_TRUE(w->save());
+    agent.unregisterService(QStringLiteral(KORVANE_AGENT_ID));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !CompanionApplication::isAgentRunning(); }, 5000));
+
+    window.reset();
+    settings.reset();
+    w = openWindow(quit);
+    ASSERT_TRUE(w->save());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return QFile::exists(quit + ".started"); }, 10000));
+    EXPECT_FALSE(QFile::exists(running + ".started")) << "a running agent restarts by itself";
+    QDBusConnection::disconnectFromBus("agent");
+}
+
 TEST_F(CompanionApplicationTest, UpdateUrlShowsTheVersionsAndThePackageManagersWay)
 {
     CompanionApplication companion;
@@ -104,24 +137,16 @@ TEST_F(CompanionApplicationTest, UpdateUrlShowsTheVersionsAndThePackageManagersW
 TEST_F(CompanionApplicationTest, TheCommandLineAddsListsAndRemovesFoldersAndSaysWhatIsWrong)
 {
     const QString scans = makeFolder("scans");
-    const auto run = [&](const QStringList &arguments, QString *output = nullptr) {
-        QProcess korvane;
-        korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", arguments);
-        EXPECT_TRUE(korvane.waitForFinished(20000));
-        if (output)
-            *output = QString::fromUtf8(korvane.readAllStandardOutput() + korvane.readAllStandardError());
-        return korvane.exitCode();
-    };
     QString output;
-    EXPECT_EQ(run({"--first-run"}, &output), 0);
+    EXPECT_EQ(runKorvane({"--first-run"}, &output), 0);
     EXPECT_TRUE(output.contains(CompanionSettings::domainPath())) << output.toStdString();
-    EXPECT_EQ(run({"--add-folder", scans, "--list-folders"}, &output), 0);
+    EXPECT_EQ(runKorvane({"--add-folder", scans, "--list-folders"}, &output), 0);
     EXPECT_EQ(output.split('\n', Qt::SkipEmptyParts).filter("~"), (QStringList{"~/Downloads", "~/scans"}));
-    EXPECT_EQ(run({"--add-folder", home->filePath("nowhere")}, &output), 1);
+    EXPECT_EQ(runKorvane({"--add-folder", home->filePath("nowhere")}, &output), 1);
     EXPECT_TRUE(output.contains("nowhere is not a folder"));
-    EXPECT_EQ(run({"--remove-folder", "~/Downloads", "--list-folders"}, &output), 0);
+    EXPECT_EQ(runKorvane({"--remove-folder", "~/Downloads", "--list-folders"}, &output), 0);
     EXPECT_EQ(output.split('\n', Qt::SkipEmptyParts).filter("~"), QStringList{"~/scans"});
-    EXPECT_EQ(run({"--bogus"}), 1);
+    EXPECT_EQ(runKorvane({"--bogus"}), 1);
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <QCheckBox>
 #include <QDir>
 #include <QLineEdit>
+#include <QProcess>
 #include <QSpinBox>
 #include <QTableWidget>
 #include <gtest/gtest.h>
@@ -49,6 +50,17 @@ protected:
     {
         QDir().mkpath(home->filePath(relative));
         return home->filePath(relative);
+    }
+
+    // The built program, as scripts run it; output holds both its streams.
+    static int runKorvane(const QStringList &arguments, QString *output = nullptr)
+    {
+        QProcess korvane;
+        korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", arguments);
+        EXPECT_TRUE(korvane.waitForFinished(20000));
+        if (output)
+            *output = QString::fromUtf8(korvane.readAllStandardOutput() + korvane.readAllStandardError());
+        return korvane.exitCode();
     }
 
     std::optional<FreshPreferences> home;
