@@ -14,8 +14,7 @@ MountedTmpfs::MountedTmpfs(qint64 sizeBytes, bool executable)
     }
     const QByteArray options = "size=" + QByteArray::number(sizeBytes) + ",mode=0700";
     if (::mount("korvane-test", QFile::encodeName(_dir.path()).constData(), "tmpfs",
-                MS_NOSUID | MS_NODEV | (executable ? 0 : MS_NOEXEC),
-                options.constData())
+                MS_NOSUID | MS_NODEV | (executable ? 0 : MS_NOEXEC), options.constData())
         != 0) {
         _reason = QStringLiteral("cannot mount a tmpfs here (%1); run as root to test a second file system")
                       .arg(QString::fromLocal8Bit(std::strerror(errno)));
