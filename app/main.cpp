@@ -34,6 +34,10 @@ int main(int argc, char **argv)
     // The agent lives in the tray: closing its window must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
     Localization::install(&app);
+    // Said at once, not at the first check, which waits for the engine.
+    const QUrl feed = BundleInfo::feedURL();
+    if (!feed.isValid() || feed.isRelative())
+        SystemLog::log(QStringLiteral("no feed address in %1: no update checks").arg(BundleInfo::infoPath()));
 
     SessionInstance instance(BundleInfo::bundleIdentifier());
     // Before the list file or the engine is touched.
