@@ -430,8 +430,25 @@ void KorvaneVarden_AppDelegate::restartVarden(QObject *)
         program = workingCopy;
     else
         SystemLog::log(QStringLiteral("cannot copy %1 to a private folder: it runs from where it is").arg(tool));
-    QProcess::startDetached(
-        program, {QCoreApplication::applicationFilePath(), QString::number(QCoreApplication::applicationPid())});
+    QProcess relaunch;
+    relaunch.setProgram(program);
+    relaunch.setArguments(
+        {QCoreApplication::applicationFilePath(), QString::number(QCoreApplication::applicationPid())});
+    bool started = relaunch.startDetached();
+    if (!started && program != tool) {
+        // A temporary folder mounted noexec takes the copy but will not run it.
+        SystemLog::log(QStringLiteral("the copy of %1 does not start: it runs from where it is").arg(tool));
+        QFile::remove(workingCopy);
+        relaunch.setProgram(tool);
+        started = relaunch.startDetached();
+    }
+    if (!started) {
+        // The agent still ends, as asked; the user must know it will not come back.
+        SystemLog::log(QStringLiteral("cannot start the relaunch tool %1: %2").arg(tool, relaunch.errorString()));
+        UserNotificationCenter::defaultCenter()->deliverNotification(
+            Localization::text("RELAUNCH_FAILED_TITLE"),
+            Localization::text("RELAUNCH_FAILED_MESSAGE").arg(tool, relaunch.errorString()));
+    }
     ApplicationHost::terminate();
 }
 

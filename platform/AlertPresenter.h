@@ -4,7 +4,8 @@
 
 // Modal alerts with a default and an alternate button. The answer follows
 // the original platform: the default button answers 1, the alternate 0, the
-// other button -1.
+// other button -1. Escape and closing the alert answer as the default
+// button, which is the safe one.
 class AlertPresenter
 {
 public:

@@ -3,6 +3,7 @@
 #include "PropertyList.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileInfo>
 #include <QVariantMap>
 
@@ -43,7 +44,11 @@ QString BundleInfo::infoPath()
 {
     if (!info.isEmpty())
         return info;
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/Info.plist");
+    // Beside the program in a build tree; in the helper folder once installed.
+    const QString own = QCoreApplication::applicationDirPath();
+    const QString beside = own + QStringLiteral("/Info.plist");
+    const QString installed = QDir::cleanPath(own + QStringLiteral("/../" KORVANE_HELPER_DIR "/Info.plist"));
+    return QFileInfo::exists(beside) || !QFileInfo::exists(installed) ? beside : installed;
 }
 
 void BundleInfo::setInfoPath(const QString &path)

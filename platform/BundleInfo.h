@@ -5,7 +5,8 @@
 
 // What the original platform keeps in a program's bundle: its identifier,
 // executable name and version, and the information property list
-// "Info.plist" installed beside the executable.
+// "Info.plist": beside the executable in a build tree, in the helper folder
+// once installed.
 class BundleInfo
 {
 public:
@@ -18,7 +19,7 @@ public:
 
     static QString infoPath();
     // Tests supply an information file of their own; an empty path returns
-    // to the one beside the executable.
+    // to the program's own.
     static void setInfoPath(const QString &path);
     // "CFBundleVersion" from the information file, else the built-in version.
     static QString bundleVersion();

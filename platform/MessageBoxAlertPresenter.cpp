@@ -13,15 +13,15 @@ int MessageBoxAlertPresenter::runModal(const Alert &alert)
     box.setInformativeText(alert.informativeText);
     QPushButton *defaultButton = box.addButton(
         alert.defaultButton.isEmpty() ? QStringLiteral("OK") : alert.defaultButton, QMessageBox::AcceptRole);
-    QPushButton *alternateButton = nullptr;
     if (!alert.alternateButton.isEmpty())
-        alternateButton = box.addButton(alert.alternateButton, QMessageBox::RejectRole);
+        box.addButton(alert.alternateButton, QMessageBox::RejectRole);
     QPushButton *otherButton = nullptr;
     if (!alert.otherButton.isEmpty())
         otherButton = box.addButton(alert.otherButton, QMessageBox::DestructiveRole);
     box.setDefaultButton(defaultButton);
-    if (alternateButton)
-        box.setEscapeButton(alternateButton);
+    // The default is the safe answer: Escape or closing the box must not
+    // abort scans or move a mail file.
+    box.setEscapeButton(defaultButton);
     // An agent without a visible window must still bring its alert forward.
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
     box.exec();

@@ -140,6 +140,14 @@
         <translation>Abort the running scans?</translation>
     </message>
     <message>
+        <source>RELAUNCH_FAILED_MESSAGE</source>
+        <translation>KorvaneVarden has stopped and does not watch your folders: its relaunch tool %1 could not be started (%2). Start KorvaneVarden again from Korvane.</translation>
+    </message>
+    <message>
+        <source>RELAUNCH_FAILED_TITLE</source>
+        <translation>KorvaneVarden could not restart</translation>
+    </message>
+    <message>
         <source>REMOVE_FROM_LIST</source>
         <translation>Remove from List</translation>
     </message>

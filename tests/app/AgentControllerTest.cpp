@@ -3,6 +3,8 @@
 #include "app/Dispatcher.h"
 #include "events/SCEvents.h"
 #include "platform/DBusDistributedNotificationCenter.h"
+#include "tests/support/MountedTmpfs.h"
+#include "tests/support/RecordingNotificationCenter.h"
 #include "tests/support/RestoredVariable.h"
 #include "ui/InfectedItemsWindow.h"
 
@@ -207,6 +209,49 @@ TEST_F(AgentOnTheSessionBusTest, RestartSignalRunsACopyOfTheRelaunchToolFromAPri
     EXPECT_TRUE(quitsHeard.isEmpty());
     ASSERT_TRUE(plantedFile.open(QIODevice::ReadOnly));
     EXPECT_EQ(plantedFile.readAll(), plantedScript);
+}
+
+// A temporary folder that runs no programs, or a relaunch tool that cannot
+// run at all, must not end the agent in silence.
+TEST_F(AgentOnTheSessionBusTest, ARelaunchToolWhoseCopyCannotRunRunsInPlaceAndOneThatCannotRunAtAllIsReported)
+{
+    MountedTmpfs noexec(1024 * 1024, false);
+    if (!noexec.isMounted())
+        GTEST_SKIP() << noexec.reason().toStdString();
+    const RestoredVariable tmp("TMPDIR"), runtimeVariable("XDG_RUNTIME_DIR");
+    qputenv("TMPDIR", QFile::encodeName(noexec.path()));
+    qunsetenv("XDG_RUNTIME_DIR");
+    const QString ran = engine.filePath("relaunched-with");
+    const QString tool = engine.writeScript("relaunch", "echo \"$0\" > '" + ran.toUtf8() + "'\n");
+    const QString broken = engine.writeFile("broken/relaunch", "#!/bin/sh\nexit 0\n");
+
+    struct Case
+    {
+        QString tool;
+        bool relaunches;
+    };
+    for (const Case &c : {Case{tool, true}, Case{broken, false}}) {
+        SCOPED_TRACE(c.tool.toStdString());
+        QFile::remove(ran);
+        TearDown();
+        SetUp();
+        terminations = 0;
+        RecordingNotificationCenter notifications;
+        KorvaneVarden_AppDelegate::setRelaunchToolPath(c.tool);
+        send(QStringLiteral("KorvaneVardenShouldRestart"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return terminations == 1; }, 5000));
+        if (c.relaunches) {
+            (void)QTest::qWaitFor([&] { return !engine.readFile("relaunched-with").isEmpty(); }, 5000);
+            EXPECT_EQ(QString::fromUtf8(engine.readFile("relaunched-with").trimmed()), tool);
+            EXPECT_TRUE(notifications.delivered.isEmpty());
+        } else {
+            ASSERT_EQ(notifications.delivered.size(), 1);
+            EXPECT_EQ(notifications.delivered.first().first, QStringLiteral("KorvaneVarden could not restart"));
+            EXPECT_TRUE(notifications.delivered.first().second.contains(broken));
+            EXPECT_TRUE(log.anyContains(QStringLiteral("cannot start the relaunch tool")));
+        }
+    }
+    KorvaneVarden_AppDelegate::setRelaunchToolPath({});
 }
 
 TEST_F(AgentOnTheSessionBusTest, AQuitThatArrivesWhileAnAlertIsOpenRunsOnceAndTheAnswerStartsNothingMore)

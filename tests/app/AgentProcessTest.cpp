@@ -8,7 +8,30 @@
 #include <QTest>
 #include <gtest/gtest.h>
 
+#include <memory>
+
 namespace {
+
+const QString agentName = QStringLiteral("org.korvane.KorvaneVarden");
+
+std::unique_ptr<QProcess> startAgent()
+{
+    auto agent = std::make_unique<QProcess>();
+    agent->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    agent->start(QStringLiteral(KORVANE_BINARY_DIR "/bin/KorvaneVarden"), {});
+    return agent;
+}
+
+void stop(QProcess &agent)
+{
+    if (agent.state() == QProcess::NotRunning)
+        return;
+    agent.terminate();
+    if (!agent.waitForFinished(10000)) {
+        agent.kill();
+        agent.waitForFinished(5000);
+    }
+}
 
 // Korvane takes the agent's name on the session bus to mean that it runs, and
 // may at once ask it to quit or restart: by then the agent must be listening.
@@ -28,7 +51,6 @@ TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
     agent.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     agent.start(QStringLiteral(KORVANE_BINARY_DIR "/bin/KorvaneVarden"), {});
     ASSERT_TRUE(agent.waitForStarted(10000)) << agent.errorString().toStdString();
-    const QString agentName = QStringLiteral("org.korvane.KorvaneVarden");
     const bool appeared =
         QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(agentName).value(); }, 15000);
 
@@ -53,6 +75,59 @@ TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
         const qsizetype listening = traffic.positionOfCall(QStringLiteral("AddMatch"), "member='" + name + "'");
         ASSERT_GE(listening, 0) << traffic.text().toStdString();
         EXPECT_LT(listening, claimed);
+    }
+}
+
+// A second agent would scan every file again and rewrite the same list, also
+// when both start at the same moment: one is left, and it shows its list.
+TEST(AgentProcessTest, ASecondAgentOfTheSessionAsksTheFirstToShowItsListAndLeaves)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
+    FreshPreferences home;
+    home.writeDomain(
+        QStringLiteral("org.korvane.Korvane"),
+        {{QStringLiteral("VardenFolderArray"), QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
+
+    for (const bool sameMoment : {false, true}) {
+        SCOPED_TRACE(sameMoment ? "started at the same moment" : "started once the first runs");
+        std::unique_ptr<QProcess> agents[2];
+        agents[0] = startAgent();
+        if (!sameMoment) {
+            ASSERT_TRUE(
+                QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(agentName).value(); }, 15000));
+        }
+        agents[1] = startAgent();
+        const auto running = [&] {
+            return int(agents[0]->state() != QProcess::NotRunning) + int(agents[1]->state() != QProcess::NotRunning);
+        };
+        EXPECT_TRUE(QTest::qWaitFor([&] { return running() < 2; }, 20000)) << "both agents still run";
+        // Time for a late second exit to show.
+        QTest::qWait(500);
+        EXPECT_EQ(running(), 1);
+        for (auto &agent : agents) {
+            if (agent->state() != QProcess::NotRunning)
+                continue;
+            EXPECT_EQ(agent->exitStatus(), QProcess::NormalExit);
+            EXPECT_EQ(agent->exitCode(), 0);
+        }
+        QProcess &survivor = agents[0]->state() != QProcess::NotRunning ? *agents[0] : *agents[1];
+        if (!sameMoment) {
+            EXPECT_EQ(&survivor, agents[0].get());
+        }
+        EXPECT_EQ(bus.interface()->servicePid(agentName).value(), uint(survivor.processId()));
+        // The survivor answers what the second asked: to come forward with its list.
+        QDBusMessage activate =
+            QDBusMessage::createMethodCall(agentName, QStringLiteral("/org/korvane/KorvaneVarden"),
+                                           QStringLiteral("org.freedesktop.Application"), QStringLiteral("Activate"));
+        activate << QVariantMap();
+        const QDBusMessage answer = bus.call(activate, QDBus::Block, 10000);
+        EXPECT_EQ(answer.type(), QDBusMessage::ReplyMessage) << answer.errorMessage().toStdString();
+
+        for (auto &agent : agents)
+            stop(*agent);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !bus.interface()->isServiceRegistered(agentName).value(); }, 5000));
     }
 }
 

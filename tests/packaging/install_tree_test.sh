@@ -23,7 +23,7 @@ root="$dest$prefix"
 for f in bin/KorvaneVarden bin/Korvane lib/korvane/relaunch lib/korvane/scripts/install-engine; do
     check "$f is an executable program" test -x "$root/$f" -a -f "$root/$f"
 done
-for f in lib/korvane/resources/signatures/korvane.ndb lib/korvane/resources/signatures/version \
+for f in lib/korvane/Info.plist lib/korvane/resources/signatures/korvane.ndb lib/korvane/resources/signatures/version \
          lib/korvane/scripts/deps.d/engine-packages share/metainfo/org.korvane.Korvane.metainfo.xml \
          share/man/man1/Korvane.1.gz share/man/man1/KorvaneVarden.1.gz share/doc/korvane/copyright; do
     check "$f is there" test -s "$root/$f"

@@ -97,8 +97,17 @@ post KorvaneVardenShouldQuit
 gone() { ! has_owner org.korvane.KorvaneVarden; }
 check "and quits when asked" wait_for 100 gone
 
+# The installed agent finds its information file, and so the feed it checks.
+"$root/usr/bin/KorvaneVarden" >"$tmp/agent.log" 2>&1 &
+agent_pid=$!
+check "the installed agent starts on its own" wait_for 150 has_owner org.korvane.KorvaneVarden
+check "it knows its update feed" bash -c '! grep -q "no feed address" "$1"' _ "$tmp/agent.log"
+post KorvaneVardenShouldQuit
+wait_for 100 gone
+
 if ((failed)); then
     echo "--- Korvane's log"; cat "$tmp/korvane.log"
+    [[ -f $tmp/agent.log ]] && { echo "--- the agent's log"; cat "$tmp/agent.log"; }
 fi
 echo "$passed passed, $failed failed"
 ((failed == 0))

@@ -6,15 +6,15 @@
 #include <cstring>
 #include <sys/mount.h>
 
-MountedTmpfs::MountedTmpfs(qint64 sizeBytes)
+MountedTmpfs::MountedTmpfs(qint64 sizeBytes, bool executable)
 {
     if (!_dir.isValid()) {
         _reason = QStringLiteral("no temporary folder");
         return;
     }
     const QByteArray options = "size=" + QByteArray::number(sizeBytes) + ",mode=0700";
-    if (::mount("korvane-test", QFile::encodeName(_dir.path()).constData(), "tmpfs", MS_NOSUID | MS_NODEV,
-                options.constData())
+    if (::mount("korvane-test", QFile::encodeName(_dir.path()).constData(), "tmpfs",
+                MS_NOSUID | MS_NODEV | (executable ? 0 : MS_NOEXEC), options.constData())
         != 0) {
         _reason = QStringLiteral("cannot mount a tmpfs here (%1); run as root to test a second file system")
                       .arg(QString::fromLocal8Bit(std::strerror(errno)));

@@ -10,7 +10,8 @@
 class MountedTmpfs
 {
 public:
-    explicit MountedTmpfs(qint64 sizeBytes = 1024 * 1024);
+    // Not executable: a mount that refuses to run programs (noexec).
+    explicit MountedTmpfs(qint64 sizeBytes = 1024 * 1024, bool executable = true);
     ~MountedTmpfs();
 
     bool isMounted() const { return _mounted; }
