@@ -26,6 +26,21 @@ quint64 Dispatcher::sizeOfItemAtPath(const QString &path)
     return quint64(info.st_size);
 }
 
+namespace {
+
+// A FIFO, socket or device (or a link to one) is no file to scan, and opening
+// one may block or never end.
+bool isSpecial(const QString &path)
+{
+    // stat follows a link to what it names; a vanished item is no special one.
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return false;
+    return S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode);
+}
+
+} // namespace
+
 void Dispatcher::updateSizesInWaitingList()
 {
     // Entries change during the pass, so walk a snapshot of the keys.
@@ -33,7 +48,8 @@ void Dispatcher::updateSizesInWaitingList()
     for (const QString &path : snapshot) {
         const quint64 size = sizeOfItemAtPath(path);
         if (size == _waitingList.value(path)) {
-            _readyList.append(path);
+            if (!isSpecial(path))
+                _readyList.append(path);
             _waitingList.remove(path);
         } else {
             _waitingList.insert(path, size);

@@ -1,5 +1,7 @@
 #include "PropertyList.h"
 
+#include "RegularFile.h"
+
 #include <QDateTime>
 #include <QFile>
 #include <QSaveFile>
@@ -93,8 +95,12 @@ QVariant dateFromNode(plist_t node, QString *error)
     return {};
 }
 
-QVariant fromNode(plist_t node, QString *error)
+QVariant fromNode(plist_t node, QString *error, int depth = 0)
 {
+    if (depth > PropertyList::nestingLimit) {
+        fail(error, QStringLiteral("nested deeper than %1 levels").arg(PropertyList::nestingLimit));
+        return {};
+    }
     switch (plist_get_node_type(node)) {
     case PLIST_DICT: {
         QVariantMap map;
@@ -108,7 +114,7 @@ QVariant fromNode(plist_t node, QString *error)
             const Malloced keyGuard(key);
             if (!child)
                 return map;
-            const QVariant value = fromNode(child, error);
+            const QVariant value = fromNode(child, error, depth + 1);
             if (!value.isValid())
                 return {};
             map.insert(QString::fromUtf8(key), value);
@@ -119,7 +125,7 @@ QVariant fromNode(plist_t node, QString *error)
         const uint32_t size = plist_array_get_size(node);
         list.reserve(size);
         for (uint32_t i = 0; i < size; ++i) {
-            const QVariant value = fromNode(plist_array_get_item(node, i), error);
+            const QVariant value = fromNode(plist_array_get_item(node, i), error, depth + 1);
             if (!value.isValid())
                 return {};
             list.append(value);
@@ -320,6 +326,25 @@ QVariant PropertyList::readFile(const QString &path, Status *status, QString *er
         return {};
     }
     answer(Status::Ok, QString());
+    return value;
+}
+
+QVariant PropertyList::readUntrustedFile(const QString &path, qint64 sizeLimit, Status *status, QString *error)
+{
+    RegularFile::Status read = RegularFile::Status::Ok;
+    QString reason;
+    const std::optional<QByteArray> data = RegularFile::read(path, sizeLimit, &read, &reason);
+    if (!data) {
+        if (status)
+            *status = read == RegularFile::Status::Missing ? Status::Missing : Status::Unreadable;
+        fail(error, path + QStringLiteral(": ") + reason);
+        return {};
+    }
+    const QVariant value = fromData(*data, &reason);
+    if (status)
+        *status = value.isValid() ? Status::Ok : Status::Malformed;
+    if (!value.isValid())
+        fail(error, path + QStringLiteral(": ") + reason);
     return value;
 }
 

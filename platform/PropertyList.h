@@ -22,6 +22,15 @@ public:
     // As fromData, from a file; *status tells a missing file from an
     // unreadable or malformed one, and *error names the path.
     static QVariant readFile(const QString &path, Status *status = nullptr, QString *error = nullptr);
+    // As readFile, for a file someone else may have placed: only a regular
+    // file of at most sizeLimit bytes is read (see RegularFile); anything
+    // else is Unreadable.
+    static QVariant readUntrustedFile(const QString &path, qint64 sizeLimit, Status *status = nullptr,
+                                      QString *error = nullptr);
+
+    // Deeper nesting is refused as malformed: no property list of ours comes
+    // near it, and converting it would recurse without bound.
+    static constexpr int nestingLimit = 128;
 
     // Serialises to an XML property list. Accepts maps (QVariantMap,
     // QVariantHash), lists (QVariantList, QStringList), integers, reals,

@@ -14,7 +14,7 @@ public:
     virtual ~QXFileCounterDelegate() = default;
 
     virtual void fileCounterReturned(qint64 count) = 0;
-    virtual QStringList obtainFilesForSavedSearchAtPath(const QString &path) = 0;
+    virtual QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *whole = nullptr) = 0;
     virtual bool quarantineFiles() const = 0;
     virtual QList<QXExclusionPredicate> counterExcludes() const = 0;
     virtual QStringList exclusionStringsForRootVolScan() const = 0;

@@ -1,9 +1,9 @@
 #include "QXMetadataItem.h"
 
 #include "platform/ContentType.h"
+#include "platform/RegularFile.h"
 
 #include <QDateTime>
-#include <QFile>
 
 QXMetadataItem::QXMetadataItem(const QString &path)
     : _path(path)
@@ -66,8 +66,9 @@ QVariant QXMetadataItem::textContent()
 {
     if (!ContentType::isPlainText(typeTree()))
         return {};
-    QFile file(_path);
-    if (!file.open(QIODevice::ReadOnly))
+    // The type was guessed a moment ago; the file may have been swapped for a FIFO since.
+    const std::optional<QByteArray> start = RegularFile::readStart(_path, textContentLimit);
+    if (!start)
         return {};
-    return QString::fromUtf8(file.read(textContentLimit));
+    return QString::fromUtf8(*start);
 }

@@ -82,10 +82,17 @@ void QXQueryEvaluator::compileExpressions(const QXQueryNode &node)
     static const QString wordStart = QStringLiteral("(?:^|(?<=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
     static const QString wordEnd = QStringLiteral("(?:$|(?=[^\\p{L}\\p{N}])|(?<=\\p{Ll})(?=\\p{Lu}))");
     const QString group = QStringLiteral("(?:") + expression + QStringLiteral(")");
-    QRegularExpression regex(
-        node.wordBased ? wordStart + group + wordEnd : QStringLiteral("\\A") + group + QStringLiteral("\\z"), options);
-    regex.optimize();
-    _expressions.insert(&node, regex);
+    const QString full =
+        node.wordBased ? wordStart + group + wordEnd : QStringLiteral("\\A") + group + QStringLiteral("\\z");
+    // Generated searches repeat the same test many times; compile each once.
+    const QString key = QString::number(int(options)) + full;
+    auto compiled = _compiled.constFind(key);
+    if (compiled == _compiled.constEnd()) {
+        QRegularExpression regex(full, options);
+        regex.optimize();
+        compiled = _compiled.insert(key, regex);
+    }
+    _expressions.insert(&node, *compiled);
 }
 
 bool QXQueryEvaluator::matches(const QString &path) const
@@ -107,9 +114,11 @@ bool QXQueryEvaluator::evaluate(const QXQueryNode &node, QXMetadataItem &item) c
     case QXQueryNode::Kind::Not:
         return !evaluate(*node.operands.constFirst(), item);
     case QXQueryNode::Kind::And:
-        return evaluate(*node.operands.at(0), item) && evaluate(*node.operands.at(1), item);
+        return std::all_of(node.operands.begin(), node.operands.end(),
+                           [&](const auto &operand) { return evaluate(*operand, item); });
     case QXQueryNode::Kind::Or:
-        return evaluate(*node.operands.at(0), item) || evaluate(*node.operands.at(1), item);
+        return std::any_of(node.operands.begin(), node.operands.end(),
+                           [&](const auto &operand) { return evaluate(*operand, item); });
     case QXQueryNode::Kind::InRange: {
         const QVariant value = item.attribute(node.attribute);
         return value.isValid() && compareOne(node, value, QXQueryNode::Operator::GreaterOrEqual, node.value)

@@ -30,4 +30,5 @@ private:
     // The wildcard pattern of each string comparison, made once per query
     // rather than once per file.
     QHash<const QXQueryNode *, QRegularExpression> _expressions;
+    QHash<QString, QRegularExpression> _compiled;
 };

@@ -15,6 +15,7 @@ struct QXQueryNode
     enum class Operator { Equal, NotEqual, Less, Greater, LessOrEqual, GreaterOrEqual };
 
     Kind kind = Kind::Constant;
+    // And and Or hold two or more operands, Not one.
     QList<std::shared_ptr<const QXQueryNode>> operands;
     // "*" stands for every text attribute.
     QString attribute;

@@ -10,6 +10,7 @@ std::shared_ptr<const QXQueryNode> QXQueryParser::parse(const QString &query)
 {
     _text = query;
     _pos = 0;
+    _depth = 0;
     _error.clear();
     Node root = parseOr();
     if (!root)
@@ -43,34 +44,50 @@ bool QXQueryParser::accept(QStringView token)
     return false;
 }
 
+// "a && b && c" becomes one node of three operands, not a chain as deep as
+// it is long.
 QXQueryParser::Node QXQueryParser::parseOr()
 {
     Node left = parseAnd();
-    while (left && accept(u"||")) {
+    if (!left)
+        return nullptr;
+    auto node = std::make_shared<QXQueryNode>();
+    node->kind = QXQueryNode::Kind::Or;
+    node->operands = {left};
+    while (accept(u"||")) {
         Node right = parseAnd();
         if (!right)
             return nullptr;
-        auto node = std::make_shared<QXQueryNode>();
-        node->kind = QXQueryNode::Kind::Or;
-        node->operands = {left, right};
-        left = node;
+        node->operands.append(right);
     }
-    return left;
+    return node->operands.size() == 1 ? left : node;
 }
 
 QXQueryParser::Node QXQueryParser::parseAnd()
 {
     Node left = parseUnary();
-    while (left && accept(u"&&")) {
+    if (!left)
+        return nullptr;
+    auto node = std::make_shared<QXQueryNode>();
+    node->kind = QXQueryNode::Kind::And;
+    node->operands = {left};
+    while (accept(u"&&")) {
         Node right = parseUnary();
         if (!right)
             return nullptr;
-        auto node = std::make_shared<QXQueryNode>();
-        node->kind = QXQueryNode::Kind::And;
-        node->operands = {left, right};
-        left = node;
+        node->operands.append(right);
     }
-    return left;
+    return node->operands.size() == 1 ? left : node;
+}
+
+QXQueryParser::Node QXQueryParser::parseNested(Node (QXQueryParser::*parse)())
+{
+    if (_depth >= nestingLimit)
+        return fail(QStringLiteral("nested deeper than %1 levels").arg(nestingLimit));
+    ++_depth;
+    Node node = (this->*parse)();
+    --_depth;
+    return node;
 }
 
 QXQueryParser::Node QXQueryParser::parseUnary()
@@ -78,7 +95,7 @@ QXQueryParser::Node QXQueryParser::parseUnary()
     skipSpace();
     // "!" that starts "!=" belongs to no operand.
     if (accept(u"!") && !QStringView(_text).mid(_pos).startsWith(u'=')) {
-        Node operand = parseUnary();
+        Node operand = parseNested(&QXQueryParser::parseUnary);
         if (!operand)
             return nullptr;
         auto node = std::make_shared<QXQueryNode>();
@@ -95,14 +112,15 @@ QXQueryParser::Node QXQueryParser::parsePrimary()
     if (atEnd())
         return fail(QStringLiteral("the query ends too early"));
     if (accept(u"(")) {
-        Node inner = parseOr();
+        Node inner = parseNested(&QXQueryParser::parseOr);
         if (!inner)
             return nullptr;
         if (!accept(u")"))
             return fail(QStringLiteral("missing \")\""));
         return inner;
     }
-    if (accept(u"*"))
+    // "**" also takes in the text content, which "*" here always does.
+    if (accept(u"**") || accept(u"*"))
         return parseComparison(QStringLiteral("*"));
     const QString name = parseIdentifier();
     if (name.isEmpty())
@@ -230,10 +248,20 @@ bool QXQueryParser::parseNumber(double &number)
 {
     skipSpace();
     const qsizetype start = _pos;
-    if (!atEnd() && (_text.at(_pos) == u'-' || _text.at(_pos) == u'+'))
+    const auto skip = [&](auto test) {
+        while (!atEnd() && test(_text.at(_pos)))
+            ++_pos;
+    };
+    const auto sign = [](QChar c) { return c == u'-' || c == u'+'; };
+    if (!atEnd() && sign(_text.at(_pos)))
         ++_pos;
-    while (!atEnd() && (_text.at(_pos).isDigit() || _text.at(_pos) == u'.'))
+    skip([](QChar c) { return c.isDigit() || c == u'.'; });
+    if (!atEnd() && (_text.at(_pos) == u'e' || _text.at(_pos) == u'E')) {
         ++_pos;
+        if (!atEnd() && sign(_text.at(_pos)))
+            ++_pos;
+        skip([](QChar c) { return c.isDigit(); });
+    }
     bool ok = false;
     number = _text.mid(start, _pos - start).toDouble(&ok);
     if (!ok)

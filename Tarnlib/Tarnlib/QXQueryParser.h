@@ -8,15 +8,19 @@
 #include <memory>
 
 // Parses the metadata query language that saved searches hold: comparisons
-// ("==", "=", "!=", "<", ">", "<=", ">=") of an attribute or "*" with a
+// ("==", "=", "!=", "<", ">", "<=", ">=") of an attribute, "*" or "**" with a
 // quoted string (with the c, d and w modifiers and the wildcards "*" and
-// "?"), a number or a "$time" form; "InRange(attribute, low, high)";
+// "?"), a number (sign, decimals, exponent) or a "$time" form; "InRange(attribute, low, high)";
 // "true" and "false"; "&&", "||", "!" and parentheses.
 class QXQueryParser
 {
 public:
     // "$time" forms are resolved against now.
     explicit QXQueryParser(const QDateTime &now = QDateTime::currentDateTime());
+
+    // Parentheses and "!" nested deeper than this are refused: no real
+    // search comes near it, and a hostile one must not exhaust the stack.
+    static constexpr int nestingLimit = 100;
 
     // The query's tree, or none with errorString() saying where it failed.
     std::shared_ptr<const QXQueryNode> parse(const QString &query);
@@ -27,6 +31,7 @@ private:
 
     Node parseOr();
     Node parseAnd();
+    Node parseNested(Node (QXQueryParser::*parse)());
     Node parseUnary();
     Node parsePrimary();
     Node parseComparison(const QString &attribute);
@@ -43,5 +48,6 @@ private:
     QDateTime _now;
     QString _text;
     qsizetype _pos = 0;
+    int _depth = 0;
     QString _error;
 };

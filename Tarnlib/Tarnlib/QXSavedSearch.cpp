@@ -42,7 +42,8 @@ QXSavedSearch::QXSavedSearch(const QString &path)
 {
     PropertyList::Status status = PropertyList::Status::Ok;
     QString error;
-    const QVariant contents = PropertyList::readFile(path, &status, &error);
+    // The file may come from anyone who can write to a watched folder.
+    const QVariant contents = PropertyList::readUntrustedFile(path, fileSizeLimit, &status, &error);
     if (contents.typeId() != QMetaType::QVariantMap) {
         _problem = error.isEmpty() ? path + QStringLiteral(": not a dictionary") : error;
         return;

@@ -12,6 +12,8 @@ class QXSavedSearch
 public:
     // How many entries one expansion looks at before it gives up.
     static constexpr qsizetype defaultEntryLimit = 200000;
+    // A saved search is a small property list; anything larger is refused.
+    static constexpr qint64 fileSizeLimit = 1024 * 1024;
 
     explicit QXSavedSearch(const QString &path);
 

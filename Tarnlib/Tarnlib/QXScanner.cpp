@@ -251,7 +251,10 @@ QStringList QXScanner::argumentsForBatch(const QStringList &paths, const QString
     for (const QString &path : paths) {
         if (!path.endsWith(QLatin1String("savedSearch")))
             continue;
-        const QString found = delegate->obtainFilesForSavedSearchAtPath(path).join(QLatin1Char('\n'));
+        bool whole = true;
+        const QString found = delegate->obtainFilesForSavedSearchAtPath(path, &whole).join(QLatin1Char('\n'));
+        if (!whole)
+            writeToLog(path + QStringLiteral(": saved search cut at its limit, not scanned whole"));
         if (found.size() >= 3)
             listText += QLatin1Char('\n') + found;
     }

@@ -12,7 +12,8 @@ public:
     virtual ~QXScannerDelegate() = default;
 
     // Questions.
-    virtual QStringList obtainFilesForSavedSearchAtPath(const QString &path) = 0;
+    // *whole is cleared when the search was cut short and found files went unlisted.
+    virtual QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *whole = nullptr) = 0;
     virtual bool engineSupportsFileListFlag() const = 0;
     virtual bool quarantineFiles() const = 0;
     virtual bool scanEmailFiles() const = 0;

@@ -899,7 +899,7 @@ void QXUtils::infectionFound(const QString &line)
     _delegate->infectionFound(name, file);
 }
 
-QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
+QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path, bool *whole)
 {
     // Runs on a worker's thread; the console text goes to the main thread.
     const auto console = [this](const QString &text) {
@@ -913,10 +913,26 @@ QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path)
         console(Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName()));
         return {};
     }
-    if (search.gaveUp())
-        SystemLog::log(
-            QStringLiteral("saved search %1 gave up after %2 entries").arg(path).arg(_savedSearchEntryLimit));
-    console(Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(found.size())));
+    if (whole)
+        *whole = !search.gaveUp();
+    if (!search.gaveUp()) {
+        console(Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(found.size())));
+        return found;
+    }
+    // What the search would have found past its bound goes unscanned: say so
+    // rather than report the part as the whole.
+    const qint64 limit = _savedSearchEntryLimit;
+    SystemLog::log(QStringLiteral("saved search %1 gave up after %2 entries").arg(path).arg(limit));
+    QMetaObject::invokeMethod(
+        this,
+        [this, path, limit] {
+            if (_delegate && _delegate->respondsTo(QXUtilsDelegate::Optional::SavedSearchCutAtPath))
+                _delegate->savedSearchCutAtPath(path, limit);
+        },
+        Qt::QueuedConnection);
+    console(Localization::text("SPOTLIGHT_CUT")
+                .replace(QLatin1String("%@"), QFileInfo(path).fileName())
+                .replace(QLatin1String("%d"), QString::number(limit)));
     return found;
 }
 

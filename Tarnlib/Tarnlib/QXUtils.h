@@ -105,7 +105,7 @@ public:
     void updateProgressBar() override;
     void appendToConsole(const QString &text) override;
     void infectionFound(const QString &line) override;
-    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override;
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *whole = nullptr) override;
 
     // Report of the file counter.
     void fileCounterReturned(qint64 count) override;

@@ -14,6 +14,7 @@ public:
         ClamdStarted,
         ClamdFailedToStart,
         ClamdAlreadyRunning,
+        SavedSearchCutAtPath,
     };
 
     virtual ~QXUtilsDelegate() = default;
@@ -45,4 +46,7 @@ public:
     virtual void clamdStarted() {}
     virtual void clamdFailedToStart() {}
     virtual void clamdAlreadyRunning() {}
+    // A saved search stopped after this many entries: what lies past them
+    // was not scanned.
+    virtual void savedSearchCutAtPath(const QString &, qint64) {}
 };

@@ -172,6 +172,10 @@
         <translation>The saved search “%@” could not be read.</translation>
     </message>
     <message>
+        <source>SPOTLIGHT_CUT</source>
+        <translation>The saved search “%@” was cut after %d entries; the files it would find past them are not scanned.</translation>
+    </message>
+    <message>
         <source>SPOTLIGHT_SUCCESS</source>
         <translation>The saved search found %d files.</translation>
     </message>

@@ -23,6 +23,7 @@ public:
     QStringList exclusions;
     std::optional<QString> additional;
     QMap<QString, QStringList> savedSearches;
+    QStringList cutSearches;
     // Runs inside the end report, while the scanner waits for it.
     std::function<void()> onFinished;
     std::atomic_bool reportsOffMainThread = false;
@@ -47,8 +48,10 @@ public:
         return !events().filter(QRegularExpression("^(scanFinishedWithStatus|scanCrashed):")).isEmpty();
     }
 
-    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *whole) override
     {
+        if (whole)
+            *whole = !cutSearches.contains(path);
         return asked(savedSearches.value(path));
     }
     bool engineSupportsFileListFlag() const override { return asked(fileList); }

@@ -8,15 +8,29 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSemaphore>
 #include <QTest>
 #include <QThread>
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <functional>
 
 namespace {
+
+// The real coordinator, holding each saved search's expansion until the test lets it go.
+class HeldUtils : public QXUtils
+{
+public:
+    using QXUtils::QXUtils;
+    ~HeldUtils() override { release.release(100); }
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *whole) override
+    {
+        release.acquire();
+        return QXUtils::obtainFilesForSavedSearchAtPath(path, whole);
+    }
+    QSemaphore release;
+};
 
 class CountingDelegate : public QXFileCounterDelegate
 {
@@ -31,7 +45,7 @@ public:
     int rootPrefixQuestions = 0;
 
     void fileCounterReturned(qint64 count) override { totals << count; }
-    QStringList obtainFilesForSavedSearchAtPath(const QString &path) override
+    QStringList obtainFilesForSavedSearchAtPath(const QString &path, bool *) override
     {
         if (onExpand)
             onExpand();
@@ -164,12 +178,13 @@ TEST_F(QXFileCounterTest, CancellingEndsEachPathAfterItsFirstEntryAndStillReport
 
 TEST_F(QXFileCounterTest, CoordinatorReplacesARunningCountAndStopCancelsIt)
 {
-    // A saved search read from a pipe holds the first count until the test writes it.
-    const QString pipe = home.filePath("Blocked.savedSearch");
-    ASSERT_EQ(mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    const QVariantList found{home.filePath("Found")};
+    const QVariantMap search{{"RawQuery", R"(kMDItemFSName == "*")"},
+                             {"SearchCriteria", QVariantMap{{"CurrentFolderPath", found}}}};
+    const QString held = home.writeFile("Held.savedSearch", PropertyList::toXml(search));
     RecordingUtilsDelegate owner;
-    QXUtils utils(&owner, {});
-    utils.countFiles({pipe, home.filePath("Tree")});
+    HeldUtils utils(&owner, {});
+    utils.countFiles({held, home.filePath("Tree")});
     QXFileCounter *first = utils.theFileCounter();
     ASSERT_NE(first, nullptr);
     utils.countFiles({home.filePath("single.txt")});
@@ -179,13 +194,7 @@ TEST_F(QXFileCounterTest, CoordinatorReplacesARunningCountAndStopCancelsIt)
 
     utils.setScanning(true);
     utils.stop();
-    const QVariantList found{home.filePath("Found")};
-    const QVariantMap search{{"RawQuery", R"(kMDItemFSName == "*")"},
-                             {"SearchCriteria", QVariantMap{{"CurrentFolderPath", found}}}};
-    QFile writer(pipe);
-    ASSERT_TRUE(writer.open(QIODevice::WriteOnly));
-    writer.write(PropertyList::toXml(search));
-    writer.close();
+    utils.release.release();
     // Four found, the search itself, and of the cancelled tree only its first entry, a folder.
     ASSERT_TRUE(QTest::qWaitFor([&] { return owner.calls.filter("fileCounterReturned").size() == 2; }, 10000));
     EXPECT_EQ(owner.calls.filter("fileCounterReturned"),

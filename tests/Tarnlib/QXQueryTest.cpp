@@ -45,9 +45,11 @@ protected:
 TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
 {
     const char *txt = "Report Draft.txt", *jpg = "photo.JPG", *pdf = "Résumé.pdf", *bin = "big.bin";
+    // Long flat chains are common in generated searches and must not nest.
+    const QStringList longChain(100000, R"(kMDItemFSName = "*.txt")");
     const struct
     {
-        const char *query;
+        QString query;
         const char *file;
         bool expected;
     } rows[] = {
@@ -108,24 +110,42 @@ TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
         {R"(kMDItemFSName != "big.bin")", bin, false},
         {R"(kMDItemAuthors == "*")", txt, false},
         {R"(kMDItemAuthors != "x")", txt, false},
+        {R"((** = "quarterly*"cdw))", txt, true},
+        {R"((** = "report*"cdw) && (** = "*CAFE*"cd))", txt, true},
+        {R"(** == "photo*")", jpg, true},
+        {R"(** != "photo*"wc)", jpg, false},
+        {"kMDItemFSSize > 1e6", bin, false},
+        {"kMDItemFSSize > 4.99E3", bin, true},
+        {"kMDItemFSSize < 5.0e+3", bin, false},
+        {"kMDItemFSSize >= +2e-1 && kMDItemFSSize <= .5e4", bin, true},
+        {"kMDItemFSSize > -1E2", txt, true},
+        {"InRange(kMDItemFSSize, 1e3, 2E3)", jpg, true},
+        {"kMDItemFSContentChangeDate >= $time.today(-7) && kMDItemFSContentChangeDate < $time.today(+1)", txt, true},
+        {longChain.join(" && "), txt, true},
+        {longChain.join(" || "), bin, false},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(matches(QString::fromUtf8(row.query), QString::fromUtf8(row.file)), row.expected)
-            << row.query << " on " << row.file;
+        EXPECT_EQ(matches(row.query, QString::fromUtf8(row.file)), row.expected)
+            << row.query.left(120).toStdString() << " on " << row.file;
 }
 
 TEST_F(QXQueryTest, MalformedQueriesAreRefusedWithAReason)
 {
+    // Nesting beyond any real search is refused rather than followed.
+    QStringList queries{QString(100000, '(') + R"(kMDItemFSName == "a")" + QString(100000, ')'),
+                        QString(200000, '!') + "true"};
     for (const char *query :
          {"", "   ", R"(kMDItemFSName ==)", R"(kMDItemFSName == "abc)", R"((kMDItemFSName == "a")",
           R"(kMDItemFSName == "a"))", R"(kMDItemFSName "a")", R"(kMDItemFSName == "a"x)", "InRange(kMDItemFSSize, 1)",
           "InRange kMDItemFSSize", R"(kMDItemFSName == "a" &&)", R"(|| kMDItemFSName == "a")",
           "kMDItemFSContentChangeDate > $time.someday", "kMDItemFSContentChangeDate > $time.today(x)",
           "kMDItemFSContentChangeDate > $time.iso(not a date)", R"(kMDItemFSName == "a" kMDItemFSSize > 1)",
-          "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3"}) {
+          "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3"})
+        queries << QString::fromUtf8(query);
+    for (const QString &query : std::as_const(queries)) {
         QXQueryParser parser;
-        EXPECT_FALSE(parser.parse(QString::fromUtf8(query))) << query;
-        EXPECT_FALSE(parser.errorString().isEmpty()) << query;
+        EXPECT_FALSE(parser.parse(query)) << query.left(120).toStdString();
+        EXPECT_FALSE(parser.errorString().isEmpty()) << query.left(120).toStdString();
     }
 }
 

@@ -10,6 +10,7 @@
 #include <QTest>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <plist/plist.h>
 
 namespace {
@@ -51,10 +52,11 @@ protected:
     QString docs(const char *name) const { return home.filePath(QStringLiteral("Docs/") + name); }
 
     // Expands on a thread of its own, as the scanner and the counter do.
-    QStringList expand(const QString &path)
+    QStringList expand(const QString &path, bool *whole = nullptr)
     {
         QStringList found;
-        std::unique_ptr<QThread> thread(QThread::create([&] { found = utils.obtainFilesForSavedSearchAtPath(path); }));
+        std::unique_ptr<QThread> thread(
+            QThread::create([&] { found = utils.obtainFilesForSavedSearchAtPath(path, whole); }));
         thread->start();
         EXPECT_TRUE(QTest::qWaitFor([&] { return thread->isFinished(); }, 20000));
         QCoreApplication::processEvents();
@@ -65,12 +67,6 @@ protected:
     {
         return "appendToConsole:"
                + Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName());
-    }
-
-    QString success(qsizetype count) const
-    {
-        return "appendToConsole:"
-               + Localization::text("SPOTLIGHT_SUCCESS").replace(QLatin1String("%d"), QString::number(count));
     }
 
     FreshPreferences home;
@@ -129,12 +125,27 @@ TEST_F(QXSavedSearchTest, UnusableSavedSearchesFindNothingAndSayWhichOne)
         {"an unclosed string", PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "a)", docsScope))},
         {"an unknown modifier", PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "a"q)", docsScope))},
         {"a dangling operator", PropertyList::toXml(rawQueryDict("kMDItemFSSize > 1 &&", docsScope))},
+        {"larger than a saved search ever is",
+         PropertyList::toXml(rawQueryDict("true", docsScope)).replace("<plist", QByteArray(1100000, ' ') + "<plist")},
+        {"arrays nested 100,000 deep",
+         PropertyList::toXml(rawQueryDict("true", docsScope))
+             .replace("<dict>", "<dict><key>Deep</key>" + QByteArray("<array>").repeated(100000)
+                                    + QByteArray("</array>").repeated(100000))},
     };
     for (const auto &row : rows) {
         const QString path = home.writeFile("Bad.savedSearch", row.contents);
         delegate.calls.clear();
         EXPECT_TRUE(expand(path).isEmpty()) << row.name;
         EXPECT_EQ(delegate.calls, QStringList{problem(path)}) << row.name;
+    }
+    const QString fifo = home.filePath("Fifo.savedSearch");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    const QString endless = home.filePath("Endless.savedSearch");
+    ASSERT_TRUE(QFile::link("/dev/zero", endless));
+    for (const QString &path : {fifo, endless}) {
+        delegate.calls.clear();
+        EXPECT_TRUE(expand(path).isEmpty()) << qPrintable(path);
+        EXPECT_EQ(delegate.calls, QStringList{problem(path)});
     }
     delegate.calls.clear();
     EXPECT_TRUE(expand(home.filePath("Missing.savedSearch")).isEmpty());
@@ -147,17 +158,24 @@ TEST_F(QXSavedSearchTest, WalksGiveUpAfterTheirBoundWithAMessage)
         PropertyList::toXml(rawQueryDict(R"(kMDItemFSName == "*")", QVariantList{"kMDQueryScopeComputer"}));
     const QString path = home.writeFile("All.savedSearch", everything);
     utils.setSavedSearchEntryLimit(50);
-    const QStringList found = expand(path);
+    bool whole = true;
+    const QStringList found = expand(path, &whole);
     EXPECT_EQ(found.size(), 50);
     EXPECT_TRUE(found.first().startsWith('/'));
+    EXPECT_FALSE(whole);
     EXPECT_TRUE(log.contains(QStringLiteral("saved search %1 gave up after 50 entries").arg(path)));
-    EXPECT_EQ(delegate.calls, QStringList{success(50)});
+    // The owner hears that files past the bound go unscanned, not that the search found 50.
+    const QString cut = Localization::text("SPOTLIGHT_CUT")
+                            .replace(QLatin1String("%@"), QStringLiteral("All.savedSearch"))
+                            .replace(QLatin1String("%d"), QStringLiteral("50"));
+    EXPECT_EQ(delegate.calls, (QStringList{"savedSearchCutAtPath:" + path + ":50", "appendToConsole:" + cut}));
 
     // Within the bound nothing is said.
     utils.setSavedSearchEntryLimit(7);
     const QString docsOnly = home.writeFile(
         "Docs.savedSearch", PropertyList::toXml(rawQueryDict("true", QVariantList{home.filePath("Docs")})));
-    EXPECT_EQ(expand(docsOnly).size(), 5);
+    EXPECT_EQ(expand(docsOnly, &whole).size(), 5);
+    EXPECT_TRUE(whole);
     EXPECT_FALSE(log.anyContains(docsOnly + " gave up"));
 }
 

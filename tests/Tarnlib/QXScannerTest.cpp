@@ -120,6 +120,7 @@ TEST_F(QXScannerTest, DaemonReportsTheInfectedFilesOfAListWithTheSavedSearchesFi
     const QString search = clean("Downloads.savedSearch");
     const QString gone = files.filePath("Downloads/gone.com");
     delegate.savedSearches.insert(search, {marker, gone});
+    delegate.cutSearches << search;
     scan({eicar, harmless, search, colon});
 
     ASSERT_TRUE(waitForEnd());
@@ -145,14 +146,15 @@ TEST_F(QXScannerTest, DaemonReportsTheInfectedFilesOfAListWithTheSavedSearchesFi
     EXPECT_FALSE(QFile::exists(list));
 
     const QStringList log = logLines(delegate.scanLog);
-    ASSERT_EQ(log.size(), 8) << qPrintable(log.join('|'));
+    ASSERT_EQ(log.size(), 9) << qPrintable(log.join('|'));
     EXPECT_TRUE(dateLine.match(log.at(0)).hasMatch()) << qPrintable(log.at(0));
-    EXPECT_THAT(log.mid(1, 5), UnorderedElementsAre(eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND",
+    EXPECT_THAT(log.mid(1, 6), UnorderedElementsAre(search + ": saved search cut at its limit, not scanned whole",
+                                                    eicar + ": Korvane.Test.Eicar.UNOFFICIAL FOUND",
                                                     colon + ": Korvane.Test.Eicar.UNOFFICIAL FOUND",
                                                     marker + ": Korvane.Test.Marker.UNOFFICIAL FOUND",
                                                     harmless + ": OK", search + ": OK"));
     // Every entry ends in a newline, and the run adds one more.
-    EXPECT_THAT(log.mid(6), ElementsAre("", ""));
+    EXPECT_THAT(log.mid(7), ElementsAre("", ""));
 }
 
 TEST_F(QXScannerTest, CleanFilesGivenAsArgumentsEndWithStatusZeroAndWriteNoListNorLog)

@@ -53,6 +53,10 @@ public:
     void updateProgressWithPercentDone(double percent) override { calls << QStringLiteral("percent:%1").arg(percent); }
     void fileCounterReturned(qint64 count) override { calls << QStringLiteral("fileCounterReturned:%1").arg(count); }
     void appendToConsole(const QString &text) override { calls << "appendToConsole:" + text; }
+    void savedSearchCutAtPath(const QString &path, qint64 entries) override
+    {
+        calls << QStringLiteral("savedSearchCutAtPath:%1:%2").arg(path).arg(entries);
+    }
     void needToUpdateDB() override { calls << "needToUpdateDB"; }
     void needToUpdateEngineDisplayVersionString(const QString &version) override
     {

@@ -8,6 +8,10 @@
 #include <QFile>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 // The whole agent against the real daemon, real folder events and a
@@ -182,6 +186,48 @@ TEST_F(EndToEndTest, SavedSearchPlacedInAWatchedFolderHasTheFilesItFindsScanned)
     ASSERT_TRUE(waitUntilListed(found));
     ASSERT_TRUE(waitUntilIdle());
     EXPECT_FALSE(listedPaths().contains(ignored));
+}
+
+TEST_F(EndToEndTest, AHostileSavedSearchLeavesTheGuardScanningWhatComesAfterIt)
+{
+    const auto searchFor = [](const QString &query) {
+        return PropertyList::toXml(QVariantMap{
+            {QStringLiteral("RawQueryDict"),
+             QVariantMap{{QStringLiteral("RawQuery"), query}, {QStringLiteral("SearchScopes"), QVariantList{"~"}}}}});
+    };
+    const struct
+    {
+        const char *name;
+        std::function<bool(const QString &)> make;
+    } rows[] = {
+        {"a query nested 100,000 deep",
+         [&](const QString &path) {
+             const QString query = QString(100000, '(') + R"(kMDItemFSName == "a")" + QString(100000, ')');
+             QFile file(path);
+             return file.open(QIODevice::WriteOnly) && file.write(searchFor(query)) > 0;
+         }},
+        {"a FIFO", [](const QString &path) { return ::mkfifo(QFile::encodeName(path).constData(), 0600) == 0; }},
+        {"a link to an endless device", [](const QString &path) { return QFile::link("/dev/zero", path); }},
+    };
+    int round = 0;
+    for (const auto &row : rows) {
+        const QString hostile = home.filePath(QStringLiteral("Watched/%1-x.savedSearch").arg(round));
+        ASSERT_TRUE(row.make(hostile)) << row.name;
+        agent->events()->flushEventStreamSync();
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] {
+                return !agent->dispatcher()->waitingList().contains(hostile)
+                       && !agent->dispatcher()->readyList().contains(hostile);
+            },
+            10000))
+            << row.name;
+        const QString after = write(QStringLiteral("after-%1.com").arg(round++));
+        EXPECT_TRUE(waitUntilListed(after)) << row.name;
+        // Let go of a reader stuck on the FIFO, so that a failure here does not hang the suite.
+        const int fd = ::open(QFile::encodeName(hostile).constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0)
+            ::close(fd);
+    }
 }
 
 } // namespace
