@@ -490,6 +490,7 @@ void KorvaneVarden_AppDelegate::setupEventListener()
 {
     // The new stream tells again what it cannot watch.
     _protectionStatus->clearReasons(QStringLiteral("folder:"));
+    _protectionStatus->clearReasons(QStringLiteral("saved-search:"));
     _events = std::make_unique<SCEvents>();
     _events->setResumeFromEventId(_theLastEventSeen);
     _events->setDelegate(this);

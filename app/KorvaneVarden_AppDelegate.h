@@ -201,6 +201,7 @@ public:
     void clamdStarted() override;
     void clamdFailedToStart() override;
     void clamdAlreadyRunning() override;
+    void savedSearchCutAtPath(const QString &path, qint64 entries) override;
 
     // Accessors of the fields.
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }

@@ -144,6 +144,16 @@ void KorvaneVarden_AppDelegate::pathWatcherCoverageChanged(SCEvents *, const QSt
                                  limit);
 }
 
+void KorvaneVarden_AppDelegate::savedSearchCutAtPath(const QString &path, qint64 entries)
+{
+    // Until the next start of watching: the search is cut again at every scan.
+    _protectionStatus->setReason(
+        QStringLiteral("saved-search:") + path, ProtectionStatus::Partial,
+        QStringLiteral("the saved search %1 finds more than %2 entries: the files past them are not scanned")
+            .arg(path)
+            .arg(entries));
+}
+
 void KorvaneVarden_AppDelegate::takeSettingsConflicts()
 {
     QStringList keys;

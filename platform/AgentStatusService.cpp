@@ -15,7 +15,8 @@ AgentStatusService::AgentStatusService(Provider provider, QObject *parent)
 bool AgentStatusService::publish()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    return bus.isConnected() && bus.registerObject(objectPath, this, QDBusConnection::ExportScriptableSlots);
+    // The same path also answers the session-instance calls.
+    return bus.isConnected() && bus.registerObject(objectPath, interfaceName, this, QDBusConnection::ExportScriptableSlots);
 }
 
 QString AgentStatusService::Status(QStringList &reasons)

@@ -46,7 +46,9 @@ bool SessionInstance::activateRunningInstance(QString *error) const
 
 bool SessionInstance::listen()
 {
-    return QDBusConnection::sessionBus().registerObject(_objectPath, this, QDBusConnection::ExportScriptableSlots);
+    // By interface, so that other objects of the program may share the path.
+    return QDBusConnection::sessionBus().registerObject(_objectPath, QStringLiteral("org.freedesktop.Application"), this,
+                                                       QDBusConnection::ExportScriptableSlots);
 }
 
 bool SessionInstance::claimName()
