@@ -3,6 +3,7 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "LoginItem.h"
+#include "platform/AgentStatusService.h"
 #include "platform/AlertPresenter.h"
 
 #include <QCheckBox>
@@ -18,6 +19,7 @@
 #include <QSpinBox>
 #include <QTabWidget>
 #include <QTableWidget>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace {
@@ -149,7 +151,19 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     buttons->button(QDialogButtonBox::Save)->setObjectName(QStringLiteral("save"));
     buttons->button(QDialogButtonBox::Reset)->setObjectName(QStringLiteral("revert"));
 
+    _protectionStatus = new QLabel;
+    _protectionStatus->setObjectName(QStringLiteral("protectionStatus"));
+    _protectionStatus->setWordWrap(true);
+    _protectionStatus->setTextFormat(Qt::RichText);
+    // Asked again while the window is open, since the guard changes by itself.
+    _statusTimer = new QTimer(this);
+    _statusTimer->setInterval(5000);
+    connect(_statusTimer, &QTimer::timeout, this, &PreferencesWindow::askProtectionStatus);
+    _statusTimer->start();
+    askProtectionStatus();
+
     auto *layout = new QVBoxLayout(this);
+    layout->addWidget(_protectionStatus);
     layout->addWidget(tabs);
     layout->addWidget(buttons);
 
@@ -169,6 +183,24 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
 
     resize(620, 440);
     load();
+}
+
+void PreferencesWindow::askProtectionStatus()
+{
+    AgentStatusService::askLater(this, [this](std::optional<AgentStatusService::Answer> answer) {
+        const QString level = answer ? answer->level : QStringLiteral("off");
+        const QStringList reasons = answer ? answer->reasons : QStringList{tr("KorvaneVarden does not run.")};
+        const char *colour = level == QLatin1String("protected") ? "#18a88e"
+                             : level == QLatin1String("partial") ? "#b87800"
+                                                                 : "#d62c2c";
+        const QString title = level == QLatin1String("protected") ? tr("Protected")
+                              : level == QLatin1String("partial") ? tr("Partly protected")
+                                                                  : tr("Protection is off");
+        QString text = QStringLiteral("<b style=\"color:%1\">%2</b>").arg(QLatin1String(colour), title);
+        for (const QString &reason : reasons)
+            text += QStringLiteral("<br>• ") + reason.toHtmlEscaped();
+        _protectionStatus->setText(text);
+    });
 }
 
 void PreferencesWindow::setFolderChooser(FolderChooser chooser)

@@ -6,6 +6,8 @@
 
 class CompanionSettings;
 class QCheckBox;
+class QLabel;
+class QTimer;
 class QLineEdit;
 class QListWidget;
 class QSpinBox;
@@ -42,8 +44,12 @@ private:
     void removeExclusion();
     void chooseQuarantineFolder();
     void complain(const QString &message, const QString &details = {});
+    // Asks the agent for the guard's status and shows it at the top.
+    void askProtectionStatus();
 
     CompanionSettings *_settings;
+    QLabel *_protectionStatus;
+    QTimer *_statusTimer;
     QString _agentProgram;
     FolderChooser _chooseFolder;
     QListWidget *_folders;

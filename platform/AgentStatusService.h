@@ -9,7 +9,7 @@
 
 // The guard's status on the session bus, for Korvane, scripts and a fleet's
 // monitoring: method Status on interface org.korvane.KorvaneVarden at object
-// path /org/korvane/KorvaneVarden of the agent's bus name, answering the
+// path /org/korvane/KorvaneVarden/Status of the agent's bus name, answering the
 // level ("protected", "partial" or "off") and the reasons in plain words.
 class AgentStatusService : public QObject
 {
@@ -34,6 +34,9 @@ public:
     // What the agent of this session answers; nothing when none answers
     // within the time limit. Tests name the agent by its unique bus name.
     static std::optional<Answer> ask(int timeoutMs = 5000, const QString &service = serviceName);
+
+    // The same without waiting: done runs later on context's thread.
+    static void askLater(QObject *context, std::function<void(std::optional<Answer>)> done, int timeoutMs = 5000);
 
 public slots:
     Q_SCRIPTABLE QString Status(QStringList &reasons);

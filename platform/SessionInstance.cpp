@@ -47,8 +47,7 @@ bool SessionInstance::activateRunningInstance(QString *error) const
 bool SessionInstance::listen()
 {
     // By interface, so that other objects of the program may share the path.
-    return QDBusConnection::sessionBus().registerObject(_objectPath, QStringLiteral("org.freedesktop.Application"), this,
-                                                       QDBusConnection::ExportScriptableSlots);
+    return QDBusConnection::sessionBus().registerObject(_objectPath, this, QDBusConnection::ExportScriptableSlots);
 }
 
 bool SessionInstance::claimName()

@@ -240,14 +240,19 @@ TEST_F(AgentOnTheSessionBusTest, ARelaunchToolWhoseCopyCannotRunRunsInPlaceAndOn
         KorvaneVarden_AppDelegate::setRelaunchToolPath(c.tool);
         send(QStringLiteral("KorvaneVardenShouldRestart"));
         EXPECT_TRUE(QTest::qWaitFor([&] { return terminations == 1; }, 5000));
+        // The guard's status may be told too; only the restart's own notice counts here.
+        QStringList told;
+        for (const auto &[title, text] : std::as_const(notifications.delivered)) {
+            if (title == QStringLiteral("KorvaneVarden could not restart"))
+                told << text;
+        }
         if (c.relaunches) {
             (void)QTest::qWaitFor([&] { return !engine.readFile("relaunched-with").isEmpty(); }, 5000);
             EXPECT_EQ(QString::fromUtf8(engine.readFile("relaunched-with").trimmed()), tool);
-            EXPECT_TRUE(notifications.delivered.isEmpty());
+            EXPECT_TRUE(told.isEmpty());
         } else {
-            ASSERT_EQ(notifications.delivered.size(), 1);
-            EXPECT_EQ(notifications.delivered.first().first, QStringLiteral("KorvaneVarden could not restart"));
-            EXPECT_TRUE(notifications.delivered.first().second.contains(broken));
+            ASSERT_EQ(told.size(), 1);
+            EXPECT_TRUE(told.first().contains(broken));
             EXPECT_TRUE(log.anyContains(QStringLiteral("cannot start the relaunch tool")));
         }
     }

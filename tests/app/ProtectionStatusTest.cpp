@@ -6,6 +6,7 @@
 
 #include <QDBusConnection>
 #include <QDir>
+#include <QProcess>
 #include <QTest>
 
 namespace {
@@ -25,10 +26,24 @@ protected:
     {
         AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
-        // The scripted engine has no daemon: the startup goes on by hand.
-        ASSERT_TRUE(QTest::qWaitFor([&] { return !agent->utils()->enginePath().isEmpty(); }, 5000));
+        // The scripted engine has no daemon to start, which is told; then the
+        // startup goes on by hand as if one answered.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return agent->protectionStatus()->hasReason(QStringLiteral("daemon")); },
+                                    20000));
         agent->clamdAlreadyRunning();
         agent->events()->flushEventStreamSync();
+    }
+
+    // What Korvane --status prints and its exit status, asked of this agent
+    // under the agent's name.
+    std::pair<int, QString> korvaneStatus()
+    {
+        QDBusConnection::sessionBus().registerService(AgentStatusService::serviceName);
+        QProcess korvane;
+        korvane.start(QStringLiteral(KORVANE_BINARY_DIR "/bin/Korvane"), {QStringLiteral("--status")});
+        // The agent answers on this thread, so the wait must let it run.
+        EXPECT_TRUE(QTest::qWaitFor([&] { return korvane.state() == QProcess::NotRunning; }, 20000));
+        return {korvane.exitCode(), QString::fromUtf8(korvane.readAllStandardOutput())};
     }
 
     // The level the bus answers, once it is the expected one with as many
@@ -75,12 +90,14 @@ TEST_F(ProtectionStatusTest, EachSituationThatLowersTheGuardIsToldWithItsReasonA
     answer = statusOnceItIs(QStringLiteral("protected"));
     EXPECT_EQ(answer.level, QStringLiteral("protected")) << answer.reasons.join('\n').toStdString();
     EXPECT_TRUE(agent->throbberStatusItem()->badge().isNull());
+    EXPECT_EQ(korvaneStatus(), std::make_pair(0, QStringLiteral("protected\n")));
 
     // The user's stop switches the guard off; so does a folder list left empty.
     QObject menuItem;
     agent->stopWatching(&menuItem);
     answer = statusOnceItIs(QStringLiteral("off"));
     EXPECT_EQ(answer.reasons, QStringList{QStringLiteral("watching was stopped")});
+    EXPECT_EQ(korvaneStatus(), std::make_pair(1, QStringLiteral("off\n- watching was stopped\n")));
     agent->startWatching(&menuItem);
     EXPECT_EQ(statusOnceItIs(QStringLiteral("protected")).level, QStringLiteral("protected"));
 

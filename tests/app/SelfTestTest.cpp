@@ -59,8 +59,10 @@ TEST_F(SelfTestTest, AFolderThatCannotBeWatchedTurnsTheGuardOffWithTheStepThatFa
     });
     launchWatching();
     ASSERT_TRUE(waitForStatus(ProtectionStatus::Off)) << agent->protectionStatus()->description().toStdString();
-    EXPECT_TRUE(agent->protectionStatus()->reasons().first().contains(QStringLiteral("no folder event")))
-        << agent->protectionStatus()->description().toStdString();
+    const QStringList reasons = agent->protectionStatus()->reasons();
+    EXPECT_TRUE(reasons.first().contains(QStringLiteral("no folder event"))) << reasons.join('\n').toStdString();
+    // The limit that kept the watch from being made is a reason of its own.
+    EXPECT_EQ(reasons.filter(QStringLiteral("max_user_watches")).size(), 1) << reasons.join('\n').toStdString();
 }
 
 TEST_F(SelfTestTest, ADaemonThatIsGoneForGoodTurnsTheGuardOff)

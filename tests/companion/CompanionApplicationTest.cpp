@@ -147,6 +147,9 @@ TEST_F(CompanionApplicationTest, TheCommandLineAddsListsAndRemovesFoldersAndSays
     EXPECT_EQ(runKorvane({"--remove-folder", "~/Downloads", "--list-folders"}, &output), 0);
     EXPECT_EQ(output.split('\n', Qt::SkipEmptyParts).filter("~"), QStringList{"~/scans"});
     EXPECT_EQ(runKorvane({"--bogus"}), 1);
+    // No agent in the session is no protection, whatever else is known.
+    EXPECT_EQ(runKorvane({"--status"}, &output), 1);
+    EXPECT_TRUE(output.startsWith("off\n")) << output.toStdString();
 }
 
 } // namespace
