@@ -431,6 +431,16 @@ else
     chmod 644 "$prefix/etc/clamd.conf"
     stop_daemon "$prefix/run/clamd.pid"
 
+    # The engine account owns share/clamav; the installer, as root, must not
+    # follow what it plants there.
+    printf 'root only\n' > "$tmp/root-only"
+    chmod 600 "$tmp/root-only"
+    setpriv --reuid=clamav --regid=clamav --init-groups ln -sfn "$tmp/root-only" "$db/freshclam.log"
+    "$installer" "$prefix" > /dev/null 2>&1
+    expect_eq "reinstalling follows no link the engine account planted" "root 600 root only" \
+        "$(stat -c '%U %a' "$tmp/root-only") $(cat "$tmp/root-only")"
+    check "and puts a plain log in its place" test -f "$db/freshclam.log" -a ! -L "$db/freshclam.log"
+
     # What a user left in the world-writable folder of the earlier layout goes.
     install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"
     chown "$user_a" "$db/freshclam.log"
