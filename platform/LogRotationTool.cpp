@@ -4,23 +4,17 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QTemporaryFile>
+#include <QTemporaryDir>
 
 namespace {
 
 constexpr QFileDevice::Permissions logMode = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup;
 
-// Removes a stale file first and refuses to follow anything planted at the
-// fixed name, since the temporary folder is shared.
-bool writeFreshFile(const QString &path, const QByteArray &contents, QString *error)
+bool writeFile(const QString &path, const QByteArray &contents, QString *error)
 {
-    QFile::remove(path);
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
-        *error = file.errorString();
-        return false;
-    }
-    if (file.write(contents) != contents.size() || !file.flush()) {
+    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly, QFileDevice::ReadOwner | QFileDevice::WriteOwner)
+        || file.write(contents) != contents.size() || !file.flush()) {
         *error = file.errorString();
         return false;
     }
@@ -45,13 +39,6 @@ LogRotationTool::LogRotationTool(Kind kind, const QString &program)
     : _kind(kind)
     , _program(program)
 {}
-
-QString LogRotationTool::configurationPath()
-{
-    // Qt answers an empty path when TMPDIR names a missing folder.
-    const QString folder = QDir::tempPath();
-    return folder.isEmpty() ? QString() : folder + QStringLiteral("/scanlogrotate.conf");
-}
 
 QString LogRotationTool::newsyslogConfiguration(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB)
 {
@@ -81,33 +68,28 @@ QString LogRotationTool::logrotateConfiguration(const QString &logPath, uint uid
 
 LogRotationTool::Result LogRotationTool::rotate(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB) const
 {
-    const QString configuration = configurationPath();
     const QString text = _kind == Kind::Newsyslog ? newsyslogConfiguration(logPath, uid, gid, sizeLimitKB)
                                                   : logrotateConfiguration(logPath, uid, gid, sizeLimitKB);
-    Result result;
+    // The temporary folder is shared: a fixed name there could be taken by
+    // another user, or by one of our own agents killed mid-rotation. A
+    // folder of our own (mode 700) is ours alone and goes afterwards.
+    const QString base = QDir::tempPath();
+    QTemporaryDir folder(base + QStringLiteral("/scanlogrotate-XXXXXX"));
+    if (base.isEmpty() || !folder.isValid())
+        return {Outcome::ConfigurationUnwritable,
+                QStringLiteral("no private folder in %1 for scanlogrotate.conf: %2")
+                    .arg(base.isEmpty() ? QStringLiteral("the temporary folder") : base, folder.errorString())};
+    const QString configuration = folder.filePath(QStringLiteral("scanlogrotate.conf"));
     QString error;
-    if (configuration.isEmpty()) {
-        result = {Outcome::ConfigurationUnwritable, QStringLiteral("no temporary folder for scanlogrotate.conf")};
-    } else if (!writeFreshFile(configuration, text.toUtf8(), &error)) {
-        result = {Outcome::ConfigurationUnwritable, QStringLiteral("cannot write %1: %2").arg(configuration, error)};
-    } else if (_kind == Kind::Newsyslog) {
-        result = run({QStringLiteral("-Cr"), QStringLiteral("-f"), configuration});
-    } else {
-        // A state file of its own, so that neither the system's state nor a
-        // stale one of ours decides anything; size alone does.
-        QTemporaryFile state(QDir::tempPath() + QStringLiteral("/scanlogrotate-XXXXXX.state"));
-        if (!state.open()) {
-            result = {Outcome::ConfigurationUnwritable,
-                      QStringLiteral("cannot make a logrotate state file: %1").arg(state.errorString())};
-        } else {
-            state.close();
-            result = run({QStringLiteral("-s"), state.fileName(), configuration});
-            if (result.outcome == Outcome::Ran)
-                completeLogrotate(logPath);
-        }
-    }
-    if (!configuration.isEmpty())
-        QFile::remove(configuration);
+    if (!writeFile(configuration, text.toUtf8(), &error))
+        return {Outcome::ConfigurationUnwritable, QStringLiteral("cannot write %1: %2").arg(configuration, error)};
+    if (_kind == Kind::Newsyslog)
+        return run({QStringLiteral("-Cr"), QStringLiteral("-f"), configuration});
+    // A state file of its own, so that neither the system's state nor a
+    // stale one of ours decides anything; size alone does.
+    const Result result = run({QStringLiteral("-s"), folder.filePath(QStringLiteral("state")), configuration});
+    if (result.outcome == Outcome::Ran)
+        completeLogrotate(logPath);
     return result;
 }
 

@@ -5,8 +5,8 @@
 
 // Has the system's log rotation tool rotate one log by size, keeping three
 // bzip2 archives: newsyslog where it is installed, otherwise logrotate with
-// an equivalent configuration. The configuration lives in the temporary
-// folder only while the tool runs.
+// an equivalent configuration. The configuration lives in a private folder
+// inside the temporary folder only while the tool runs.
 class LogRotationTool
 {
 public:
@@ -33,7 +33,6 @@ public:
     Kind kind() const { return _kind; }
     QString program() const { return _program; }
 
-    static QString configurationPath();
     static QString newsyslogConfiguration(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB);
     static QString logrotateConfiguration(const QString &logPath, uint uid, uint gid, qint64 sizeLimitKB);
 

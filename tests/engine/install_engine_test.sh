@@ -253,6 +253,9 @@ elif ! make_account "$user_a" "$tmp/home a" || ! make_account "$user_b" "$tmp/ho
     echo "skip several users: useradd could not make throw-away accounts"
 else
     cp "$db/daily.cud" "$tmp/before-users.cud"
+    # Root's settings for the helper, short so that waiting for a daemon that
+    # does not answer takes seconds here.
+    printf 'PingTimeout 1\nHungPings 3\nHungPingInterval 3\nLockWait 5\n' > "$prefix/etc/engine-helper.conf"
     for who in a b; do
         name=user_$who
         printf 'private to %s %s\n' "${!name}" "$marker" > "$tmp/home $who/marker.txt"
@@ -320,6 +323,30 @@ else
     expect_match "RunFreshclam runs for an ordinary user" '^ClamAV update process started' "$(head -n1 "$tmp/update")"
     check "and writes the log only clamav may write" test "$(wc -l < "$log")" -gt "$before"
     expect_eq "which stays clamav's" "clamav 644" "$(stat -c '%U %a' "$log")"
+    # What holds the update others wait on is out of the starting user's reach,
+    # and one that root stopped is not waited on for ever.
+    descendants() { local c; for c in $(pgrep -P "$1"); do echo "$c"; descendants "$c"; done; }
+    as "$user_a" "$prefix/bin/RunFreshclam" --stdout > /dev/null 2>&1 &
+    first=$!
+    sleep 1
+    tree=$(descendants "$first" | xargs)
+    as "$user_a" kill -STOP $tree 2> /dev/null
+    # The user may suspend their own helper process, not freshclam or what
+    # holds the lock.
+    holder=$(cat "$prefix/run/freshclam.lock" 2>/dev/null)
+    stopped=$(for p in $tree; do
+        [[ $(ps -o comm= -p "$p") == freshclam || $p == "$holder" ]] || continue
+        [[ $(awk '{ print $3 }' "/proc/$p/stat" 2>/dev/null) == T ]] && echo "$p"
+    done)
+    expect_eq "the user who starts an update cannot suspend what holds it" "" "$stopped"
+    kill -STOP $tree 2> /dev/null
+    start=$SECONDS
+    out=$(as "$user_b" timeout 60 "$prefix/bin/RunFreshclam" --stdout 2>&1)
+    expect_match "another user's update does not wait for a stopped one" 'held by a stopped process' "$out"
+    check "and says so at once" test $((SECONDS - start)) -lt 10
+    kill -CONT $tree 2> /dev/null
+    kill -TERM "$first" $tree 2> /dev/null
+    wait "$first" 2> /dev/null
     # The agent stops an update that hangs: the user who ran it may end it,
     # and freshclam goes with it.
     out=$(as "$user_b" bash -c '"$0" --stdout > /dev/null 2>&1 & p=$!; sleep 1
@@ -335,6 +362,14 @@ else
     expect_eq "which still answers" "$tmp/home b/clean.txt: OK" \
         "$(as "$user_b" "$prefix/bin/clamdscan" --no-summary "$tmp/home b/clean.txt" 2>&1)"
 
+    # A daemon that misses a PING under load is no hung daemon.
+    kill -STOP "$pid"
+    (sleep 5; kill -CONT "$pid") &
+    as "$user_a" timeout 60 "$prefix/sbin/clamd" > /dev/null 2>&1
+    wait $!
+    check "a daemon slow to answer for a moment is not restarted" kill -0 "$pid"
+    expect_eq "and keeps its pid file" "$pid" "$(cat "$prefix/run/clamd.pid" 2>/dev/null)"
+
     # A stopped daemon still holds the socket (connections queue) but answers
     # nothing; no user may signal it, yet a start through the helper ends it.
     kill -STOP "$pid"
@@ -349,6 +384,43 @@ else
     expect_eq "which runs as clamav" "clamav clamav" "$(ps -o ruser=,euser= -p "${new:-0}" | xargs)"
     expect_eq "and answers" "$tmp/home a/clean.txt: OK" \
         "$(as "$user_a" "$prefix/bin/clamdscan" --no-summary "$tmp/home a/clean.txt" 2>&1)"
+    # However often users ask, the shared daemon is restarted once a minute at most.
+    kill -STOP "$new"
+    out=$(as "$user_b" timeout 60 "$prefix/sbin/clamd" 2>&1)
+    check "a second restart within the minute is refused" test $? -ne 0
+    expect_match "and says why" 'restarted [0-9]+ s ago' "$out"
+    check "and the daemon is left as it was" kill -0 "$new"
+    kill -CONT "$new"
+    stop_daemon "$prefix/run/clamd.pid"
+
+    # Starts at the same moment leave the pid of the daemon that runs.
+    for who in a b a b; do
+        name=user_$who
+        as "${!name}" timeout 60 "$prefix/sbin/clamd" > /dev/null 2>&1 &
+    done
+    wait
+    pid=$(cat "$prefix/run/clamd.pid" 2>/dev/null)
+    [[ -n $pid ]] && daemon_pids+=("$pid")
+    expect_eq "after starts at once the pid file names the daemon" "clamd" "$(ps -o comm= -p "${pid:-0}")"
+    running=$(pgrep -d ' ' -f "^/usr/sbin/clamd --config-file=$prefix/etc/clamd.conf")
+    expect_eq "which is the only one" "$pid" "$running"
+    for pid in $running; do kill "$pid"; done
+    sleep 1
+
+    # A user who starts the daemon crippled (no file size, few descriptors, an
+    # open file of theirs, low priority) cripples nobody's scans.
+    cp /usr/share/clamav-testfiles/clam.zip "$tmp/home a/clam.zip"
+    chown "$user_a" "$tmp/home a/clam.zip"
+    out=$(as "$user_a" timeout 60 bash -c 'ulimit -S -f 0; ulimit -S -n 8; exec 7< "$0"; exec nice -n 15 "$1"' \
+        "$tmp/home a/clean.txt" "$prefix/sbin/clamd" 2>&1)
+    expect_eq "a start under the caller's limits succeeds" "0 " "$? $out"
+    pid=$(cat "$prefix/run/clamd.pid" 2>/dev/null)
+    [[ -n $pid ]] && daemon_pids+=("$pid")
+    expect_match "the daemon scans an archive" "clam.zip: Korvane\.Test\.File-clam\.[a-z.]+\.UNOFFICIAL FOUND$" \
+        "$(as "$user_a" "$prefix/bin/clamdscan" --no-summary "$tmp/home a/clam.zip" 2>&1)"
+    expect_eq "and holds no descriptor of the caller" "" \
+        "$(find "/proc/${pid:-0}/fd" -lname "$tmp/home a/*" 2>/dev/null)"
+    expect_eq "nor its nice value" 0 "$(ps -o ni= -p "${pid:-0}" | xargs)"
     stop_daemon "$prefix/run/clamd.pid"
 
     # A configuration others could change would let them steer the helper.
@@ -358,6 +430,16 @@ else
     expect_match "and says so" 'only root can change' "$out"
     chmod 644 "$prefix/etc/clamd.conf"
     stop_daemon "$prefix/run/clamd.pid"
+
+    # The engine account owns share/clamav; the installer, as root, must not
+    # follow what it plants there.
+    printf 'root only\n' > "$tmp/root-only"
+    chmod 600 "$tmp/root-only"
+    setpriv --reuid=clamav --regid=clamav --init-groups ln -sfn "$tmp/root-only" "$db/freshclam.log"
+    "$installer" "$prefix" > /dev/null 2>&1
+    expect_eq "reinstalling follows no link the engine account planted" "root 600 root only" \
+        "$(stat -c '%U %a' "$tmp/root-only") $(cat "$tmp/root-only")"
+    check "and puts a plain log in its place" test -f "$db/freshclam.log" -a ! -L "$db/freshclam.log"
 
     # What a user left in the world-writable folder of the earlier layout goes.
     install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"

@@ -98,12 +98,18 @@ TEST_F(ScanLogRotatorTest, SizeLimitIsThePreferredSizeOnlyWhenItIsAPositiveNumbe
 // newsyslog does not run here: a script in its place records what it is given.
 TEST_F(ScanLogRotatorTest, NewsyslogIsHandedItsOneEntryFileWhichIsGoneAfterwards)
 {
-    const QString tool =
-        home.writeFile("bin/newsyslog", "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\ncat \"$3\" > \"$0.conf\"\n");
+    const QString tool = home.writeFile("bin/newsyslog", "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\n"
+                                                         "cat \"$3\" > \"$0.conf\"\nstat -c %a \"${3%/*}\" > \"$0.mode\"\n");
     QFile::setPermissions(tool, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     ScanLogRotator(utils(), LogRotationTool(LogRotationTool::Kind::Newsyslog, tool)).rotateLogFile();
 
-    EXPECT_EQ(TemporaryHome::readFile(tool + ".args"), ("-Cr\n-f\n" + temp + "/scanlogrotate.conf\n").toUtf8());
+    const QStringList args = QString::fromUtf8(TemporaryHome::readFile(tool + ".args")).split('\n');
+    ASSERT_EQ(args.size(), 4);
+    EXPECT_EQ(args.mid(0, 2), (QStringList{"-Cr", "-f"}));
+    EXPECT_EQ(QFileInfo(args[2]).fileName(), "scanlogrotate.conf");
+    // In a folder of its own, which only we may enter, inside the temporary folder.
+    EXPECT_EQ(QFileInfo(QFileInfo(args[2]).path()).path(), temp);
+    EXPECT_EQ(TemporaryHome::readFile(tool + ".mode"), "700\n");
     EXPECT_EQ(QString::fromUtf8(TemporaryHome::readFile(tool + ".conf")),
               header + ScanLogRotator::logPath()
                   + QStringLiteral("\t%1:%2\t640\t3\t5120\t*\tCJN").arg(getuid()).arg(getgid()));
@@ -154,6 +160,27 @@ TEST_F(ScanLogRotatorTest, MissingLogIsCreatedEmptyAndOneBelowTheLimitIsLeftAlon
     EXPECT_TRUE(TemporaryHome::readFile(ScanLogRotator::logPath()) == contents);
     EXPECT_EQ(archives(), QStringList());
     EXPECT_EQ(leftInTemp(), QStringList());
+}
+
+// The temporary folder is shared: whatever another user (or an agent killed
+// mid-rotation) left under the configuration's name must not stop rotation.
+TEST_F(ScanLogRotatorTest, LeftoversOfOthersInTheTemporaryFolderDoNotStopRotation)
+{
+    LogCapture systemLog;
+    setLimit(1024);
+    ASSERT_EQ(::chmod(QFile::encodeName(temp).constData(), 01777), 0);
+    const QString planted = temp + "/scanlogrotate.conf";
+    ASSERT_TRUE(QDir().mkpath(planted + "/inside"));
+    if (getuid() == 0) {
+        ASSERT_EQ(::chown(QFile::encodeName(planted).constData(), 65534, 65534), 0);
+    }
+    const QString log = writeLog(megabyteLog(1));
+    ScanLogRotator(utils(), logrotate).rotateLogFile();
+
+    EXPECT_EQ(archives(), QStringList{"KorvaneVarden-scan.log.1.bz2"});
+    EXPECT_EQ(statOf(log).st_size, 0);
+    EXPECT_EQ(systemLog.lines(), QStringList());
+    EXPECT_EQ(leftInTemp(), QStringList{"scanlogrotate.conf"});
 }
 
 TEST_F(ScanLogRotatorTest, MissingOrFailingToolLeavesTheLogAsItWasAndIsLoggedOnce)
