@@ -541,6 +541,8 @@ void KorvaneVarden_AppDelegate::stopWatching(QObject *sender)
 {
     _selfTest->cancel();
     _selfTestTimer.stop();
+    // Nothing is watched now: what the stream could not watch is no news.
+    _protectionStatus->clearReasons(QStringLiteral("folder:"));
     // Sleep and restarts stop with the controller as sender, the end of the
     // program with none: only the user's stop leaves the guard off.
     if (sender && sender != this)
