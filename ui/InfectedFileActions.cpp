@@ -83,9 +83,8 @@ void InfectedFileActions::quarantineFile()
     _list->clearSelection();
 }
 
-QString InfectedFileActions::stampedName(const QString &target, const QString &stamp)
+QString InfectedFileActions::stampedName(const QString &target, const QString &stamp, const QString &extension)
 {
-    const QString extension = extensionOf(target);
     if (extension.isEmpty())
         return target + QLatin1Char(' ') + stamp;
     return target.chopped(extension.size() + 1) + QLatin1Char(' ') + stamp + QLatin1Char('.') + extension;
@@ -102,7 +101,7 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     if (!item.value(statusKey).toString().isEmpty())
         return false;
 
-    const QString folder = _utils->quarantineLocation();
+    const QString folder = _utils->quarantineLocationForActions();
     if (folder.isEmpty()) {
         SystemLog::log(QStringLiteral("could not quarantine %1: no quarantine folder is set").arg(path));
         SystemBeep::beep();
@@ -110,8 +109,10 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     }
     QString target = folder + QLatin1Char('/') + QFileInfo(path).fileName();
     const QString stamp = QTime::currentTime().toString(QStringLiteral("HH.mm.ss"));
+    // A stamp has a dot of its own: the extension is taken once, from the found name.
+    const QString extension = extensionOf(target);
     while (FileMove::exists(target))
-        target = stampedName(target, stamp);
+        target = stampedName(target, stamp, extension);
 
     const int mode = FileMove::regularFileMode(path);
     const int error = FileMove::moveWithoutReplacing(path, target);

@@ -34,8 +34,9 @@ public:
     // octal, so that put back can give them back.
     static const QString fileModeKey;
     // The quarantine name for a taken target: "invoice.pdf" at 14:03:27
-    // becomes "invoice 14.03.27.pdf".
-    static QString stampedName(const QString &target, const QString &stamp);
+    // becomes "invoice 14.03.27.pdf", and that one "invoice 14.03.27
+    // 14.03.27.pdf". extension is that of the name the file was found by.
+    static QString stampedName(const QString &target, const QString &stamp, const QString &extension);
 
 private:
     QXTInfectedViewArrayController *_list;
