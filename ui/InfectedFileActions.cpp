@@ -115,7 +115,7 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
         target = stampedName(target, stamp, extension);
 
     const int mode = FileMove::regularFileMode(path);
-    const int error = FileMove::moveWithoutReplacing(path, target);
+    const int error = FileMove::moveOrCopyWithoutReplacing(path, target);
     if (error != 0) {
         SystemLog::log(
             QStringLiteral("could not quarantine %1 to %2: %3").arg(path, target, FileMove::errorText(error)));
@@ -144,7 +144,7 @@ void InfectedFileActions::putBack()
         const QString home = item.value(originalFilePathKey).toString();
         if (home.isEmpty() || home == path)
             continue;
-        int error = FileMove::exists(home) ? EEXIST : FileMove::moveWithoutReplacing(path, home);
+        int error = FileMove::exists(home) ? EEXIST : FileMove::moveOrCopyWithoutReplacing(path, home);
         if (error == EEXIST) {
             SystemBeep::beep();
             _console(QStringLiteral("File %1 cannot be put back to %2 as something already exists in that location.")

@@ -12,7 +12,7 @@ class QXUtils;
 
 // What the user does with the listed files: move them to the Trash or into
 // the quarantine folder, put them back where they were found, or show them
-// in the file viewer. Each move is a rename within one file system; one
+// in the file viewer. A move to another file system is a checked copy; one
 // that fails beeps and leaves the file and its row as they were.
 class InfectedFileActions : public QObject
 {
