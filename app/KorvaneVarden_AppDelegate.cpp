@@ -122,6 +122,8 @@ KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()
     _events.reset();
     delete _mainMenu;
     delete _foldersBeingWatchedSubmenu;
+    // The list goes with its window: its last change is written first.
+    _infectedItemsStore->flush();
     delete _infectionListWindow;
 }
 

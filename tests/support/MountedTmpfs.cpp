@@ -32,9 +32,12 @@ MountedTmpfs::~MountedTmpfs()
 
 void MountedTmpfs::fillFolder(const QString &folder)
 {
+    // Unbuffered and down to single bytes, so that no page is left free.
     QFile filler(folder + QStringLiteral("/filler"));
-    if (filler.open(QIODevice::WriteOnly))
-        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) {}
+    if (filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+        for (const qsizetype chunk : {qsizetype(4096), qsizetype(1)})
+            while (filler.write(QByteArray(chunk, 'f')) == chunk) {}
+    }
 }
 
 bool MountedTmpfs::makeReadOnlyExcept(const QString &relativeFolder) const
