@@ -995,10 +995,8 @@ int KorvaneVarden_AppDelegate::addToInfectedListTheFile(const QString &fileName,
                                                         const QString &infectionName, const QString &status)
 {
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
-    for (const InfectedItem &item : list->arrangedObjects()) {
-        if (item.value(QStringLiteral("filePath")).toString() == path)
-            return 0;
-    }
+    if (list->containsFilePath(path))
+        return 0;
     list->addObject({{QStringLiteral("fileName"), fileName},
                      {QStringLiteral("infectionName"), infectionName},
                      {QStringLiteral("filePath"), path},
