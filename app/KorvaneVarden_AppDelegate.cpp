@@ -1013,8 +1013,12 @@ void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, con
     }
     const QString fileName = QFileInfo(inFile).fileName();
     addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
-    _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
-    _throbberStatusItem->setImage(_throbberWatchingImage);
+    // Drawing the same image again for every row of a burst would hold up the window.
+    // Never freed: an icon must not outlive the application object.
+    static const QIcon *const alertImage = new QIcon(NamedImage::imageNamed(QStringLiteral("watchingWithAlert")));
+    _throbberWatchingImage = *alertImage;
+    if (_throbberStatusItem->image().cacheKey() != alertImage->cacheKey())
+        _throbberStatusItem->setImage(*alertImage);
     _utils->postToNotificationCenterWithTitle(QStringLiteral("Infection Found!"),
                                               QStringLiteral("%1 infected with %2").arg(fileName, infectionName));
 }
