@@ -186,3 +186,14 @@ QString FileMove::errorText(int errorNumber)
 {
     return QString::fromLocal8Bit(std::strerror(errorNumber));
 }
+
+QString FileMove::sha256(const QString &path, qint64 *size)
+{
+    if (regularFileMode(path) < 0)
+        return {};
+    Descriptor file{::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (file.fd < 0 || readAll(file.fd, &hash, size) != 0)
+        return {};
+    return QString::fromLatin1(hash.result().toHex());
+}

@@ -22,4 +22,7 @@ public:
     static int regularFileMode(const QString &path);
     static bool setMode(const QString &path, int mode);
     static QString errorText(int errorNumber);
+    // The SHA-256 of a regular file's contents in hex, and its size; empty
+    // when it cannot be read.
+    static QString sha256(const QString &path, qint64 *size);
 };

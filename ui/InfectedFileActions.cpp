@@ -16,6 +16,8 @@
 #include <cerrno>
 
 const QString InfectedFileActions::fileModeKey = QStringLiteral("fileMode");
+const QString InfectedFileActions::fileSizeKey = QStringLiteral("fileSize");
+const QString InfectedFileActions::fileSha256Key = QStringLiteral("fileSHA256");
 
 namespace {
 
@@ -67,7 +69,8 @@ void InfectedFileActions::deleteFile()
         }
         // A quarantined file sent on to the Trash comes back to quarantine,
         // where it stays without its execute bits.
-        item.remove(fileModeKey);
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            item.remove(key);
         item.insert(statusKey, Localization::text("TRASHED"));
         item.insert(originalFilePathKey, path);
         item.insert(filePathKey, trashed);
@@ -128,6 +131,12 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
             SystemLog::log(
                 QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
         item.insert(fileModeKey, QString::number(mode, 8));
+        qint64 size = 0;
+        const QString sum = FileMove::sha256(target, &size);
+        if (!sum.isEmpty()) {
+            item.insert(fileSizeKey, QString::number(size));
+            item.insert(fileSha256Key, sum);
+        }
     }
     item.insert(statusKey, Localization::text("QUARANTINED"));
     item.insert(originalFilePathKey, path);
@@ -144,6 +153,20 @@ void InfectedFileActions::putBack()
         const QString home = item.value(originalFilePathKey).toString();
         if (home.isEmpty() || home == path)
             continue;
+        if (item.contains(fileSha256Key)) {
+            qint64 size = -1;
+            const QString sum = FileMove::sha256(path, &size);
+            // One that cannot be read at all is for the move to report.
+            const bool changed = sum != item.value(fileSha256Key).toString()
+                                 || QString::number(size) != item.value(fileSizeKey).toString();
+            if (!sum.isEmpty() && changed) {
+                SystemBeep::beep();
+                _console(QStringLiteral("File %1 was changed in quarantine (its size or SHA-256 is not what it was) "
+                                        "and is not put back to %2.")
+                             .arg(path, home));
+                continue;
+            }
+        }
         int error = FileMove::exists(home) ? EEXIST : FileMove::moveOrCopyWithoutReplacing(path, home);
         if (error == EEXIST) {
             SystemBeep::beep();
@@ -168,7 +191,8 @@ void InfectedFileActions::putBack()
         item.insert(statusKey, QString(""));
         item.insert(filePathKey, home);
         item.insert(originalFilePathKey, QString(""));
-        item.remove(fileModeKey);
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            item.remove(key);
         _list->replaceObjectAtRow(row, item);
     }
 }

@@ -33,6 +33,10 @@ public:
     // The row's key for the permission bits a quarantined file had, in
     // octal, so that put back can give them back.
     static const QString fileModeKey;
+    // The size and SHA-256 a quarantined file had, so that put back can tell
+    // a file that was changed in quarantine.
+    static const QString fileSizeKey;
+    static const QString fileSha256Key;
     // The quarantine name for a taken target: "invoice.pdf" at 14:03:27
     // becomes "invoice 14.03.27.pdf", and that one "invoice 14.03.27
     // 14.03.27.pdf". extension is that of the name the file was found by.

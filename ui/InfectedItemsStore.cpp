@@ -22,7 +22,9 @@ const QStringList requiredKeys{QStringLiteral("fileName"), QStringLiteral("infec
 
 QStringList storedKeys()
 {
-    return requiredKeys + QStringList{QStringLiteral("originalFilePath"), InfectedFileActions::fileModeKey};
+    return requiredKeys
+           + QStringList{QStringLiteral("originalFilePath"), InfectedFileActions::fileModeKey,
+                         InfectedFileActions::fileSizeKey, InfectedFileActions::fileSha256Key};
 }
 
 // Answers an empty string when the document is a list of rows, else what is wrong with it.

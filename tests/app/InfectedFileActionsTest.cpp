@@ -339,6 +339,31 @@ TEST_F(InfectedFileActionsTest, QuarantineAndPutBackReachAnotherFileSystemWithou
     EXPECT_EQ(alerts.beeps, 0);
 }
 
+TEST_F(InfectedFileActionsTest, PutBackRefusesAFileThatWasChangedInQuarantineAndSaysWhy)
+{
+    quarantine();
+    const QString file = infected("a/eicar.com");
+    select({0});
+    agent->quarantineFile(nullptr);
+    const InfectedItem quarantined = row(0);
+    const QString inQuarantine = value(0, "filePath");
+    // Same size, other contents: only the checksum tells.
+    QFile changed(inQuarantine);
+    ASSERT_TRUE(changed.open(QIODevice::ReadWrite));
+    changed.write("X");
+    changed.close();
+    restart();
+    select({0});
+
+    agent->putBack(nullptr);
+
+    EXPECT_EQ(row(0), quarantined);
+    EXPECT_TRUE(QFileInfo::exists(inQuarantine));
+    EXPECT_FALSE(QFileInfo::exists(file));
+    EXPECT_EQ(alerts.beeps, 1);
+    EXPECT_TRUE(log.anyContains("was changed in quarantine"));
+}
+
 TEST_F(InfectedFileActionsTest, AFileInAMailStoreIsMovedOnlyWhenTheUserSaysYesOncePerFile)
 {
     EXPECT_EQ(agent->checkIfLooksLikeMailAndPromptForFile(home.filePath("Downloads/x")), -1);
