@@ -122,6 +122,8 @@ KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()
     _events.reset();
     delete _mainMenu;
     delete _foldersBeingWatchedSubmenu;
+    // The list goes with its window: its last change is written first.
+    _infectedItemsStore->flush();
     delete _infectionListWindow;
 }
 
@@ -995,10 +997,8 @@ int KorvaneVarden_AppDelegate::addToInfectedListTheFile(const QString &fileName,
                                                         const QString &infectionName, const QString &status)
 {
     QXTInfectedViewArrayController *list = _infectionListWindow->dataSource();
-    for (const InfectedItem &item : list->arrangedObjects()) {
-        if (item.value(QStringLiteral("filePath")).toString() == path)
-            return 0;
-    }
+    if (list->containsFilePath(path))
+        return 0;
     list->addObject({{QStringLiteral("fileName"), fileName},
                      {QStringLiteral("infectionName"), infectionName},
                      {QStringLiteral("filePath"), path},
@@ -1015,8 +1015,12 @@ void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, con
     }
     const QString fileName = QFileInfo(inFile).fileName();
     addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
-    _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
-    _throbberStatusItem->setImage(_throbberWatchingImage);
+    // Drawing the same image again for every row of a burst would hold up the window.
+    // Never freed: an icon must not outlive the application object.
+    static const QIcon *const alertImage = new QIcon(NamedImage::imageNamed(QStringLiteral("watchingWithAlert")));
+    _throbberWatchingImage = *alertImage;
+    if (_throbberStatusItem->image().cacheKey() != alertImage->cacheKey())
+        _throbberStatusItem->setImage(*alertImage);
     _utils->postToNotificationCenterWithTitle(QStringLiteral("Infection Found!"),
                                               QStringLiteral("%1 infected with %2").arg(fileName, infectionName));
 }

@@ -1,7 +1,7 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,watch,idle]
+//   agent_bench --scratch DIR [--only detection,watch,idle,list]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
@@ -9,6 +9,7 @@
 
 #include "BenchTable.h"
 #include "DetectionBench.h"
+#include "ListBench.h"
 #include "WatchBench.h"
 #include "WatchProbe.h"
 
@@ -40,8 +41,9 @@ int main(int argc, char **argv)
     parser.addHelpOption();
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
-    const QCommandLineOption only(QStringLiteral("only"), QStringLiteral("Comma-separated: detection, watch, idle."),
-                                  QStringLiteral("parts"), QStringLiteral("detection,watch,idle"));
+    const QCommandLineOption only(QStringLiteral("only"),
+                                  QStringLiteral("Comma-separated: detection, watch, idle, list."),
+                                  QStringLiteral("parts"), QStringLiteral("detection,watch,idle,list"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
     const QCommandLineOption probeIdle(QStringLiteral("probe-idle"), QStringLiteral("Child: the agent idling on tree."),
@@ -83,6 +85,8 @@ int main(int argc, char **argv)
         DetectionBench(daemon.enginePath(), root, table).run();
     WatchBench(QCoreApplication::applicationFilePath(), daemon.enginePath(), root, table)
         .run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")));
+    if (parts.contains(QLatin1String("list")))
+        ListBench(daemon.enginePath(), root, table).run();
 
     QTextStream out(stdout);
     table.print(out);

@@ -2,18 +2,27 @@
 
 #include <QString>
 
-// Moves inside one file system by rename(2), never by copying, and never over
-// something that is already at the target.
+// Moves that never put anything over something already at the target.
 class FileMove
 {
 public:
     // Answers 0 when moved, else the errno of the failure (EEXIST when the
     // target is taken, EXDEV when it is on another file system).
     static int moveWithoutReplacing(const QString &from, const QString &to);
+    // The same, but a regular file bound for another file system is copied
+    // to a temporary name beside the target, flushed to disk, checked
+    // against the original by size and SHA-256, renamed into place and only
+    // then removed at its source. Whatever fails, the original stays and no
+    // copy is left.
+    static int moveOrCopyWithoutReplacing(const QString &from, const QString &to);
+    static int moveByCopying(const QString &from, const QString &to);
     // Whether anything, a dangling link included, is at the path.
     static bool exists(const QString &path);
     // The permission bits of a regular file, or -1 for anything else.
     static int regularFileMode(const QString &path);
     static bool setMode(const QString &path, int mode);
     static QString errorText(int errorNumber);
+    // The SHA-256 of a regular file's contents in hex, and its size; empty
+    // when it cannot be read.
+    static QString sha256(const QString &path, qint64 *size);
 };

@@ -188,12 +188,22 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
         QString unused;
         if (stickyFolder(shared) && privateFolder(shared + QLatin1Char('/') + uid, &unused)) {
             trash = shared + QLatin1Char('/') + uid;
-        } else {
+            recordedPath = realPath.mid(base.size() + 1);
+        } else if (privateFolder(base + QStringLiteral("/.Trash-") + uid, &unused)) {
             trash = base + QStringLiteral("/.Trash-") + uid;
+            recordedPath = realPath.mid(base.size() + 1);
+        } else {
+            // A volume whose top the user cannot write (/srv on a partition
+            // of its own): the home Trash takes the file as a checked copy.
+            trash = homeTrash();
+            if (!QDir().mkpath(UserFolders::dataHome())) {
+                *error = QStringLiteral("cannot create %1").arg(UserFolders::dataHome());
+                return {};
+            }
             if (!privateFolder(trash, error))
                 return {};
+            recordedPath = realPath;
         }
-        recordedPath = realPath.mid(base.size() + 1);
     }
     if (!privateFolder(trash + QStringLiteral("/files"), error)
         || !privateFolder(trash + QStringLiteral("/info"), error))
@@ -213,7 +223,7 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
             return {};
         }
         const QString target = trash + QStringLiteral("/files/") + trashName;
-        errorNumber = FileMove::moveWithoutReplacing(path, target);
+        errorNumber = FileMove::moveOrCopyWithoutReplacing(path, target);
         if (errorNumber == 0)
             return target;
         QFile::remove(infoPath);

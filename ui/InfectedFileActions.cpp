@@ -16,6 +16,8 @@
 #include <cerrno>
 
 const QString InfectedFileActions::fileModeKey = QStringLiteral("fileMode");
+const QString InfectedFileActions::fileSizeKey = QStringLiteral("fileSize");
+const QString InfectedFileActions::fileSha256Key = QStringLiteral("fileSHA256");
 
 namespace {
 
@@ -67,7 +69,8 @@ void InfectedFileActions::deleteFile()
         }
         // A quarantined file sent on to the Trash comes back to quarantine,
         // where it stays without its execute bits.
-        item.remove(fileModeKey);
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            item.remove(key);
         item.insert(statusKey, Localization::text("TRASHED"));
         item.insert(originalFilePathKey, path);
         item.insert(filePathKey, trashed);
@@ -83,9 +86,8 @@ void InfectedFileActions::quarantineFile()
     _list->clearSelection();
 }
 
-QString InfectedFileActions::stampedName(const QString &target, const QString &stamp)
+QString InfectedFileActions::stampedName(const QString &target, const QString &stamp, const QString &extension)
 {
-    const QString extension = extensionOf(target);
     if (extension.isEmpty())
         return target + QLatin1Char(' ') + stamp;
     return target.chopped(extension.size() + 1) + QLatin1Char(' ') + stamp + QLatin1Char('.') + extension;
@@ -102,7 +104,7 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     if (!item.value(statusKey).toString().isEmpty())
         return false;
 
-    const QString folder = _utils->quarantineLocation();
+    const QString folder = _utils->quarantineLocationForActions();
     if (folder.isEmpty()) {
         SystemLog::log(QStringLiteral("could not quarantine %1: no quarantine folder is set").arg(path));
         SystemBeep::beep();
@@ -110,11 +112,13 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     }
     QString target = folder + QLatin1Char('/') + QFileInfo(path).fileName();
     const QString stamp = QTime::currentTime().toString(QStringLiteral("HH.mm.ss"));
+    // A stamp has a dot of its own: the extension is taken once, from the found name.
+    const QString extension = extensionOf(target);
     while (FileMove::exists(target))
-        target = stampedName(target, stamp);
+        target = stampedName(target, stamp, extension);
 
     const int mode = FileMove::regularFileMode(path);
-    const int error = FileMove::moveWithoutReplacing(path, target);
+    const int error = FileMove::moveOrCopyWithoutReplacing(path, target);
     if (error != 0) {
         SystemLog::log(
             QStringLiteral("could not quarantine %1 to %2: %3").arg(path, target, FileMove::errorText(error)));
@@ -127,6 +131,12 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
             SystemLog::log(
                 QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
         item.insert(fileModeKey, QString::number(mode, 8));
+        qint64 size = 0;
+        const QString sum = FileMove::sha256(target, &size);
+        if (!sum.isEmpty()) {
+            item.insert(fileSizeKey, QString::number(size));
+            item.insert(fileSha256Key, sum);
+        }
     }
     item.insert(statusKey, Localization::text("QUARANTINED"));
     item.insert(originalFilePathKey, path);
@@ -143,7 +153,21 @@ void InfectedFileActions::putBack()
         const QString home = item.value(originalFilePathKey).toString();
         if (home.isEmpty() || home == path)
             continue;
-        int error = FileMove::exists(home) ? EEXIST : FileMove::moveWithoutReplacing(path, home);
+        if (item.contains(fileSha256Key)) {
+            qint64 size = -1;
+            const QString sum = FileMove::sha256(path, &size);
+            // One that cannot be read at all is for the move to report.
+            const bool changed = sum != item.value(fileSha256Key).toString()
+                                 || QString::number(size) != item.value(fileSizeKey).toString();
+            if (!sum.isEmpty() && changed) {
+                SystemBeep::beep();
+                _console(QStringLiteral("File %1 was changed in quarantine (its size or SHA-256 is not what it was) "
+                                        "and is not put back to %2.")
+                             .arg(path, home));
+                continue;
+            }
+        }
+        int error = FileMove::exists(home) ? EEXIST : FileMove::moveOrCopyWithoutReplacing(path, home);
         if (error == EEXIST) {
             SystemBeep::beep();
             _console(QStringLiteral("File %1 cannot be put back to %2 as something already exists in that location.")
@@ -167,7 +191,8 @@ void InfectedFileActions::putBack()
         item.insert(statusKey, QString(""));
         item.insert(filePathKey, home);
         item.insert(originalFilePathKey, QString(""));
-        item.remove(fileModeKey);
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            item.remove(key);
         _list->replaceObjectAtRow(row, item);
     }
 }

@@ -12,7 +12,7 @@ class QXUtils;
 
 // What the user does with the listed files: move them to the Trash or into
 // the quarantine folder, put them back where they were found, or show them
-// in the file viewer. Each move is a rename within one file system; one
+// in the file viewer. A move to another file system is a checked copy; one
 // that fails beeps and leaves the file and its row as they were.
 class InfectedFileActions : public QObject
 {
@@ -33,9 +33,14 @@ public:
     // The row's key for the permission bits a quarantined file had, in
     // octal, so that put back can give them back.
     static const QString fileModeKey;
+    // The size and SHA-256 a quarantined file had, so that put back can tell
+    // a file that was changed in quarantine.
+    static const QString fileSizeKey;
+    static const QString fileSha256Key;
     // The quarantine name for a taken target: "invoice.pdf" at 14:03:27
-    // becomes "invoice 14.03.27.pdf".
-    static QString stampedName(const QString &target, const QString &stamp);
+    // becomes "invoice 14.03.27.pdf", and that one "invoice 14.03.27
+    // 14.03.27.pdf". extension is that of the name the file was found by.
+    static QString stampedName(const QString &target, const QString &stamp, const QString &extension);
 
 private:
     QXTInfectedViewArrayController *_list;

@@ -2,7 +2,9 @@
 
 #include "InfectedFileActions.h"
 #include "QXTInfectedViewArrayController.h"
+#include "platform/Localization.h"
 #include "platform/SystemLog.h"
+#include "platform/UserNotificationCenter.h"
 #include "platform/UserFolders.h"
 
 #include <QDir>
@@ -20,7 +22,9 @@ const QStringList requiredKeys{QStringLiteral("fileName"), QStringLiteral("infec
 
 QStringList storedKeys()
 {
-    return requiredKeys + QStringList{QStringLiteral("originalFilePath"), InfectedFileActions::fileModeKey};
+    return requiredKeys
+           + QStringList{QStringLiteral("originalFilePath"), InfectedFileActions::fileModeKey,
+                         InfectedFileActions::fileSizeKey, InfectedFileActions::fileSha256Key};
 }
 
 // Answers an empty string when the document is a list of rows, else what is wrong with it.
@@ -47,17 +51,95 @@ QString rowsFrom(const QJsonDocument &document, QList<InfectedItem> *rows)
 
 } // namespace
 
+namespace {
+
+// Gathers a burst into one write; also the pause before trying a failed one again.
+constexpr int saveDelayMs = 1000;
+constexpr int retryDelayMs = 2000;
+
+} // namespace
+
 InfectedItemsStore::InfectedItemsStore(QXTInfectedViewArrayController *list, const QString &path, QObject *parent)
     : QObject(parent)
     , _list(list)
     , _path(path)
 {
+    _writer.setMaxThreadCount(1);
+    _delay.setSingleShot(true);
+    connect(&_delay, &QTimer::timeout, this, &InfectedItemsStore::saveInBackground);
     for (const InfectedItem &item : read())
         _list->addObject(item);
-    connect(_list, &QAbstractItemModel::rowsInserted, this, &InfectedItemsStore::save);
-    connect(_list, &QAbstractItemModel::rowsRemoved, this, &InfectedItemsStore::save);
-    connect(_list, &QAbstractItemModel::dataChanged, this, &InfectedItemsStore::save);
-    connect(_list, &QAbstractItemModel::modelReset, this, &InfectedItemsStore::save);
+    connect(_list, &QAbstractItemModel::rowsInserted, this, &InfectedItemsStore::changed);
+    connect(_list, &QAbstractItemModel::rowsRemoved, this, &InfectedItemsStore::changed);
+    connect(_list, &QAbstractItemModel::dataChanged, this, &InfectedItemsStore::changed);
+    connect(_list, &QAbstractItemModel::modelReset, this, &InfectedItemsStore::changed);
+}
+
+InfectedItemsStore::~InfectedItemsStore()
+{
+    flush();
+}
+
+void InfectedItemsStore::flush()
+{
+    _writer.waitForDone();
+    _writing = false;
+    if (!_dirty || !_list)
+        return;
+    _delay.stop();
+    _dirty = false;
+    const QString problem = write(_list->arrangedObjects());
+    if (!problem.isEmpty())
+        SystemLog::log(problem);
+}
+
+void InfectedItemsStore::changed()
+{
+    _dirty = true;
+    // Not restarted by each change: a steady stream is still saved every second.
+    if (!_writing && !_delay.isActive())
+        _delay.start(saveDelayMs);
+}
+
+void InfectedItemsStore::saveInBackground()
+{
+    if (_writing || !_dirty)
+        return;
+    _dirty = false;
+    _writing = true;
+    // The rows are shared, not copied, until the list changes them.
+    const QList<InfectedItem> items = _list->arrangedObjects();
+    _writer.start([this, items] {
+        const QString problem = write(items);
+        QMetaObject::invokeMethod(
+            this, [this, problem] { saved(problem); }, Qt::QueuedConnection);
+    });
+}
+
+void InfectedItemsStore::saved(const QString &problem)
+{
+    if (!_writing)
+        return; // flush() has written since
+    _writing = false;
+    if (problem.isEmpty()) {
+        if (_userTold)
+            SystemLog::log(QStringLiteral("the infected items list is saved again to %1").arg(_path));
+        _userTold = false;
+        if (_dirty)
+            _delay.start(saveDelayMs);
+        return;
+    }
+    _dirty = true;
+    _delay.start(retryDelayMs);
+    if (_userTold)
+        return;
+    _userTold = true;
+    SystemLog::log(problem);
+    QString message = Localization::text("INFECTED_LIST_NOT_SAVED_MESSAGE");
+    message.replace(message.indexOf(QLatin1String("%@")), 2, _path);
+    message.replace(message.indexOf(QLatin1String("%@")), 2, problem.mid(problem.lastIndexOf(QLatin1String(": ")) + 2));
+    UserNotificationCenter::defaultCenter()->deliverNotification(Localization::text("INFECTED_LIST_NOT_SAVED"),
+                                                                 message);
 }
 
 QString InfectedItemsStore::defaultPath()
@@ -97,7 +179,7 @@ QList<InfectedItem> InfectedItemsStore::read()
     return {};
 }
 
-bool InfectedItemsStore::write(const QList<InfectedItem> &items)
+QString InfectedItemsStore::write(const QList<InfectedItem> &items) const
 {
     QJsonArray rows;
     for (const InfectedItem &item : items) {
@@ -112,14 +194,9 @@ bool InfectedItemsStore::write(const QList<InfectedItem> &items)
 
     QDir().mkpath(QFileInfo(_path).path());
     QSaveFile file(_path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(json) != json.size() || !file.commit()) {
-        SystemLog::log(QStringLiteral("cannot save the infected items list to %1: %2").arg(_path, file.errorString()));
-        return false;
-    }
-    return true;
-}
-
-void InfectedItemsStore::save()
-{
-    write(_list->arrangedObjects());
+    // Unbuffered: a full disk then shows at the write, which a buffered
+    // commit may miss and leave an empty list in place.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered) || file.write(json) != json.size() || !file.commit())
+        return QStringLiteral("cannot save the infected items list to %1: %2").arg(_path, file.errorString());
+    return {};
 }

@@ -23,7 +23,20 @@ void QXTInfectedViewArrayController::addObject(const InfectedItem &item)
     const int row = int(_items.size());
     beginInsertRows({}, row, row);
     _items.append(item);
+    countPath(item, 1);
     endInsertRows();
+}
+
+bool QXTInfectedViewArrayController::containsFilePath(const QString &path) const
+{
+    return _pathCounts.contains(path);
+}
+
+void QXTInfectedViewArrayController::countPath(const InfectedItem &item, int change)
+{
+    const QString path = item.value(QStringLiteral("filePath")).toString();
+    if ((_pathCounts[path] += change) <= 0)
+        _pathCounts.remove(path);
 }
 
 void QXTInfectedViewArrayController::removeObjectsAtRows(QList<int> rows)
@@ -35,6 +48,7 @@ void QXTInfectedViewArrayController::removeObjectsAtRows(QList<int> rows)
         if (row < 0 || row >= _items.size())
             continue;
         beginRemoveRows({}, row, row);
+        countPath(_items.at(row), -1);
         _items.removeAt(row);
         endRemoveRows();
     }
@@ -44,6 +58,7 @@ void QXTInfectedViewArrayController::removeAllObjects()
 {
     beginResetModel();
     _items.clear();
+    _pathCounts.clear();
     endResetModel();
 }
 
@@ -51,7 +66,9 @@ void QXTInfectedViewArrayController::replaceObjectAtRow(int row, const InfectedI
 {
     if (row < 0 || row >= _items.size())
         return;
+    countPath(_items.at(row), -1);
     _items[row] = item;
+    countPath(item, 1);
     emit dataChanged(index(row, 0), index(row, columnCount() - 1));
 }
 

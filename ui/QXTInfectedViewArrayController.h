@@ -4,6 +4,7 @@
 
 #include <QAbstractTableModel>
 #include <QItemSelectionModel>
+#include <QHash>
 #include <QList>
 #include <QPointer>
 #include <QStringList>
@@ -22,6 +23,8 @@ public:
 
     QList<InfectedItem> arrangedObjects() const { return _items; }
     void addObject(const InfectedItem &item);
+    // Whether a row's "filePath" is path; does not walk the rows.
+    bool containsFilePath(const QString &path) const;
     void removeObjectsAtRows(QList<int> rows);
     void removeAllObjects();
     // Keeps the row, changes its values (the file actions move files).
@@ -53,7 +56,11 @@ signals:
     void willRemoveSelectedObjects();
 
 private:
+    void countPath(const InfectedItem &item, int change);
+
     QList<InfectedItem> _items;
+    // Rows per "filePath", so that a burst of reports is not quadratic.
+    QHash<QString, int> _pathCounts;
     QStringList _columnTitles;
     QPointer<QItemSelectionModel> _selection;
 };

@@ -457,16 +457,32 @@ void QXUtils::stop()
     }
 }
 
-void QXUtils::determineQuarantineSettings()
+namespace {
+
+QString quarantineFolderSetting(const QVariant &setting)
 {
-    _quarantineFiles = readPreferenceForKey(QStringLiteral("QuarantineInfected")).toBool();
-    _quarantineLocation = QString();
-    QVariant folder = readPreferenceForKey(QStringLiteral("QuarantineFolder"));
+    QVariant folder = setting;
     if (folder.typeId() == QMetaType::QVariantMap)
         folder = folder.toMap().value(QStringLiteral("path"));
     // Anything but a string names no folder.
-    if (folder.typeId() == QMetaType::QString)
-        _quarantineLocation = UserFolders::expandTilde(folder.toString());
+    return folder.typeId() == QMetaType::QString ? UserFolders::expandTilde(folder.toString()) : QString();
+}
+
+} // namespace
+
+QString QXUtils::quarantineLocationForActions() const
+{
+    if (_quarantineDetermined)
+        return _quarantineLocation;
+    const QString folder = quarantineFolderSetting(readPreferenceForKey(QStringLiteral("QuarantineFolder")));
+    return QDir::isRelativePath(folder) ? QString() : folder;
+}
+
+void QXUtils::determineQuarantineSettings()
+{
+    _quarantineDetermined = true;
+    _quarantineFiles = readPreferenceForKey(QStringLiteral("QuarantineInfected")).toBool();
+    _quarantineLocation = quarantineFolderSetting(readPreferenceForKey(QStringLiteral("QuarantineFolder")));
     _quarantineConflicts.clear();
     // A relative folder would lie wherever the agent happens to run.
     if (!_quarantineLocation.isEmpty() && QDir::isRelativePath(_quarantineLocation)) {

@@ -145,7 +145,15 @@ public:
     void setUpdateLogPath(const QString &path) { _updateLogPath = path; }
     QString pathToScanLog() const override { return _pathToScanLog; }
     QString quarantineLocation() const override { return _quarantineLocation; }
-    void setQuarantineLocation(const QString &path) { _quarantineLocation = path; }
+    void setQuarantineLocation(const QString &path)
+    {
+        _quarantineLocation = path;
+        _quarantineDetermined = true;
+    }
+    // The folder the list's actions quarantine into: that of the last scan
+    // start or, before the first, the one the settings name now, since rows
+    // outlive a restart.
+    QString quarantineLocationForActions() const;
     QString additionalCmdArgs() const override { return _additionalCmdArgs; }
     bool hasAdditionalCmdArgs() const override { return _hasAdditionalCmdArgs; }
     // Set by the engine checker on its thread, read by the other workers.
@@ -216,6 +224,7 @@ private:
     QString _pathToScanLog;
     QUrl _theQuarantinePathURL;
     QString _quarantineLocation;
+    bool _quarantineDetermined = false;
     QString _additionalCmdArgs;
     // An empty "AdditionalCmdLineArgs" still adds one argument; absent adds none.
     bool _hasAdditionalCmdArgs = false;

@@ -295,5 +295,13 @@
         <source>PROTECTED_AGAIN_MESSAGE</source>
         <translation>Every watched folder is guarded again.</translation>
     </message>
+    <message>
+        <source>INFECTED_LIST_NOT_SAVED</source>
+        <translation>The infected items list cannot be saved</translation>
+    </message>
+    <message>
+        <source>INFECTED_LIST_NOT_SAVED_MESSAGE</source>
+        <translation>%@ cannot be written (%@). The list is kept in memory and saved as soon as that works again.</translation>
+    </message>
 </context>
 </TS>

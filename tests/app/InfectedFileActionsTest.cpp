@@ -16,6 +16,7 @@
 #include <QItemSelectionModel>
 #include <QRegularExpression>
 #include <QTest>
+#include <QTime>
 
 #include <functional>
 #include <sys/stat.h>
@@ -176,6 +177,49 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAf
     EXPECT_EQ(list->rowCount(), 0);
 }
 
+TEST_F(InfectedFileActionsTest, ARowRestoredAfterARestartIsQuarantinedIntoTheFolderOfTheSettings)
+{
+    QDir().mkpath(home.filePath("Vault"));
+    home.writeDomain(companionDomain, {{"QuarantineFolder", "~/Vault"}});
+    const QString file = infected("a/eicar.com");
+    restart();
+    select({0});
+
+    agent->quarantineFile(nullptr);
+
+    EXPECT_EQ(value(0, "filePath"), home.filePath("Vault/eicar.com"));
+    EXPECT_EQ(value(0, "originalFilePath"), file);
+    EXPECT_EQ(alerts.beeps, 0);
+}
+
+TEST_F(InfectedFileActionsTest, ASecondCollisionRepeatsTheStampAndKeepsOnlyTheExtensionOfTheFoundName)
+{
+    const struct
+    {
+        QString name, base, extension;
+    } cases[] = {{"README", "README", ""}, {".bashrc", ".bashrc", ""}, {"notes.tar.gz", "notes.tar", ".gz"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name.toStdString());
+        const QString folder = quarantine("Q" + c.base);
+        home.writeFile("Q" + c.base + '/' + c.name, "occupant");
+        // Taken once-stamped names for the seconds the move may take.
+        QStringList twice;
+        for (int second = 0; second < 5; ++second) {
+            const QString stamp = QTime::currentTime().addSecs(second).toString("HH.mm.ss");
+            home.writeFile("Q" + c.base + '/' + c.base + ' ' + stamp + c.extension, "occupant");
+            twice << c.base + ' ' + stamp + ' ' + stamp + c.extension;
+        }
+        infected("found/" + c.base + "/" + c.name);
+        select({list->rowCount() - 1});
+
+        agent->quarantineFile(nullptr);
+
+        const QString moved = value(list->rowCount() - 1, "filePath");
+        EXPECT_EQ(QFileInfo(moved).path(), folder);
+        EXPECT_TRUE(twice.contains(QFileInfo(moved).fileName())) << moved.toStdString();
+    }
+}
+
 TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTheyWere)
 {
     enum Action { Quarantine, Delete, PutBack };
@@ -203,11 +247,14 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
          false,
          {},
          [this](const QString &, const QString &) { QDir(agent->utils()->quarantineLocation()).removeRecursively(); }},
-        {"quarantine onto another file system",
+        {"quarantine onto a full file system",
          Quarantine,
          true,
          {},
-         [this](const QString &, const QString &volume) { agent->utils()->setQuarantineLocation(volume); }},
+         [this](const QString &, const QString &volume) {
+             agent->utils()->setQuarantineLocation(volume);
+             MountedTmpfs::fillFolder(volume);
+         }},
         {"quarantine of a file that vanished", Quarantine, false, {}, vanish},
         {"delete of a file that vanished", Delete, false, {}, vanish},
         {"delete on a full disk", Delete, true, {}, {}}, // the volume is filled
@@ -255,7 +302,66 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
             EXPECT_TRUE(log.contains("appendToConsole:" + c.message.arg(before.value("filePath").toString(), file)));
         }
         EXPECT_EQ(copiesOf(file.toUtf8(), volume ? volume->path() : QString()), 1);
+        if (volume && c.action == Quarantine) { // no partial copy left behind
+            EXPECT_EQ(QDir(volume->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"filler"});
+        }
     }
+}
+
+TEST_F(InfectedFileActionsTest, QuarantineAndPutBackReachAnotherFileSystemWithoutLeavingACopyBehind)
+{
+    MountedTmpfs volume;
+    if (!volume.isMounted())
+        GTEST_SKIP() << volume.reason().toStdString();
+    agent->utils()->setQuarantineLocation(volume.path());
+    const QString file = infected("a/eicar.com");
+    ::chmod(QFile::encodeName(file), 0750);
+    const auto volumeHolds = [&] {
+        return QDir(volume.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    };
+    select({0});
+
+    agent->quarantineFile(nullptr);
+
+    EXPECT_EQ(value(0, "filePath"), volume.path() + "/eicar.com");
+    EXPECT_EQ(value(0, "status"), Localization::text("QUARANTINED"));
+    EXPECT_EQ(volumeHolds(), QStringList{"eicar.com"});
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(copiesOf(file.toUtf8(), volume.path()), 1);
+
+    select({0});
+    agent->putBack(nullptr);
+
+    EXPECT_EQ(value(0, "filePath"), file);
+    EXPECT_EQ(TemporaryHome::modeOf(file), 0750);
+    EXPECT_TRUE(volumeHolds().isEmpty());
+    EXPECT_EQ(copiesOf(file.toUtf8(), volume.path()), 1);
+    EXPECT_EQ(alerts.beeps, 0);
+}
+
+TEST_F(InfectedFileActionsTest, PutBackRefusesAFileThatWasChangedInQuarantineAndSaysWhy)
+{
+    quarantine();
+    const QString file = infected("a/eicar.com");
+    select({0});
+    agent->quarantineFile(nullptr);
+    const InfectedItem quarantined = row(0);
+    const QString inQuarantine = value(0, "filePath");
+    // Same size, other contents: only the checksum tells.
+    QFile changed(inQuarantine);
+    ASSERT_TRUE(changed.open(QIODevice::ReadWrite));
+    changed.write("X");
+    changed.close();
+    restart();
+    select({0});
+
+    agent->putBack(nullptr);
+
+    EXPECT_EQ(row(0), quarantined);
+    EXPECT_TRUE(QFileInfo::exists(inQuarantine));
+    EXPECT_FALSE(QFileInfo::exists(file));
+    EXPECT_EQ(alerts.beeps, 1);
+    EXPECT_TRUE(log.anyContains("was changed in quarantine"));
 }
 
 TEST_F(InfectedFileActionsTest, AFileInAMailStoreIsMovedOnlyWhenTheUserSaysYesOncePerFile)

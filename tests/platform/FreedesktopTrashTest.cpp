@@ -140,6 +140,41 @@ TEST_F(FreedesktopTrashTest, AFileOnAnotherVolumeGoesToThatVolumesTrashWithAPath
     }
 }
 
+TEST_F(FreedesktopTrashTest, AFileOnAVolumeWithoutAUsableTrashIsCopiedIntoTheHomeTrash)
+{
+    const struct
+    {
+        const char *name;
+        std::function<bool(const MountedTmpfs &volume)> spoil;
+    } cases[] = {
+        {"the top cannot be written", [](const MountedTmpfs &volume) { return volume.makeReadOnlyExcept("srv"); }},
+        {"the volume's Trash is a file",
+         [this](const MountedTmpfs &volume) { return writeFile(volume.path() + "/.Trash-" + uid(), "x"); }},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        MountedTmpfs volume;
+        if (!volume.isMounted())
+            GTEST_SKIP() << volume.reason().toStdString();
+        const QString file = volume.path() + "/srv/in box/a file.com";
+        ASSERT_TRUE(writeFile(file, c.name));
+        ASSERT_TRUE(c.spoil(volume));
+        const QDateTime before = QDateTime::currentDateTime();
+
+        const QString trashed = trash.moveToTrash(file, &error);
+
+        const QString folder = home.filePath(".local/share/Trash");
+        EXPECT_EQ(trashed, folder + "/files/a file.com") << error.toStdString();
+        EXPECT_EQ(TemporaryHome::readFile(trashed), c.name);
+        EXPECT_FALSE(QFileInfo::exists(file));
+        EXPECT_EQ(QDir(folder + "/files").entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                  QStringList{"a file.com"});
+        EXPECT_EQ(recordedPath(folder + "/info/a file.com.trashinfo", before, QDateTime::currentDateTime()),
+                  QFile::encodeName(QFileInfo(volume.path()).canonicalFilePath()) + "/srv/in%20box/a%20file.com");
+        QDir(folder).removeRecursively();
+    }
+}
+
 TEST_F(FreedesktopTrashTest, AFileThatCannotBeTrashedStaysWhereItWasAndLeavesNoRecord)
 {
     {
@@ -153,8 +188,6 @@ TEST_F(FreedesktopTrashTest, AFileThatCannotBeTrashedStaysWhereItWasAndLeavesNoR
         std::function<void(const QString &top)> spoil;
         qint64 size;
     } cases[] = {
-        {"the volume's Trash is a file",
-         [](const QString &top) { writeFile(top + "/.Trash-" + QString::number(::getuid()), "x"); }, 1024 * 1024},
         {"the volume is full", {}, 64 * 1024},
     };
     for (const auto &c : cases) {

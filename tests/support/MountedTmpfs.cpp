@@ -30,9 +30,22 @@ MountedTmpfs::~MountedTmpfs()
         ::umount2(QFile::encodeName(_dir.path()).constData(), MNT_DETACH);
 }
 
-void MountedTmpfs::fill() const
+void MountedTmpfs::fillFolder(const QString &folder)
 {
-    QFile filler(_dir.filePath(QStringLiteral("filler")));
-    if (filler.open(QIODevice::WriteOnly))
-        while (filler.write(QByteArray(4096, 'f')) > 0 && filler.flush()) {}
+    // Unbuffered and down to single bytes, so that no page is left free.
+    QFile filler(folder + QStringLiteral("/filler"));
+    if (filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+        for (const qsizetype chunk : {qsizetype(4096), qsizetype(1)})
+            while (filler.write(QByteArray(chunk, 'f')) == chunk) {}
+    }
+}
+
+bool MountedTmpfs::makeReadOnlyExcept(const QString &relativeFolder) const
+{
+    const QByteArray top = QFile::encodeName(_dir.path());
+    const QByteArray writable = QFile::encodeName(_dir.filePath(relativeFolder));
+    return _mounted && ::mount(writable.constData(), writable.constData(), nullptr, MS_BIND, nullptr) == 0
+           && ::mount(nullptr, top.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | MS_NOSUID | MS_NODEV,
+                      nullptr)
+                  == 0;
 }

@@ -18,7 +18,11 @@ public:
     QString reason() const { return _reason; }
     QString path() const { return _dir.path(); }
     // Writes until the file system is full.
-    void fill() const;
+    void fill() const { fillFolder(path()); }
+    static void fillFolder(const QString &folder);
+    // Makes the top folder read-only and leaves the folder below it, on the
+    // same file system, writable: a volume whose top the user cannot write.
+    bool makeReadOnlyExcept(const QString &relativeFolder) const;
 
 private:
     QTemporaryDir _dir;
