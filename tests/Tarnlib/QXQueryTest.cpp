@@ -121,6 +121,9 @@ TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
         {"kMDItemFSSize > -1E2", txt, true},
         {"InRange(kMDItemFSSize, 1e3, 2E3)", jpg, true},
         {"kMDItemFSContentChangeDate >= $time.today(-7) && kMDItemFSContentChangeDate < $time.today(+1)", txt, true},
+        // A number of seconds past any date stays a comparison, however large.
+        {"kMDItemFSContentChangeDate < 1e300", txt, true},
+        {"kMDItemFSContentChangeDate > 1e300", txt, false},
         {longChain.join(" && "), txt, true},
         {longChain.join(" || "), bin, false},
     };
@@ -140,7 +143,8 @@ TEST_F(QXQueryTest, MalformedQueriesAreRefusedWithAReason)
           "InRange kMDItemFSSize", R"(kMDItemFSName == "a" &&)", R"(|| kMDItemFSName == "a")",
           "kMDItemFSContentChangeDate > $time.someday", "kMDItemFSContentChangeDate > $time.today(x)",
           "kMDItemFSContentChangeDate > $time.iso(not a date)", R"(kMDItemFSName == "a" kMDItemFSSize > 1)",
-          "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3"})
+          "kMDItemFSSize > ", "!", "kMDItemFSSize >> 3", "kMDItemFSContentChangeDate > $time.today(1e300)",
+          "kMDItemFSContentChangeDate > $time.this_week(4e9)"})
         queries << QString::fromUtf8(query);
     for (const QString &query : std::as_const(queries)) {
         QXQueryParser parser;
