@@ -3,7 +3,6 @@
 
 #include <QByteArray>
 
-
 // The event logger's output, in the pieces a pipe hands over: a 0x01 byte
 // in the input marks the end of a read.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

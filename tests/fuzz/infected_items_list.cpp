@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-
 // The infected-items list file as a crash, a full disk or another hand left it.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

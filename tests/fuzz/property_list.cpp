@@ -3,7 +3,6 @@
 
 #include <QByteArray>
 
-
 // XML and binary property lists: saved searches, system version files.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

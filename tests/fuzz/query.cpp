@@ -8,7 +8,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-
 // The query of a saved search, parsed and then evaluated against a text
 // file, a folder and a missing path.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

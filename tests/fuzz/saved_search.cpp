@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-
 // A saved-search file dropped into a watched folder: read from disk as the
 // scanner reads it, then expanded within a few entries.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

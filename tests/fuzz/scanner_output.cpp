@@ -2,8 +2,6 @@
 #include "Tarnlib/Tarnlib/QXScanner.h"
 #include "Tarnlib/Tarnlib/QXScannerDelegate.h"
 
-
-
 namespace {
 
 // Answers as the agent's settings would and takes the reports unseen.

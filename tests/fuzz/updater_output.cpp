@@ -2,8 +2,6 @@
 #include "Tarnlib/Tarnlib/QXUpdater.h"
 #include "Tarnlib/Tarnlib/QXUpdaterDelegate.h"
 
-
-
 namespace {
 
 // Takes the progress reports as the agent would, without showing them.
@@ -29,8 +27,8 @@ public:
 class Updater : public QXUpdater
 {
 public:
-    using QXUpdater::QXUpdater;
     using QXUpdater::notifiedForStdOutput;
+    using QXUpdater::QXUpdater;
 };
 
 } // namespace
