@@ -139,12 +139,41 @@ void QXFSEventStreamWatcher::stopWatching()
         Qt::QueuedConnection);
 }
 
-bool QXFSEventStreamWatcher::isTrashedFileAtPath(const QString &path) const
+namespace {
+
+bool isInTrash(const QString &path, const QStringList &trashFolders)
 {
-    for (const QString &trash : _trashFolders)
+    for (const QString &trash : trashFolders)
         if (path == trash || path.startsWith(trash + QLatin1Char('/')))
             return true;
     return false;
+}
+
+} // namespace
+
+bool QXFSEventStreamWatcher::isTrashedFileAtPath(const QString &path) const
+{
+    return isInTrash(path, _trashFolders);
+}
+
+QStringList QXFSEventStreamWatcher::pathsInOutput(QByteArray &partialLine, const QByteArray &output,
+                                                  const QStringList &folders, const QStringList &trashFolders)
+{
+    QByteArray chunk = partialLine + output;
+    // A line cut by a read boundary waits for its rest.
+    const qsizetype end = chunk.lastIndexOf('\n');
+    partialLine = chunk.mid(end + 1);
+    chunk.truncate(end + 1);
+    QStringList paths;
+    for (const QString &piece : QString::fromUtf8(chunk).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        for (const QString &folder : folders) {
+            if (piece.startsWith(folder) && !isInTrash(piece, trashFolders)) {
+                paths << piece;
+                break;
+            }
+        }
+    }
+    return paths;
 }
 
 void QXFSEventStreamWatcher::runLogger(const QStringList &folders, const QStringList &trashFolders)
@@ -194,20 +223,12 @@ void QXFSEventStreamWatcher::notifiedForStdOutput()
 {
     if (!unixTask)
         return;
-    QByteArray chunk = _partialLine + unixTask->readAllStandardOutput();
-    // A line cut by a read boundary waits for its rest.
-    const qsizetype end = chunk.lastIndexOf('\n');
-    _partialLine = chunk.mid(end + 1);
-    chunk.truncate(end + 1);
-    for (const QString &piece : QString::fromUtf8(chunk).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        for (const QString &folder : watchedFolderList) {
-            if (!piece.startsWith(folder) || isTrashedFileAtPath(piece))
-                continue;
-            SystemLog::log(QStringLiteral("gfslogger found: %1").arg(piece));
-            QMetaObject::invokeMethod(
-                this, [this, piece] { _delegate->addToWaitingList(piece); }, Qt::QueuedConnection);
-            break;
-        }
+    const QStringList paths =
+        pathsInOutput(_partialLine, unixTask->readAllStandardOutput(), watchedFolderList, _trashFolders);
+    for (const QString &path : paths) {
+        SystemLog::log(QStringLiteral("gfslogger found: %1").arg(path));
+        QMetaObject::invokeMethod(
+            this, [this, path] { _delegate->addToWaitingList(path); }, Qt::QueuedConnection);
     }
 }
 

@@ -43,6 +43,12 @@ public:
     void stopWatching();
     bool isTrashedFileAtPath(const QString &path) const;
 
+    // The paths of the logger's output that lie in one of the folders and in
+    // none of the Trash folders. A line the output cuts short is kept in
+    // partialLine for the next call.
+    static QStringList pathsInOutput(QByteArray &partialLine, const QByteArray &output, const QStringList &folders,
+                                     const QStringList &trashFolders);
+
 signals:
     // The logger ended, whatever the reason. Sent from the logger's thread.
     void loggerEnded();

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace {
 
@@ -93,6 +95,84 @@ QVariant dateFromNode(plist_t node, QString *error)
     }
     fail(error, QStringLiteral("unreadable date"));
     return {};
+}
+
+// Reads a big-endian unsigned number of size bytes at offset, if all are there.
+std::optional<quint64> bigEndian(const QByteArray &data, quint64 offset, quint64 size)
+{
+    if (size < 1 || size > 8 || offset > quint64(data.size()) || size > quint64(data.size()) - offset)
+        return std::nullopt;
+    quint64 value = 0;
+    for (quint64 i = 0; i < size; ++i)
+        value = value << 8 | quint8(data.at(qsizetype(offset + i)));
+    return value;
+}
+
+// libplist ends the whole program on an assertion when it hands out a
+// dictionary key holding U+0000, which a binary list can spell in UTF-16.
+// Such keys are found in the list's own tables before libplist is asked.
+bool binaryKeyHoldsNul(const QByteArray &data)
+{
+    constexpr qsizetype trailerSize = 32;
+    if (!data.startsWith("bplist") || data.size() < 8 + trailerSize)
+        return false;
+    const quint64 trailer = quint64(data.size() - trailerSize);
+    const quint64 offsetSize = quint8(data.at(qsizetype(trailer + 6)));
+    const quint64 refSize = quint8(data.at(qsizetype(trailer + 7)));
+    const quint64 count = bigEndian(data, trailer + 8, 8).value_or(0);
+    const quint64 offsetTable = bigEndian(data, trailer + 24, 8).value_or(0);
+    // Every object takes at least a byte: a larger count is no list libplist read.
+    if (count > quint64(data.size()))
+        return false;
+    const auto objectAt = [&](quint64 index) -> std::optional<quint64> {
+        if (index >= count)
+            return std::nullopt;
+        return bigEndian(data, offsetTable + index * offsetSize, offsetSize);
+    };
+    // The length a marker byte gives and where the object's contents start.
+    const auto lengthAt = [&](quint64 at, quint64 &start) -> std::optional<quint64> {
+        const quint8 marker = quint8(data.at(qsizetype(at)));
+        if ((marker & 0x0f) != 0x0f) {
+            start = at + 1;
+            return marker & 0x0f;
+        }
+        const auto sizeMarker = bigEndian(data, at + 1, 1);
+        if (!sizeMarker || (*sizeMarker & 0xf0) != 0x10 || (*sizeMarker & 0x0f) > 3)
+            return std::nullopt;
+        const quint64 size = quint64(1) << (*sizeMarker & 0x0f);
+        start = at + 2 + size;
+        return bigEndian(data, at + 2, size);
+    };
+    // Keys shared by many dictionaries are looked at once.
+    std::vector<bool> checked(size_t(count), false);
+    for (quint64 index = 0; index < count; ++index) {
+        const auto dict = objectAt(index);
+        quint64 refs = 0;
+        if (!dict || *dict >= quint64(data.size()) || (quint8(data.at(qsizetype(*dict))) & 0xf0) != 0xd0)
+            continue;
+        const auto keys = lengthAt(*dict, refs);
+        for (quint64 k = 0; keys && k < *keys; ++k) {
+            const auto keyIndex = bigEndian(data, refs + k * refSize, refSize);
+            if (!keyIndex)
+                break;
+            if (*keyIndex >= count || checked[size_t(*keyIndex)])
+                continue;
+            checked[size_t(*keyIndex)] = true;
+            const auto key = objectAt(*keyIndex);
+            quint64 text = 0;
+            if (!key || *key >= quint64(data.size()) || (quint8(data.at(qsizetype(*key))) & 0xf0) != 0x60)
+                continue;
+            const auto units = lengthAt(*key, text);
+            for (quint64 u = 0; units && u < *units; ++u) {
+                const auto unit = bigEndian(data, text + 2 * u, 2);
+                if (!unit)
+                    break;
+                if (*unit == 0)
+                    return true;
+            }
+        }
+    }
+    return false;
 }
 
 QVariant fromNode(plist_t node, QString *error, int depth = 0)
@@ -294,6 +374,10 @@ QVariant PropertyList::fromData(const QByteArray &data, QString *error)
         return {};
     }
     const Node guard(root);
+    if (binaryKeyHoldsNul(data)) {
+        fail(error, QStringLiteral("a dictionary key holds a NUL character"));
+        return {};
+    }
     return fromNode(root, error);
 }
 

@@ -5,6 +5,9 @@
 #include <QDateTime>
 #include <QRegularExpression>
 
+#include <algorithm>
+#include <cmath>
+
 namespace {
 
 QString withoutDiacritics(const QString &text)
@@ -32,10 +35,14 @@ QString wildcardExpression(const QString &pattern)
     return expression;
 }
 
-// Seconds since 2001-01-01 UTC, the platform's own measure of time.
+// Seconds since 2001-01-01 UTC, the platform's own measure of time. Beyond
+// some 300,000 years either way every file's date compares the same, so the
+// count is held there rather than overflow.
 QDateTime referenceDate(double seconds)
 {
-    return QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC).addMSecs(static_cast<qint64>(seconds * 1000));
+    constexpr double limit = 1e16;
+    const double msecs = std::isnan(seconds) ? 0 : std::clamp(seconds * 1000, -limit, limit);
+    return QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC).addMSecs(static_cast<qint64>(msecs));
 }
 
 template <typename T> bool ordered(QXQueryNode::Operator op, const T &left, const T &right)

@@ -2,6 +2,8 @@
 
 #include <QLocale>
 
+#include <cmath>
+
 QXQueryParser::QXQueryParser(const QDateTime &now)
     : _now(now)
 {}
@@ -290,9 +292,15 @@ bool QXQueryParser::parseTime(QVariant &value)
             return false;
         }
     }
+    // Far beyond any real search, and small enough to count days, weeks and
+    // milliseconds in without overflowing.
+    if (!(std::abs(offset) <= 1e9)) {
+        fail(QStringLiteral("the number in $time.%1 is out of range").arg(form));
+        return false;
+    }
     const QDate today = _now.date();
     const QTime midnight(0, 0);
-    const int steps = static_cast<int>(offset);
+    const qint64 steps = static_cast<qint64>(offset);
     QDateTime time;
     if (form == QLatin1String("now")) {
         time = _now.addMSecs(static_cast<qint64>(offset * 1000));
@@ -306,9 +314,9 @@ bool QXQueryParser::parseTime(QVariant &value)
         const int back = (today.dayOfWeek() - QLocale().firstDayOfWeek() + 7) % 7;
         time = QDateTime(today.addDays(-back + 7 * steps), midnight);
     } else if (form == QLatin1String("this_month")) {
-        time = QDateTime(QDate(today.year(), today.month(), 1).addMonths(steps), midnight);
+        time = QDateTime(QDate(today.year(), today.month(), 1).addMonths(int(steps)), midnight);
     } else if (form == QLatin1String("this_year")) {
-        time = QDateTime(QDate(today.year(), 1, 1).addYears(steps), midnight);
+        time = QDateTime(QDate(today.year(), 1, 1).addYears(int(steps)), midnight);
     } else if (form == QLatin1String("iso")) {
         time = QDateTime::fromString(isoText, Qt::ISODate);
         if (!time.isValid())

@@ -164,20 +164,24 @@ QXWorkerThread::RunResult QXScanner::runPart(const QString &program, const QStri
     _childOutputs = std::vector<ChildOutput>(1);
     _pathAlone = pathAlone;
     const RunResult result = runChild(program, arguments);
+    takeRest(_childOutputs.front());
+    _pathAlone.clear();
+    return result;
+}
+
+void QXScanner::takeRest(ChildOutput &output)
+{
     // A name scanned alone may span lines, so its output is read only now.
-    ChildOutput &output = _childOutputs.front();
-    if (!pathAlone.isEmpty()) {
+    if (!_pathAlone.isEmpty()) {
         QString rest = output.partialOutput;
         output.partialOutput.clear();
-        rest.replace(pathAlone, QString(QChar(0)));
+        rest.replace(_pathAlone, QString(QChar(0)));
         for (QString &line : rest.split(QLatin1Char('\n'))) {
-            line.replace(QChar(0), pathAlone);
+            line.replace(QChar(0), _pathAlone);
             takeLine(output, line);
         }
     }
     takeLastLine(output);
-    _pathAlone.clear();
-    return result;
 }
 
 QXWorkerThread::RunResult QXScanner::runSplit(const QString &program, const QStringList &paths, int clients)

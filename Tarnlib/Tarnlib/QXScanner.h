@@ -71,6 +71,9 @@ protected:
     void notifiedForChildOutput(int child, const QByteArray &chunk) override;
 
 private:
+    // The output fuzzer drives the line handling without running a child.
+    friend struct ScannerOutputFuzzer;
+
     // What one child's output has left: the start of a line still to be
     // completed, and the listed names it has not answered for yet.
     struct ChildOutput
@@ -85,6 +88,8 @@ private:
     RunResult runPart(const QString &program, const QStringList &arguments, const QString &pathAlone);
     RunResult runSplit(const QString &program, const QStringList &paths, int clients);
     void takeLine(ChildOutput &output, const QString &line);
+    // What is left of the child's output once it has ended.
+    void takeRest(ChildOutput &output);
     void takeLastLine(ChildOutput &output);
     QStringList argumentsForBatch(const QStringList &paths, const QString &listPath, QStringList *listed = nullptr);
     QStringList commonArguments(const QStringList &paths);

@@ -121,6 +121,9 @@ TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
         {"kMDItemFSSize > -1E2", txt, true},
         {"InRange(kMDItemFSSize, 1e3, 2E3)", jpg, true},
         {"kMDItemFSContentChangeDate >= $time.today(-7) && kMDItemFSContentChangeDate < $time.today(+1)", txt, true},
+        // A number of seconds past any date stays a comparison, however large.
+        {"kMDItemFSContentChangeDate < 1e300", txt, true},
+        {"kMDItemFSContentChangeDate > 1e300", txt, false},
         {longChain.join(" && "), txt, true},
         {longChain.join(" || "), bin, false},
     };
@@ -134,6 +137,9 @@ TEST_F(QXQueryTest, MalformedQueriesAreRefusedWithAReason)
     // Nesting beyond any real search is refused rather than followed.
     QStringList queries{QString(100000, '(') + R"(kMDItemFSName == "a")" + QString(100000, ')'),
                         QString(200000, '!') + "true"};
+    // Time offsets past any count of days.
+    queries << "kMDItemFSContentChangeDate > $time.today(1e300)"
+            << "kMDItemFSContentChangeDate > $time.this_week(4e9)";
     for (const char *query :
          {"", "   ", R"(kMDItemFSName ==)", R"(kMDItemFSName == "abc)", R"((kMDItemFSName == "a")",
           R"(kMDItemFSName == "a"))", R"(kMDItemFSName "a")", R"(kMDItemFSName == "a"x)", "InRange(kMDItemFSSize, 1)",

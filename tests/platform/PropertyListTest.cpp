@@ -99,8 +99,13 @@ TEST(PropertyListTest, ReadFileTellsMissingMalformedAndUnreadableApartAndNamesTh
     };
 
     expectFailure(home.filePath("absent.plist"), PropertyList::Status::Missing);
+    // A binary list whose dictionary key is "\u00e9\u0000b" in UTF-16.
+    const QByteArray nulInKey("bplist00\xd1\x01\x02\x63\x00\xe9\x00\x00\x00\x62\x10\x01\x08\x0b\x12\x00\x00\x00\x00"
+                              "\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00\x00"
+                              "\x00\x00\x00\x00\x00\x00\x00\x14",
+                              55);
     for (const QByteArray &bad : {QByteArray("not a plist"), QByteArray(), QByteArray("bplist00garbage"),
-                                  xmlDocument("<dict><key>cut</key>")}) {
+                                  xmlDocument("<dict><key>cut</key>"), nulInKey}) {
         SCOPED_TRACE(bad.toStdString());
         expectFailure(home.writeFile("bad.plist", bad), PropertyList::Status::Malformed);
     }
