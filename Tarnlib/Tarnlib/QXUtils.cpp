@@ -490,7 +490,7 @@ void QXUtils::determineQuarantineSettings()
                                     .arg(_quarantineLocation);
         _quarantineLocation = QString();
     }
-    if (quarantineOverlapsWatchedFolder())
+    if (quarantineOverlapsWatchedFolder(watchedRoots()))
         _quarantineConflicts << QStringLiteral("the quarantine folder %1 overlaps a watched folder: only the files "
                                                "quarantined from the list are left out of scans")
                                     .arg(_quarantineLocation);
@@ -526,12 +526,11 @@ QStringList QXUtils::watchedRoots() const
     return roots;
 }
 
-bool QXUtils::quarantineOverlapsWatchedFolder() const
+bool QXUtils::quarantineOverlapsWatchedFolder(const QStringList &roots) const
 {
     if (_quarantineLocation.isEmpty())
         return false;
     const QString quarantine = QDir::cleanPath(_quarantineLocation);
-    const QStringList roots = watchedRoots();
     return std::any_of(roots.begin(), roots.end(), [&](const QString &root) {
         return isPathInsideFolder(root, quarantine) || isPathInsideFolder(quarantine, root);
     });
@@ -619,7 +618,7 @@ QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch, cons
     // "/" is an unusable quarantine folder and must not leave everything out;
     // nor may one around or inside a watched folder leave that folder out.
     const QString quarantine = QDir::cleanPath(_quarantineLocation);
-    if (quarantineOverlapsWatchedFolder())
+    if (quarantineOverlapsWatchedFolder(_watchedRootsOfScan))
         folders << quarantinedByUs;
     else if (!_quarantineLocation.isEmpty() && quarantine != QLatin1String("/"))
         folders << quarantine;

@@ -203,7 +203,7 @@ private:
                                      int &leftOut) const;
     // The watched folders as absolute paths, as the settings have them now.
     QStringList watchedRoots() const;
-    bool quarantineOverlapsWatchedFolder() const;
+    bool quarantineOverlapsWatchedFolder(const QStringList &roots) const;
     QString refusedArgumentsConflict() const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);

@@ -33,6 +33,14 @@ void stop(QProcess &agent)
     }
 }
 
+// The agent run by these tests watches the home it runs in.
+void watchItsOwnFolder(const FreshPreferences &home)
+{
+    home.writeDomain(
+        QStringLiteral("org.korvane.Korvane"),
+        {{QStringLiteral("VardenFolderArray"), QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
+}
+
 // Korvane takes the agent's name on the session bus to mean that it runs, and
 // may at once ask it to quit or restart: by then the agent must be listening.
 TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
@@ -41,9 +49,7 @@ TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
     if (!bus.isConnected())
         GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
     FreshPreferences home;
-    home.writeDomain(
-        QStringLiteral("org.korvane.Korvane"),
-        {{QStringLiteral("VardenFolderArray"), QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
+    watchItsOwnFolder(home);
     BusTraffic traffic;
     ASSERT_TRUE(traffic.start());
 
@@ -86,9 +92,7 @@ TEST(AgentProcessTest, ASecondAgentOfTheSessionAsksTheFirstToShowItsListAndLeave
     if (!bus.isConnected())
         GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
     FreshPreferences home;
-    home.writeDomain(
-        QStringLiteral("org.korvane.Korvane"),
-        {{QStringLiteral("VardenFolderArray"), QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
+    watchItsOwnFolder(home);
 
     for (const bool sameMoment : {false, true}) {
         SCOPED_TRACE(sameMoment ? "started at the same moment" : "started once the first runs");
