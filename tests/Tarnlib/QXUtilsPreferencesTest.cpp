@@ -1,6 +1,5 @@
 #include "RecordingUtilsDelegate.h"
 #include "Tarnlib/Tarnlib/QXUtils.h"
-#include "platform/UserDefaultsController.h"
 #include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
 
@@ -40,18 +39,6 @@ TEST_F(QXUtilsPreferencesTest, AgentDomainWinsOverCompanionDomainWhichIsReadAnew
     EXPECT_EQ(u->readPreferenceForKey(QStringLiteral("VardenFolderArray")).toList(), folders);
 }
 
-TEST_F(QXUtilsPreferencesTest, FreshInstallationExcludesNothingAndCommentsAreLocalised)
-{
-    const QVariantList patterns = make()->readPreferenceForKey(QStringLiteral("ExcludePatterns")).toList();
-    EXPECT_FALSE(patterns.isEmpty());
-    for (const QVariant &record : patterns) {
-        const QVariantMap map = record.toMap();
-        EXPECT_FALSE(map.value(QStringLiteral("excludeEnabled")).toBool());
-        const QString comment = map.value(QStringLiteral("excludeComments")).toString();
-        EXPECT_FALSE(comment.isEmpty() || comment.startsWith(QLatin1String("EXCLUDE_"))) << comment.toStdString();
-    }
-}
-
 TEST_F(QXUtilsPreferencesTest, TheAgentCannotWriteSettingsThroughTheCompanionOperations)
 {
     home.writeDomain(companionDomain, {{QStringLiteral("ScanEmail"), true}});
@@ -62,16 +49,6 @@ TEST_F(QXUtilsPreferencesTest, TheAgentCannotWriteSettingsThroughTheCompanionOpe
     EXPECT_EQ(u->readPreferenceForKey(QStringLiteral("ScanEmail")), QVariant(true));
     EXPECT_FALSE(home.readDomain(agentDomain).contains(QStringLiteral("ScanEmail")));
     EXPECT_TRUE(home.readDomain(companionDomain).value(QStringLiteral("ScanEmail")).toBool());
-}
-
-TEST_F(QXUtilsPreferencesTest, BufferedValueIsSeenBeforeTheCommitAndGoneAfterARevert)
-{
-    QXUtils *u = make();
-    u->preferences()->setValue(QStringLiteral("--verbose"), QStringLiteral("AdditionalCmdLineArgs"));
-    EXPECT_EQ(u->readPreferenceForKey(QStringLiteral("AdditionalCmdLineArgs")).toString(), QStringLiteral("--verbose"));
-    EXPECT_FALSE(home.readDomain(agentDomain).contains(QStringLiteral("AdditionalCmdLineArgs")));
-    u->revertPrefs();
-    EXPECT_FALSE(u->readPreferenceForKey(QStringLiteral("AdditionalCmdLineArgs")).isValid());
 }
 
 TEST_F(QXUtilsPreferencesTest, CustomEnginePrefixIsTriedLastAndSetupRecordsTheFirstCandidateInTheAgentsDomain)
