@@ -102,62 +102,6 @@ TEST(QXWorkerThreadTest, EveryByteOfBothPipesReachesTheHandlersOnTheWorkersOwnTh
     EXPECT_FALSE(worker.hasChild());
 }
 
-TEST(QXWorkerThreadTest, RunAnswersTheExitCodeTheKillingSignalOrWhyTheProgramCouldNotStart)
-{
-    const struct
-    {
-        QString program;
-        QStringList arguments;
-        bool started;
-        int status;
-        bool crashed;
-        QString error;
-    } cases[]{
-        {"/bin/sh", {"-c", "exit 3"}, true, 3, false, ""},
-        {"/bin/sh", {"-c", "kill -9 $$"}, true, SIGKILL, true, ""},
-        {"/nonexistent/korvane/bin/clamdscan", {}, false, 0, false, "No such file or directory"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE((c.program + ' ' + c.arguments.join(' ')).toStdString());
-        RecordingWorker worker;
-        worker.run(c.program, c.arguments);
-        const std::optional<RecordingWorker::RunResult> result = worker.finished().result;
-        ASSERT_TRUE(result.has_value());
-        EXPECT_EQ(result->started, c.started);
-        if (c.started) {
-            EXPECT_EQ(result->status, c.status);
-            EXPECT_EQ(result->crashed, c.crashed);
-        }
-        EXPECT_TRUE(result->error.contains(c.error)) << qPrintable(result->error);
-        EXPECT_FALSE(worker.hasChild());
-    }
-}
-
-TEST(QXWorkerThreadTest, SuspendResumeAndTerminateReachTheRunningChildAndWithoutOneAnswerNo)
-{
-    RecordingWorker worker;
-    EXPECT_FALSE(worker.suspendChild());
-    EXPECT_FALSE(worker.resumeChild());
-    EXPECT_FALSE(worker.terminateChild());
-
-    worker.runShell("echo $$; exec sleep 60");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return worker.announcedPid() > 0 && worker.hasChild(); }, waitLimit));
-    const qint64 pid = worker.announcedPid();
-    EXPECT_TRUE(worker.suspendChild());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) == 'T'; }, waitLimit));
-    EXPECT_TRUE(worker.resumeChild());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return processState(pid) != 'T'; }, waitLimit));
-    EXPECT_FALSE(worker.seen().result.has_value());
-
-    EXPECT_TRUE(worker.terminateChild());
-    const std::optional<RecordingWorker::RunResult> result = worker.finished().result;
-    ASSERT_TRUE(result.has_value());
-    EXPECT_EQ(result->status, SIGTERM);
-    EXPECT_TRUE(result->crashed);
-    EXPECT_FALSE(worker.hasChild());
-    EXPECT_FALSE(worker.terminateChild());
-}
-
 TEST(QXWorkerThreadTest, ReportsRunOnTheMainThreadAndTheWaitingOneHoldsTheWorker)
 {
     RecordingWorker worker;
