@@ -284,10 +284,13 @@ TEST_F(SCEventsWatchingTest, MissingOrRemovedRootIsLoggedWhileTheOtherRootsGoOn)
     EXPECT_TRUE(log.contains("cannot watch " + doomed + ": it was removed")) << log.lines().join('\n').toStdString();
     EXPECT_TRUE(saw(folder.writeFile("staying/f.txt"), Flag::created));
 
-    // Nothing but missing folders still makes a running stream.
-    SCEvents lonely;
+    // Nothing but missing folders still makes a running stream; nothing at all does not.
+    SCEvents lonely, idle;
     EXPECT_TRUE(lonely.startWatchingPaths({missing}));
     EXPECT_TRUE(lonely.isWatchingPaths());
+    EXPECT_FALSE(idle.startWatchingPaths({}));
+    EXPECT_FALSE(idle.isWatchingPaths());
+    EXPECT_FALSE(idle.flushEventStreamSync());
 }
 
 TEST_F(SCEventsWatchingTest, IdentifiersGrowAndTheLastEventIsTheLastRecordOfTheLatestBatchUnlessThatWasDropped)
