@@ -28,17 +28,6 @@ QVariantMap readDomain(const QString &domain)
 
 } // namespace
 
-TEST(UserDefaultsTest, DomainFilesLiveInXdgConfigHomeOrDotConfig)
-{
-    TemporaryHome home;
-    const QString file = "/" + own + ".plist";
-    qputenv("XDG_CONFIG_HOME", home.filePath("elsewhere").toUtf8());
-    EXPECT_EQ(UserDefaults::pathForDomain(own), home.filePath("elsewhere") + file);
-    // Empty counts as unset.
-    qputenv("XDG_CONFIG_HOME", "");
-    EXPECT_EQ(UserDefaults::pathForDomain(own), home.path() + "/.config" + file);
-}
-
 TEST(UserDefaultsTest, SynchronizeWritesTheOwnDomainForAnotherStoreToReadButNoValueAPlistCannotHold)
 {
     TemporaryHome home;
@@ -157,4 +146,8 @@ TEST(UserDefaultsTest, FailedSynchronizeKeepsTheChangesForTheNextTry)
     qputenv("XDG_CONFIG_HOME", home.filePath("fresh/config").toUtf8());
     ASSERT_TRUE(defaults.synchronize());
     EXPECT_EQ(readDomain(own), QVariantMap({{"key", "kept"}}));
+
+    // Set but empty counts as unset: ~/.config.
+    qputenv("XDG_CONFIG_HOME", "");
+    EXPECT_EQ(UserDefaults::pathForDomain(own), home.path() + "/.config/" + own + ".plist");
 }
