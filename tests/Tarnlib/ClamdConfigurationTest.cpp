@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
+// A hand-edited clamd.conf (tabs, CRLF, blanks in a value, a repeated option) was misread.
 TEST(ClamdConfigurationTest, OptionsAreReadLineByLineSkippingCommentsWithTheLastOneWinning)
 {
     const ClamdConfiguration read = ClamdConfiguration::fromText(QStringLiteral("# LocalSocket /commented/out\n"
@@ -17,6 +18,7 @@ TEST(ClamdConfigurationTest, OptionsAreReadLineByLineSkippingCommentsWithTheLast
     EXPECT_EQ(read.value(QStringLiteral("DatabaseDirectory")), QStringLiteral("/a folder/db"));
 }
 
+// A commented or malformed TCPSocket sent the agent looking for a daemon that is not there.
 TEST(ClamdConfigurationTest, DaemonIsRemoteOnlyWithATcpPortAndNoLocalSocket)
 {
     const std::tuple<const char *, bool, const char *> cases[] = {

@@ -188,6 +188,7 @@ struct InstalledPrefix
 
 } // namespace
 
+// An engine printing its version another way was told to update, or was never told.
 TEST(QXEngineCheckerTest, VersionLinesDecideTheReportTheThresholdsAndAnEngineUpdate)
 {
     const QByteArray d = "/19845/Mon Feb 10 12:00:00 2014";

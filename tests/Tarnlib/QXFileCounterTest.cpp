@@ -98,6 +98,7 @@ protected:
     QObject context;
 };
 
+// The progress bar's total disagreed with what the scan then visited.
 TEST_F(QXFileCounterTest, CountsTheFilesAScanWouldVisit)
 {
     const QString tree = home.filePath("Tree");

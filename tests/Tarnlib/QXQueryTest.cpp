@@ -42,6 +42,7 @@ protected:
     const QDateTime now{QDate(2026, 11, 23), QTime(12, 0)};
 };
 
+// A saved search scanned other files than the ones it describes.
 TEST_F(QXQueryTest, QueriesMatchTheFilesWhoseAttributesTheyDescribe)
 {
     const char *txt = "Report Draft.txt", *jpg = "photo.JPG", *pdf = "Résumé.pdf", *bin = "big.bin";

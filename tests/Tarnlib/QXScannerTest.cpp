@@ -170,6 +170,7 @@ TEST_F(QXScannerTest, CleanFilesGivenAsArgumentsEndWithStatusZeroAndWriteNoListN
     EXPECT_FALSE(QFile::exists(delegate.scanLog));
 }
 
+// Settings of the stand-alone scanner (exclusions, quarantine) leaked into the daemon client's command line.
 TEST_F(QXScannerTest, DaemonClientGetsNoSummaryTheExtraArgumentsAndTheList)
 {
     ScriptEngine engine("exit 0");
@@ -449,6 +450,7 @@ QString shellQuoted(QString text)
 
 } // namespace
 
+// A commented or zero MaxThreads split a batch among more clients than the daemon serves.
 TEST(QXScannerClients, TheDaemonsThreadCountComesFromItsConfigurationOrIsTheDaemonsDefault)
 {
     QTemporaryDir dir;

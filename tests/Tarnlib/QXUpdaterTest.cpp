@@ -146,6 +146,7 @@ const QStringList freshclamProgress{
 
 } // namespace
 
+// A download line without its percentage, or cut short, broke the progress shown.
 TEST(QXUpdaterTest, LauncherOutputBecomesProgressAndItsStatusTheEnd)
 {
     UpdaterRig rig;
@@ -161,6 +162,7 @@ TEST(QXUpdaterTest, LauncherOutputBecomesProgressAndItsStatusTheEnd)
     EXPECT_EQ(rig.delegate.wrongThread, 0);
 }
 
+// A log path with blanks, or a setting changed between runs, gave the launcher wrong arguments.
 TEST(QXUpdaterTest, ArgumentsFollowTheSettingsOfEachRunInTheirFixedOrder)
 {
     const QString logPath = "/home/u/.local/state/korvane/freshclam update.log";

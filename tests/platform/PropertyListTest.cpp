@@ -51,6 +51,7 @@ private:
 
 } // namespace
 
+// A value the agent wrote came back changed, or a binary list from another program was not read.
 TEST(PropertyListTest, WhatTheAgentStoresRoundTripsThroughXmlAndBinaryListsAreReadToo)
 {
     const QVariantMap original{
