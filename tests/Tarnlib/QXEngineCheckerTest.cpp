@@ -327,7 +327,8 @@ TEST(QXEngineCheckerTest, ClamdRunningSeesADaemonOfAnotherUser)
     ASSERT_TRUE(daemon.waitForStarted());
     RecordingCheckerDelegate delegate;
     QXEngineChecker checker(&delegate);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return checker.clamdRunning(); }, 10000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return ProcessList::executablePaths().contains(canonical); }, 10000));
+    EXPECT_TRUE(checker.clamdRunning());
 
     if (::geteuid() == 0) { // only root can look at the process list as another user here
         QProcess other;
