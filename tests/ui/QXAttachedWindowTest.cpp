@@ -148,7 +148,6 @@ TEST_F(AttachedWindowTest, OutsideItsShapeTheWindowIsCutAwayAndTheArrowIsThereOn
 
 TEST_F(AttachedWindowTest, ThereIsNoWindowWithoutAViewAndTheViewOutlivesItsWindow)
 {
-    EXPECT_EQ(QXAttachedWindow::create(nullptr, {400, 300}), nullptr);
     EXPECT_EQ(QXAttachedWindow::create(nullptr, {400, 300}, Side::Right, 10), nullptr);
 
     attach({400, 300}, Side::Right).reset();
