@@ -250,9 +250,10 @@ TEST_F(CompanionSettingsTest, SettingsThatSwitchTheGuardOffAreRefusedWithTheReas
 
 TEST_F(CompanionSettingsTest, FirstRunWatchesTheDownloadsFolderOnceAndNeverOverwrites)
 {
-    // Settings it cannot read, or without folders, are the user's: left alone, no login entry.
-    for (const QByteArray &contents : {QByteArray("this is not a property list"),
-                                       QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>")}) {
+    // Settings it cannot read, or without folders, are the user's: left alone, no login entry. The unreadable
+    // file comes last: the store keeps an unreadable domain in memory, which would hide a fault in the other row.
+    for (const QByteArray &contents : {QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>"),
+                                       QByteArray("this is not a property list")}) {
         const QString path = home->writeFile(".config/org.korvane.Korvane.plist", contents);
         bool ok = false;
         CompanionApplication::firstRun(&ok);
