@@ -16,7 +16,8 @@
 
 namespace {
 
-TEST_F(AgentFixture, LaunchTitlesTheListAndWaitsForStartupWhichAnUpdateOnLaunchHoldsBackOnce)
+// Scans started while the update asked for at launch was still to come.
+TEST_F(AgentFixture, LaunchWaitsForStartupWhichAnUpdateOnLaunchHoldsBackOnce)
 {
     home.writeDomain(companionDomain, {{QStringLiteral("UpdateDefsOnLaunch"), true},
                                        {QStringLiteral("VardenFolderArray"), QVariantList{folder(home.path())}}});
@@ -85,6 +86,7 @@ TEST_F(AgentFixture, BatchLosesItsExcludedPathsBeforeTheScanAndOneLeftEmptyStart
     }
 }
 
+// A scan that crashed left the agent busy for good, its animation turning.
 TEST_F(AgentFixture, AScansEndOrCrashStopsTheAnimationAndMakesTheAgentReadyWithTheWatchingImage)
 {
     agent->applicationDidFinishLaunching();

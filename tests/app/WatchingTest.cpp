@@ -81,6 +81,7 @@ TEST_F(WatchingTest, NothingToWatchExplainsAndQuittingThereEndsTheStartup)
     }
 }
 
+// A removal or a metadata change queued a scan; a rename lost its old name; a folder to rescan was dropped.
 TEST_F(WatchingTest, EventFlagsDecideWhetherThePathWaitsForAScan)
 {
     const QString file = home.writeFile("w/file", "12345");
