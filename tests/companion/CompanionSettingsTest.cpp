@@ -250,6 +250,18 @@ TEST_F(CompanionSettingsTest, SettingsThatSwitchTheGuardOffAreRefusedWithTheReas
 
 TEST_F(CompanionSettingsTest, FirstRunWatchesTheDownloadsFolderOnceAndNeverOverwrites)
 {
+    // Settings it cannot read, or without folders, are the user's: left alone, no login entry. The unreadable
+    // file comes last: the store keeps an unreadable domain in memory, which would hide a fault in the other row.
+    for (const QByteArray &contents : {QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>"),
+                                       QByteArray("this is not a property list")}) {
+        const QString path = home->writeFile(".config/org.korvane.Korvane.plist", contents);
+        bool ok = false;
+        CompanionApplication::firstRun(&ok);
+        EXPECT_EQ(TemporaryHome::readFile(path), contents);
+        EXPECT_FALSE(LoginItem::isEnabled());
+        QFile::remove(path);
+    }
+
     // The user's Downloads folder is where the desktop says it is.
     home->writeFile(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements\"\n");
     bool ok = false;
@@ -276,20 +288,6 @@ TEST_F(CompanionSettingsTest, FirstRunWatchesTheDownloadsFolderOnceAndNeverOverw
     EXPECT_TRUE(line.contains(CompanionSettings::domainPath()));
     EXPECT_EQ(CompanionSettings().watchedFolders(), QStringList{"~/Work"});
     EXPECT_FALSE(LoginItem::isEnabled());
-}
-
-TEST_F(CompanionSettingsTest, FirstRunLeavesSettingsAloneThatItCannotReadOrThatHaveNoFolders)
-{
-    for (const QByteArray &contents : {QByteArray("this is not a property list"),
-                                       QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>")}) {
-        const QString path = home->writeFile(".config/org.korvane.Korvane.plist", contents);
-        bool ok = false;
-        CompanionApplication::firstRun(&ok);
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        EXPECT_EQ(file.readAll(), contents);
-        EXPECT_FALSE(LoginItem::isEnabled());
-    }
 }
 
 TEST_F(CompanionSettingsTest, FoldersAreAddedOnceAndOnlyExistingOnesAndRemovedByAnySpelling)

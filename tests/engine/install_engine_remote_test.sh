@@ -8,15 +8,7 @@ set -uo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 installer=$repo/scripts/install-engine
 
-passed=0 failed=0
-pass() { passed=$((passed + 1)); echo "ok   $1"; }
-fail() { failed=$((failed + 1)); echo "FAIL $1"; [[ -z ${2-} ]] || printf '     %s\n' "$2"; }
-expect_match() { # name regex actual
-    if [[ $3 =~ $2 ]]; then pass "$1"; else fail "$1" "[$3] does not match /$2/"; fi
-}
-expect_no_match() { # name regex actual
-    if [[ $3 =~ $2 ]]; then fail "$1" "[$3] matches /$2/"; else pass "$1"; fi
-}
+source "$repo/tests/engine/checks.sh"
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kv remote.XXXXXX")
 # A shared local prefix's daemon runs as the engine account, which must reach it.
@@ -33,7 +25,7 @@ done
 # Nothing listens on port 9 of this machine: neither the service nor the mirror.
 if out=$("$installer" --remote 127.0.0.1:9 --stream-max-length 1M --mirror "http://127.0.0.1:9/clamav" "$prefix" 2>&1)
 then pass "install a remote prefix"
-else fail "install a remote prefix" "$out"; echo "$passed passed, $failed failed"; exit 1; fi
+else fail "install a remote prefix" "$out"; finish; exit 1; fi
 
 conf=$(<"$prefix/etc/clamd.conf")
 expect_match "clamd.conf names the service" $'(^|\n)TCPAddr 127.0.0.1\nTCPSocket 9\n' "$conf"
@@ -71,5 +63,4 @@ else
     fail "install a local prefix with a mirror" "$out"
 fi
 
-echo "$passed passed, $failed failed"
-(( failed == 0 ))
+finish

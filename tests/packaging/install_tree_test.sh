@@ -4,10 +4,7 @@
 #   install_tree_test.sh BUILD_DIR
 set -uo pipefail
 build=$1
-passed=0 failed=0
-pass() { passed=$((passed + 1)); echo "ok   $1"; }
-fail() { failed=$((failed + 1)); echo "FAIL $1"; [[ -z ${2-} ]] || printf '     %s\n' "$2"; }
-check() { local name=$1; shift; if "$@"; then pass "$name"; else fail "$name"; fi; }
+source "$(dirname "${BASH_SOURCE[0]}")/../engine/checks.sh"
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kv install.XXXXXX")
 trap 'rm -rf "$tmp"' EXIT
@@ -51,5 +48,4 @@ if command -v appstreamcli >/dev/null; then
     fi
 fi
 
-echo "$passed passed, $failed failed"
-((failed == 0))
+finish

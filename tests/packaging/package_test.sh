@@ -6,10 +6,7 @@
 set -uo pipefail
 build=$1
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-passed=0 failed=0
-pass() { passed=$((passed + 1)); echo "ok   $1"; }
-fail() { failed=$((failed + 1)); echo "FAIL $1"; [[ -z ${2-} ]] || printf '     %s\n' "$2"; }
-check() { local name=$1; shift; if "$@"; then pass "$name"; else fail "$name"; fi; }
+source "$repo/tests/engine/checks.sh"
 wait_for() { # tenths-of-seconds command...
     local limit=$1; shift
     for _ in $(seq "$limit"); do "$@" && return 0; sleep 0.1; done
@@ -109,5 +106,4 @@ if ((failed)); then
     echo "--- Korvane's log"; cat "$tmp/korvane.log"
     [[ -f $tmp/agent.log ]] && { echo "--- the agent's log"; cat "$tmp/agent.log"; }
 fi
-echo "$passed passed, $failed failed"
-((failed == 0))
+finish

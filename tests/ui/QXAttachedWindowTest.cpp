@@ -146,9 +146,9 @@ TEST_F(AttachedWindowTest, OutsideItsShapeTheWindowIsCutAwayAndTheArrowIsThereOn
     }
 }
 
+// A window asked for without a view crashed; closing a window deleted the view it showed.
 TEST_F(AttachedWindowTest, ThereIsNoWindowWithoutAViewAndTheViewOutlivesItsWindow)
 {
-    EXPECT_EQ(QXAttachedWindow::create(nullptr, {400, 300}), nullptr);
     EXPECT_EQ(QXAttachedWindow::create(nullptr, {400, 300}, Side::Right, 10), nullptr);
 
     attach({400, 300}, Side::Right).reset();
