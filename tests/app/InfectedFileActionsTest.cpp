@@ -123,7 +123,7 @@ TEST_F(InfectedFileActionsTest, DeleteTrashesTheSelectionAndPutBackReturnsEachFi
     EXPECT_TRUE(eachOnce(files));
 }
 
-TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAfterARestartPutBackRestoresTheMode)
+TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesLeavesOnlyTheOwnersReadAndAfterARestartPutBackRestoresTheMode)
 {
     const QString folder = quarantine();
     home.writeFile("Quarantine/invoice.pdf", "occupant");
@@ -152,7 +152,7 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAf
         EXPECT_EQ(value(i, "originalFilePath"), files[i]);
     }
     EXPECT_EQ(value(3, "status"), Localization::text("TRASHED"));
-    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0400);
     EXPECT_TRUE(list->selectionIndexes().isEmpty());
     EXPECT_FALSE(agent->quarantineFileAtIndex(0));
     EXPECT_EQ(copiesOf("occupant"), 1);
@@ -326,7 +326,7 @@ TEST_F(InfectedFileActionsTest, QuarantineAndPutBackReachAnotherFileSystemWithou
     EXPECT_EQ(value(0, "filePath"), volume.path() + "/eicar.com");
     EXPECT_EQ(value(0, "status"), Localization::text("QUARANTINED"));
     EXPECT_EQ(volumeHolds(), QStringList{"eicar.com"});
-    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0400);
     EXPECT_EQ(copiesOf(file.toUtf8(), volume.path()), 1);
 
     select({0});
