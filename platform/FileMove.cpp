@@ -211,3 +211,10 @@ int FileMove::appendDurably(const QString &path, const QByteArray &data)
     // A journal that is new must itself survive a power cut.
     return syncFolderOf(name);
 }
+
+int FileMove::makePrivateFolder(const QString &path)
+{
+    if (::mkdir(QFile::encodeName(path).constData(), 0700) == 0 || errno == EEXIST)
+        return 0;
+    return errno;
+}

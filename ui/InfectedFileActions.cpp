@@ -132,6 +132,13 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
         SystemBeep::beep();
         return false;
     }
+    // What is put in quarantine is nobody else's business.
+    if (const int error = FileMove::makePrivateFolder(folder)) {
+        SystemLog::log(QStringLiteral("could not quarantine %1: cannot make %2: %3")
+                           .arg(path, folder, FileMove::errorText(error)));
+        SystemBeep::beep();
+        return false;
+    }
     QString target = folder + QLatin1Char('/') + QFileInfo(path).fileName();
     const QString stamp = QTime::currentTime().toString(QStringLiteral("HH.mm.ss"));
     // A stamp has a dot of its own: the extension is taken once, from the found name.
