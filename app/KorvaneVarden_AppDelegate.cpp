@@ -103,6 +103,7 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
         list, _utils, [this](const QString &text) { appendToConsole(text); }, this);
     // Rows kept from the last run still wait for the user.
     _infectedItemsStore = new InfectedItemsStore(list, InfectedItemsStore::defaultPath(), this);
+    _infectedFileActions->setJournal(_infectedItemsStore->journal());
     if (list->rowCount() > 0)
         _throbberWatchingImage = NamedImage::imageNamed(QStringLiteral("watchingWithAlert"));
     _pathPopup = new PathPopup(_infectionListWindow, this);

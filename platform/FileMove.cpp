@@ -197,3 +197,24 @@ QString FileMove::sha256(const QString &path, qint64 *size)
         return {};
     return QString::fromLatin1(hash.result().toHex());
 }
+
+int FileMove::appendDurably(const QString &path, const QByteArray &data)
+{
+    const QByteArray name = QFile::encodeName(path);
+    Descriptor file{::open(name.constData(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)};
+    if (file.fd < 0)
+        return errno;
+    if (const int error = writeAll(file.fd, data.constData(), data.size()))
+        return error;
+    if (::fsync(file.fd) != 0)
+        return errno;
+    // A journal that is new must itself survive a power cut.
+    return syncFolderOf(name);
+}
+
+int FileMove::makePrivateFolder(const QString &path)
+{
+    if (::mkdir(QFile::encodeName(path).constData(), 0700) == 0 || errno == EEXIST)
+        return 0;
+    return errno;
+}

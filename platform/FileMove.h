@@ -25,4 +25,10 @@ public:
     // The SHA-256 of a regular file's contents in hex, and its size; empty
     // when it cannot be read.
     static QString sha256(const QString &path, qint64 *size);
+    // Appends to a file of the user's own (created 0600) and waits until the
+    // bytes are on the disk; answers 0 or the errno of the failure.
+    // Makes the last folder of the path, for the owner alone, when it is
+    // missing and its parent exists; answers 0 or the errno of the failure.
+    static int makePrivateFolder(const QString &path);
+    static int appendDurably(const QString &path, const QByteArray &data);
 };

@@ -153,7 +153,7 @@ QString FreedesktopTrash::numberedName(const QString &name, int number)
     return name.left(dot) + QLatin1Char('.') + QString::number(number) + name.mid(dot);
 }
 
-QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
+QString FreedesktopTrash::moveToTrash(const QString &path, QString *error, const TargetCheck &aboutToMove)
 {
     QString ignored;
     if (!error)
@@ -215,6 +215,7 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
     for (int number = 1; number <= maximumNumber; ++number) {
         const QString trashName = number == 1 ? name : numberedName(name, number);
         const QString infoPath = trash + QStringLiteral("/info/") + trashName + QStringLiteral(".trashinfo");
+        const QString target = trash + QStringLiteral("/files/") + trashName;
         int errorNumber = 0;
         if (!writeExclusively(infoPath, info, &errorNumber)) {
             if (errorNumber == EEXIST)
@@ -222,7 +223,12 @@ QString FreedesktopTrash::moveToTrash(const QString &path, QString *error)
             *error = QStringLiteral("cannot write %1: %2").arg(infoPath, FileMove::errorText(errorNumber));
             return {};
         }
-        const QString target = trash + QStringLiteral("/files/") + trashName;
+        // Only a name whose record is ours: another file may hold the others.
+        if (aboutToMove && !aboutToMove(target)) {
+            QFile::remove(infoPath);
+            *error = QStringLiteral("the move of %1 to %2 could not be recorded").arg(path, target);
+            return {};
+        }
         errorNumber = FileMove::moveOrCopyWithoutReplacing(path, target);
         if (errorNumber == 0)
             return target;

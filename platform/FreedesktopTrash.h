@@ -7,7 +7,7 @@ class FreedesktopTrash : public Trash
 {
 public:
     QStringList trashFolders() const override;
-    QString moveToTrash(const QString &path, QString *error) override;
+    QString moveToTrash(const QString &path, QString *error, const TargetCheck &aboutToMove = {}) override;
     void forgetTrashedFile(const QString &pathInTrash) override;
 
     // "$XDG_DATA_HOME/Trash".

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 // The current user's Trash, by the freedesktop Trash specification: the
 // home Trash and, on every mounted volume, "$topdir/.Trash/$uid" and
 // "$topdir/.Trash-$uid". Never another user's.
@@ -25,7 +27,10 @@ public:
     // Moves a file or folder into the current user's Trash for its volume
     // and answers its new path inside that Trash's files/ folder. On failure
     // answers an empty string, sets *error, and the file stays where it was.
-    virtual QString moveToTrash(const QString &path, QString *error) = 0;
+    // aboutToMove hears the name in the Trash before the file is moved
+    // there; when it answers false the file is not moved.
+    using TargetCheck = std::function<bool(const QString &target)>;
+    virtual QString moveToTrash(const QString &path, QString *error, const TargetCheck &aboutToMove = {}) = 0;
     // After a trashed file was taken out again by hand: drops its record in
     // the Trash. Paths outside a Trash's files/ folder are left alone.
     virtual void forgetTrashedFile(const QString &pathInTrash) = 0;

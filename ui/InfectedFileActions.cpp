@@ -25,6 +25,9 @@ const QString filePathKey = QStringLiteral("filePath");
 const QString originalFilePathKey = QStringLiteral("originalFilePath");
 const QString statusKey = QStringLiteral("status");
 
+// Nothing in quarantine can be run, written or read by anyone else.
+constexpr int quarantinedMode = 0400;
+
 // A name that only starts with a dot has no extension.
 QString extensionOf(const QString &path)
 {
@@ -53,28 +56,47 @@ int InfectedFileActions::checkIfLooksLikeMailAndPromptForFile(const QString &pat
     return answer == AlertPresenter::DefaultReturn ? 0 : 1;
 }
 
+bool InfectedFileActions::record(FileActionJournal::Action action, const InfectedItem &before,
+                                 const InfectedItem &after)
+{
+    const QString problem = _journal ? _journal->begin(action, before, after) : QString();
+    if (problem.isEmpty())
+        return true;
+    SystemLog::log(QStringLiteral("did not move %1: %2").arg(before.value(filePathKey).toString(), problem));
+    SystemBeep::beep();
+    return false;
+}
+
 void InfectedFileActions::deleteFile()
 {
     for (int row : _list->selectionIndexes()) {
-        InfectedItem item = _list->arrangedObjects().value(row);
+        const InfectedItem item = _list->arrangedObjects().value(row);
         const QString path = item.value(filePathKey).toString();
         if (_utils->isFileInTrash(path) || checkIfLooksLikeMailAndPromptForFile(path) == 0)
             continue;
+        // A quarantined file sent on to the Trash comes back to quarantine,
+        // where it stays without its execute bits.
+        InfectedItem trashedItem = item;
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            trashedItem.remove(key);
+        trashedItem.insert(statusKey, Localization::text("TRASHED"));
+        trashedItem.insert(originalFilePathKey, path);
+        trashedItem.insert(filePathKey, QString());
+        if (!record(FileActionJournal::Action::Trash, item, trashedItem))
+            continue;
         QString error;
-        const QString trashed = Trash::sharedTrash()->moveToTrash(path, &error);
+        const QString trashed = Trash::sharedTrash()->moveToTrash(path, &error, [this](const QString &target) {
+            return !_journal || _journal->retarget(target).isEmpty();
+        });
         if (trashed.isEmpty()) {
             SystemLog::log(QStringLiteral("could not move %1 to the Trash: %2").arg(path, error));
             SystemBeep::beep();
             continue;
         }
-        // A quarantined file sent on to the Trash comes back to quarantine,
-        // where it stays without its execute bits.
-        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
-            item.remove(key);
-        item.insert(statusKey, Localization::text("TRASHED"));
-        item.insert(originalFilePathKey, path);
-        item.insert(filePathKey, trashed);
-        _list->replaceObjectAtRow(row, item);
+        FileActionJournal::step("moved");
+        trashedItem.insert(filePathKey, trashed);
+        _list->replaceObjectAtRow(row, trashedItem);
+        FileActionJournal::step("row");
     }
     _list->clearSelection();
 }
@@ -110,6 +132,13 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
         SystemBeep::beep();
         return false;
     }
+    // What is put in quarantine is nobody else's business.
+    if (const int error = FileMove::makePrivateFolder(folder)) {
+        SystemLog::log(QStringLiteral("could not quarantine %1: cannot make %2: %3")
+                           .arg(path, folder, FileMove::errorText(error)));
+        SystemBeep::beep();
+        return false;
+    }
     QString target = folder + QLatin1Char('/') + QFileInfo(path).fileName();
     const QString stamp = QTime::currentTime().toString(QStringLiteral("HH.mm.ss"));
     // A stamp has a dot of its own: the extension is taken once, from the found name.
@@ -117,7 +146,25 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
     while (FileMove::exists(target))
         target = stampedName(target, stamp, extension);
 
+    // What put back needs is known, and on the disk, before the file moves.
+    InfectedItem quarantined = item;
     const int mode = FileMove::regularFileMode(path);
+    // Folders keep their bits: without them nobody could look inside.
+    if (mode >= 0) {
+        quarantined.insert(fileModeKey, QString::number(mode, 8));
+        qint64 size = 0;
+        const QString sum = FileMove::sha256(path, &size);
+        if (!sum.isEmpty()) {
+            quarantined.insert(fileSizeKey, QString::number(size));
+            quarantined.insert(fileSha256Key, sum);
+        }
+    }
+    quarantined.insert(statusKey, Localization::text("QUARANTINED"));
+    quarantined.insert(originalFilePathKey, path);
+    quarantined.insert(filePathKey, target);
+    if (!record(FileActionJournal::Action::Quarantine, item, quarantined))
+        return false;
+
     const int error = FileMove::moveOrCopyWithoutReplacing(path, target);
     if (error != 0) {
         SystemLog::log(
@@ -125,23 +172,12 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
         SystemBeep::beep();
         return false;
     }
-    // Folders keep their bits: without them nobody could look inside.
-    if (mode >= 0) {
-        if (!FileMove::setMode(target, mode & ~0111))
-            SystemLog::log(
-                QStringLiteral("could not make %1 non-executable: %2").arg(target, FileMove::errorText(errno)));
-        item.insert(fileModeKey, QString::number(mode, 8));
-        qint64 size = 0;
-        const QString sum = FileMove::sha256(target, &size);
-        if (!sum.isEmpty()) {
-            item.insert(fileSizeKey, QString::number(size));
-            item.insert(fileSha256Key, sum);
-        }
-    }
-    item.insert(statusKey, Localization::text("QUARANTINED"));
-    item.insert(originalFilePathKey, path);
-    item.insert(filePathKey, target);
-    _list->replaceObjectAtRow(row, item);
+    FileActionJournal::step("moved");
+    if (mode >= 0 && !FileMove::setMode(target, quarantinedMode))
+        SystemLog::log(QStringLiteral("could not make %1 read-only: %2").arg(target, FileMove::errorText(errno)));
+    FileActionJournal::step("mode");
+    _list->replaceObjectAtRow(row, quarantined);
+    FileActionJournal::step("row");
     return true;
 }
 
@@ -167,7 +203,18 @@ void InfectedFileActions::putBack()
                 continue;
             }
         }
-        int error = FileMove::exists(home) ? EEXIST : FileMove::moveOrCopyWithoutReplacing(path, home);
+        InfectedItem putBackItem = item;
+        putBackItem.insert(statusKey, QString(""));
+        putBackItem.insert(filePathKey, home);
+        putBackItem.insert(originalFilePathKey, QString(""));
+        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
+            putBackItem.remove(key);
+        int error = FileMove::exists(home) ? EEXIST : 0;
+        if (error == 0) {
+            if (!record(FileActionJournal::Action::PutBack, item, putBackItem))
+                continue;
+            error = FileMove::moveOrCopyWithoutReplacing(path, home);
+        }
         if (error == EEXIST) {
             SystemBeep::beep();
             _console(QStringLiteral("File %1 cannot be put back to %2 as something already exists in that location.")
@@ -182,18 +229,16 @@ void InfectedFileActions::putBack()
                          .arg(path, home));
             continue;
         }
+        FileActionJournal::step("moved");
         bool knownMode = false;
         const int mode = item.value(fileModeKey).toString().toInt(&knownMode, 8);
         if (knownMode && !FileMove::setMode(home, mode))
             SystemLog::log(QStringLiteral("could not give %1 back its mode %2: %3")
                                .arg(home, QString::number(mode, 8), FileMove::errorText(errno)));
+        FileActionJournal::step("mode");
         Trash::sharedTrash()->forgetTrashedFile(path);
-        item.insert(statusKey, QString(""));
-        item.insert(filePathKey, home);
-        item.insert(originalFilePathKey, QString(""));
-        for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
-            item.remove(key);
-        _list->replaceObjectAtRow(row, item);
+        _list->replaceObjectAtRow(row, putBackItem);
+        FileActionJournal::step("row");
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FileActionJournal.h"
 #include "InfectedItem.h"
 
 #include <QObject>
@@ -13,7 +14,8 @@ class QXUtils;
 // What the user does with the listed files: move them to the Trash or into
 // the quarantine folder, put them back where they were found, or show them
 // in the file viewer. A move to another file system is a checked copy; one
-// that fails beeps and leaves the file and its row as they were.
+// that fails beeps and leaves the file and its row as they were. A
+// quarantined file keeps only its owner's read permission.
 class InfectedFileActions : public QObject
 {
     Q_OBJECT
@@ -21,6 +23,10 @@ public:
     // console takes the messages of put back.
     InfectedFileActions(QXTInfectedViewArrayController *list, QXUtils *utils,
                         std::function<void(const QString &)> console, QObject *parent = nullptr);
+
+    // Where each move is written before it is made; none in tests that do
+    // not restart.
+    void setJournal(FileActionJournal *journal) { _journal = journal; }
 
     void deleteFile();
     void quarantineFile();
@@ -43,7 +49,11 @@ public:
     static QString stampedName(const QString &target, const QString &stamp, const QString &extension);
 
 private:
+    // Answers whether the move may be made; one that cannot be recorded is not.
+    bool record(FileActionJournal::Action action, const InfectedItem &before, const InfectedItem &after);
+
     QXTInfectedViewArrayController *_list;
+    FileActionJournal *_journal = nullptr;
     QXUtils *_utils;
     std::function<void(const QString &)> _console;
 };

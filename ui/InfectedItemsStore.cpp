@@ -63,11 +63,25 @@ InfectedItemsStore::InfectedItemsStore(QXTInfectedViewArrayController *list, con
     : QObject(parent)
     , _list(list)
     , _path(path)
+    , _journal(QFileInfo(path).path() + QLatin1Char('/') + QFileInfo(path).completeBaseName()
+               + QStringLiteral(".journal"))
 {
     _writer.setMaxThreadCount(1);
     _delay.setSingleShot(true);
     connect(&_delay, &QTimer::timeout, this, &InfectedItemsStore::saveInBackground);
-    for (const InfectedItem &item : read())
+    QList<InfectedItem> rows = read();
+    if (QFileInfo::exists(_journal.path())) {
+        if (const int changed = _journal.reconcile(&rows))
+            SystemLog::log(QStringLiteral("%1 rows of the infected items list were put in line with where their files "
+                                          "are, after the agent was stopped during a move")
+                               .arg(changed));
+        const QString problem = write(rows);
+        if (problem.isEmpty())
+            _journal.forgetUpTo(_journal.mark());
+        else
+            SystemLog::log(problem);
+    }
+    for (const InfectedItem &item : std::as_const(rows))
         _list->addObject(item);
     connect(_list, &QAbstractItemModel::rowsInserted, this, &InfectedItemsStore::changed);
     connect(_list, &QAbstractItemModel::rowsRemoved, this, &InfectedItemsStore::changed);
@@ -83,13 +97,19 @@ InfectedItemsStore::~InfectedItemsStore()
 void InfectedItemsStore::flush()
 {
     _writer.waitForDone();
+    // Whether that last write worked is not heard yet: write again.
+    if (_writing)
+        _dirty = true;
     _writing = false;
     if (!_dirty || !_list)
         return;
     _delay.stop();
     _dirty = false;
+    const qint64 mark = _journal.mark();
     const QString problem = write(_list->arrangedObjects());
-    if (!problem.isEmpty())
+    if (problem.isEmpty())
+        _journal.forgetUpTo(mark);
+    else
         SystemLog::log(problem);
 }
 
@@ -109,19 +129,23 @@ void InfectedItemsStore::saveInBackground()
     _writing = true;
     // The rows are shared, not copied, until the list changes them.
     const QList<InfectedItem> items = _list->arrangedObjects();
-    _writer.start([this, items] {
+    const qint64 mark = _journal.mark();
+    _writer.start([this, items, mark] {
         const QString problem = write(items);
+        if (problem.isEmpty())
+            FileActionJournal::step("saved");
         QMetaObject::invokeMethod(
-            this, [this, problem] { saved(problem); }, Qt::QueuedConnection);
+            this, [this, problem, mark] { saved(problem, mark); }, Qt::QueuedConnection);
     });
 }
 
-void InfectedItemsStore::saved(const QString &problem)
+void InfectedItemsStore::saved(const QString &problem, qint64 journalMark)
 {
     if (!_writing)
         return; // flush() has written since
     _writing = false;
     if (problem.isEmpty()) {
+        _journal.forgetUpTo(journalMark);
         if (_userTold)
             SystemLog::log(QStringLiteral("the infected items list is saved again to %1").arg(_path));
         _userTold = false;

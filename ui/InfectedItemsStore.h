@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FileActionJournal.h"
 #include "InfectedItem.h"
 
 #include <QList>
@@ -17,7 +18,9 @@ class QXTInfectedViewArrayController;
 // once a second on a thread of its own, so a burst of detections does not
 // hold up the window; the last change is written at destruction at the
 // latest. A file that cannot be written is tried again, and the user is
-// told once until it works again.
+// told once until it works again. Moves of listed files are journalled
+// until the rows that show them are saved, and a journal left by a kill is
+// applied at the start.
 class InfectedItemsStore : public QObject
 {
     Q_OBJECT
@@ -30,6 +33,8 @@ public:
     // "infected-items.json" in the folder of the scan logs.
     static QString defaultPath();
     QString path() const { return _path; }
+    // "infected-items.journal" beside the list file.
+    FileActionJournal *journal() { return &_journal; }
 
     // Rows as read from the file; a missing file is an empty list. A file
     // that cannot be read as a list is logged, renamed aside and read as
@@ -44,10 +49,11 @@ public:
 private:
     void changed();
     void saveInBackground();
-    void saved(const QString &problem);
+    void saved(const QString &problem, qint64 journalMark);
 
     QPointer<QXTInfectedViewArrayController> _list;
     QString _path;
+    FileActionJournal _journal;
     QTimer _delay;
     QThreadPool _writer;
     bool _dirty = false;

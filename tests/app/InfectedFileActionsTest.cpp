@@ -123,7 +123,7 @@ TEST_F(InfectedFileActionsTest, DeleteTrashesTheSelectionAndPutBackReturnsEachFi
     EXPECT_TRUE(eachOnce(files));
 }
 
-TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAfterARestartPutBackRestoresTheMode)
+TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesLeavesOnlyTheOwnersReadAndAfterARestartPutBackRestoresTheMode)
 {
     const QString folder = quarantine();
     home.writeFile("Quarantine/invoice.pdf", "occupant");
@@ -152,7 +152,7 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAf
         EXPECT_EQ(value(i, "originalFilePath"), files[i]);
     }
     EXPECT_EQ(value(3, "status"), Localization::text("TRASHED"));
-    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0400);
     EXPECT_TRUE(list->selectionIndexes().isEmpty());
     EXPECT_FALSE(agent->quarantineFileAtIndex(0));
     EXPECT_EQ(copiesOf("occupant"), 1);
@@ -177,9 +177,9 @@ TEST_F(InfectedFileActionsTest, QuarantineStampsTakenNamesStripsExecuteBitsAndAf
     EXPECT_EQ(list->rowCount(), 0);
 }
 
+// The folder of the settings, made private when it is missing.
 TEST_F(InfectedFileActionsTest, ARowRestoredAfterARestartIsQuarantinedIntoTheFolderOfTheSettings)
 {
-    QDir().mkpath(home.filePath("Vault"));
     home.writeDomain(companionDomain, {{"QuarantineFolder", "~/Vault"}});
     const QString file = infected("a/eicar.com");
     restart();
@@ -189,6 +189,7 @@ TEST_F(InfectedFileActionsTest, ARowRestoredAfterARestartIsQuarantinedIntoTheFol
 
     EXPECT_EQ(value(0, "filePath"), home.filePath("Vault/eicar.com"));
     EXPECT_EQ(value(0, "originalFilePath"), file);
+    EXPECT_EQ(TemporaryHome::modeOf(home.filePath("Vault")), 0700);
     EXPECT_EQ(alerts.beeps, 0);
 }
 
@@ -242,11 +243,14 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
          false,
          {},
          [this](const QString &, const QString &) { agent->utils()->setQuarantineLocation({}); }},
-        {"quarantine into a folder that vanished",
+        {"quarantine into a folder whose parent vanished",
          Quarantine,
          false,
          {},
-         [this](const QString &, const QString &) { QDir(agent->utils()->quarantineLocation()).removeRecursively(); }},
+         [this](const QString &, const QString &) {
+             QDir(agent->utils()->quarantineLocation()).removeRecursively();
+             agent->utils()->setQuarantineLocation(agent->utils()->quarantineLocation() + "/inner");
+         }},
         {"quarantine onto a full file system",
          Quarantine,
          true,
@@ -266,6 +270,16 @@ TEST_F(InfectedFileActionsTest, AMoveThatFailsBeepsAndLeavesTheFileAndItsRowAsTh
         {"put back into a folder that vanished", PutBack, false, prevented,
          [](const QString &file, const QString &) { QDir(QFileInfo(file).path()).removeRecursively(); }},
         {"put back of a file that vanished", PutBack, false, prevented, vanish},
+        // Last: no move can be made after it.
+        {"quarantine that cannot be journalled first",
+         Quarantine,
+         false,
+         {},
+         [](const QString &, const QString &) {
+             const QString journal = QFileInfo(InfectedItemsStore::defaultPath()).path() + "/infected-items.journal";
+             QFile::remove(journal);
+             QDir().mkpath(journal);
+         }},
     };
     int number = 0;
     for (const auto &c : cases) {
@@ -326,7 +340,7 @@ TEST_F(InfectedFileActionsTest, QuarantineAndPutBackReachAnotherFileSystemWithou
     EXPECT_EQ(value(0, "filePath"), volume.path() + "/eicar.com");
     EXPECT_EQ(value(0, "status"), Localization::text("QUARANTINED"));
     EXPECT_EQ(volumeHolds(), QStringList{"eicar.com"});
-    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0640);
+    EXPECT_EQ(TemporaryHome::modeOf(value(0, "filePath")), 0400);
     EXPECT_EQ(copiesOf(file.toUtf8(), volume.path()), 1);
 
     select({0});

@@ -425,6 +425,15 @@ else
         "$(stat -c '%U %a' "$tmp/root-only") $(cat "$tmp/root-only")"
     check "and puts a plain log in its place" test -f "$db/freshclam.log" -a ! -L "$db/freshclam.log"
 
+    # A set-ID event logger in the prefix is surface for an attacker that the
+    # agent never runs: it takes the logger from its own folder.
+    mkdir -p "$tmp/build/bin"
+    printf '#!/bin/sh\n' | tee "$tmp/build/bin/gfslogger" > "$tmp/build/bin/gfslogger-repair"
+    chmod 755 "$tmp/build/bin/gfslogger" "$tmp/build/bin/gfslogger-repair"
+    KORVANE_BUILD_DIR="$tmp/build" "$installer" "$prefix" > /dev/null 2>&1
+    expect_eq "no set-ID file in the prefix but the engine helper" "$prefix/libexec/engine-helper" \
+        "$(find "$prefix" -type f -perm /6000)"
+
     # What a user left in the world-writable folder of the earlier layout goes.
     install -o "$user_a" -m 644 /dev/null "$db/planted.ndb"
     chown "$user_a" "$db/freshclam.log"
