@@ -66,8 +66,24 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
 {
     QXScannerDelegate *delegate = _delegate;
     reportToMainAndWait([delegate] { delegate->scanStarted(); });
+    beginRun(paths);
 
-    _logScans = delegate->logScans();
+    // A newline would cut a name in the list and in the engine's output, so
+    // such a name is scanned in a call of its own.
+    QStringList listed, alone;
+    for (const QString &path : std::as_const(_thePathsToScan))
+        (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
+
+    const QString program = QDir::cleanPath(
+        delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+    reportEnd(program, runListedAndAlone(program, listed, alone));
+    closeScanLog();
+    _thePathsToScan.clear();
+}
+
+void QXScanner::beginRun(const QStringList &paths)
+{
+    _logScans = _delegate->logScans();
     _childOutputs.clear();
     _clientListPaths.clear();
     _unscanned.clear();
@@ -82,15 +98,12 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
         writeToLog(dateText());
     else
         writeToLog(QStringLiteral("%1\n%2\nItems to be scanned:\n").arg(QString(79, QLatin1Char('-')), dateText()));
+}
 
-    // A newline would cut a name in the list and in the engine's output, so
-    // such a name is scanned in a call of its own.
-    QStringList listed, alone;
-    for (const QString &path : std::as_const(_thePathsToScan))
-        (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
-
-    const QString program = QDir::cleanPath(
-        delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+QXScanner::RunResult QXScanner::runListedAndAlone(const QString &program, const QStringList &listed,
+                                                  const QStringList &alone)
+{
+    QXScannerDelegate *delegate = _delegate;
     // The daemon client scans one file at a time, so a large batch is
     // shared among as many clients as the daemon has threads.
     const int clients =
@@ -104,7 +117,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
                              : runPart(program, argumentsForBatch(listed, _scanListTempFilePath), QString());
         ran = true;
     }
-    for (const QString &path : std::as_const(alone)) {
+    for (const QString &path : alone) {
         // A run that could not start, or was stopped or killed, ends the batch.
         if (ran && (!result.started || result.crashed || _stopRequested))
             break;
@@ -113,7 +126,12 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
             result = one;
         ran = true;
     }
+    return result;
+}
 
+void QXScanner::reportEnd(const QString &program, const RunResult &result)
+{
+    QXScannerDelegate *delegate = _delegate;
     if (!result.started) {
         const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
@@ -137,13 +155,15 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     } else {
         notifiedForComplete(result);
     }
+}
 
-    if (_loggerFileHandle) {
-        _loggerFileHandle->write(_returnCharData);
-        _loggerFileHandle->close();
-        _loggerFileHandle.reset();
-    }
-    _thePathsToScan.clear();
+void QXScanner::closeScanLog()
+{
+    if (!_loggerFileHandle)
+        return;
+    _loggerFileHandle->write(_returnCharData);
+    _loggerFileHandle->close();
+    _loggerFileHandle.reset();
 }
 
 void QXScanner::openScanLog()

@@ -85,6 +85,13 @@ private:
         QSet<QString> unanswered;
     };
 
+    // Forgets the last run and writes the new run's heading to the scan log.
+    void beginRun(const QStringList &paths);
+    // The listed paths in one run (or shared among clients), then each path
+    // that cannot be listed in a run of its own; one result for them all.
+    RunResult runListedAndAlone(const QString &program, const QStringList &listed, const QStringList &alone);
+    void reportEnd(const QString &program, const RunResult &result);
+    void closeScanLog();
     RunResult runPart(const QString &program, const QStringList &arguments, const QString &pathAlone);
     RunResult runSplit(const QString &program, const QStringList &paths, int clients);
     void takeLine(ChildOutput &output, const QString &line);
