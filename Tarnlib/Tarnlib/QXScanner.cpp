@@ -14,6 +14,12 @@
 
 namespace {
 
+// A result line reads "<path>: <result>"; an infection's result is its name
+// and this mark.
+constexpr QLatin1String nameSeparator(": ");
+constexpr QLatin1String foundMark(" FOUND");
+constexpr QLatin1String unofficialMark(".UNOFFICIAL");
+
 // "2014-03-05 14:07:09 +0000": local time and its offset from UTC.
 QString dateText()
 {
@@ -252,7 +258,7 @@ void QXScanner::takeLine(ChildOutput &output, const QString &line)
         if (output.unanswered.remove(line.left(at)))
             break;
     }
-    _foundInRun = _foundInRun || line.endsWith(QLatin1String(" FOUND"));
+    _foundInRun = _foundInRun || foundInLine(line);
     handleLine(line);
 }
 
@@ -351,6 +357,23 @@ void QXScanner::notifiedForChildOutput(int child, const QByteArray &chunk)
         takeLine(output, line);
 }
 
+std::optional<QXScanner::Found> QXScanner::foundInLine(const QString &line)
+{
+    if (!line.endsWith(foundMark))
+        return std::nullopt;
+    const QStringView result = QStringView(line).chopped(foundMark.size());
+    const qsizetype separator = result.lastIndexOf(nameSeparator);
+    const QStringView name = result.mid(separator + nameSeparator.size());
+    if (separator <= 0 || name.isEmpty())
+        return std::nullopt;
+    return Found{result.left(separator).toString(), name.toString()};
+}
+
+QString QXScanner::foundLine(const Found &found)
+{
+    return found.path + nameSeparator + found.infectionName + foundMark;
+}
+
 void QXScanner::handleLine(const QString &line)
 {
     if (line.size() < 2)
@@ -364,9 +387,12 @@ void QXScanner::handleLine(const QString &line)
         return;
     }
     writeToLog(line);
-    if (line.endsWith(QLatin1String(" FOUND"))) {
-        QString reported = line;
-        reported.replace(QLatin1String(".UNOFFICIAL FOUND"), QLatin1String(" FOUND"));
+    if (std::optional<Found> found = foundInLine(line)) {
+        // Our own signatures carry the engine's mark of unofficial ones, which
+        // is no part of the infection's name.
+        if (found->infectionName.endsWith(unofficialMark))
+            found->infectionName.chop(unofficialMark.size());
+        const QString reported = foundLine(*found);
         reportToMain([delegate, reported] { delegate->infectionFound(reported); });
     } else if (line.contains(QLatin1String("virus database is older than"))) {
         const QString warning = Localization::text("DB_OUT_OF_DATE");

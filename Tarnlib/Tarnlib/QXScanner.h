@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class QXScannerDelegate;
@@ -34,6 +35,17 @@ public:
 
     // Appends text and a newline to the scan log when this run logs.
     void writeToLog(const QString &text);
+
+    // The engine's result line for an infected file, "<path>: <name> FOUND".
+    // The name never holds ": ", so the last one ends the path, whatever the
+    // path itself holds. Nothing for any other line.
+    struct Found
+    {
+        QString path;
+        QString infectionName;
+    };
+    static std::optional<Found> foundInLine(const QString &line);
+    static QString foundLine(const Found &found);
 
     // A new unique path in the temporary folder: "<tmp>/<prefix>-<UUID>".
     static QString pathForTemporaryFileWithPrefix(const QString &prefix);

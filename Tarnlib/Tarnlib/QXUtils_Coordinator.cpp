@@ -202,15 +202,11 @@ void QXUtils::appendToConsole(const QString &text)
 
 void QXUtils::infectionFound(const QString &line)
 {
-    const qsizetype colon = line.lastIndexOf(QLatin1Char(':'));
-    if (colon < 0)
+    const std::optional<QXScanner::Found> found = QXScanner::foundInLine(line);
+    if (!found)
         return;
-    // What follows the colon is ": " + name + " FOUND"; shorter is no name.
-    const qsizetype nameLength = line.size() - colon - 8;
-    if (nameLength <= 0)
-        return;
-    const QString path = line.left(colon);
-    const QString name = line.mid(colon + 2, nameLength);
+    const QString &path = found->path;
+    const QString &name = found->infectionName;
     // A batch scanned again after the daemon was lost reports each file once.
     if (_rescanningBatch && _infectedPathsOfBatch.contains(path))
         return;
