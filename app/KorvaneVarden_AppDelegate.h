@@ -57,7 +57,7 @@ class KorvaneVarden_AppDelegate : public QObject,
 {
     Q_OBJECT
 public:
-    // init. Tests hand their own engine candidates.
+    // Tests hand their own engine candidates.
     explicit KorvaneVarden_AppDelegate(
         const QList<QXUtils::EngineCandidate> &engineCandidates = QXUtils::defaultEngineCandidates(),
         QObject *parent = nullptr);
@@ -203,7 +203,6 @@ public:
     void clamdAlreadyRunning() override;
     void savedSearchCutAtPath(const QString &path, qint64 entries) override;
 
-    // Accessors of the fields.
     QThreadPool *theOperationQueue() const { return _theOperationQueue; }
     quint64 theLastEventSeen() const { return _theLastEventSeen; }
     void setTheLastEventSeen(quint64 id) { _theLastEventSeen = id; }

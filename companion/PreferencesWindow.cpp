@@ -63,30 +63,51 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     setObjectName(QStringLiteral("PreferencesWindow"));
     setWindowTitle(tr("Korvane Preferences"));
     auto *tabs = new QTabWidget;
+    tabs->addTab(foldersPage(), tr("Folders"));
+    tabs->addTab(exclusionsPage(), tr("Exclusions"));
+    tabs->addTab(scanningPage(), tr("Scanning"));
 
-    auto *foldersPage = new QWidget;
-    auto *foldersLayout = new QVBoxLayout(foldersPage);
-    foldersLayout->addWidget(new QLabel(tr("KorvaneVarden scans new and changed files in these folders:")));
+    auto *layout = new QVBoxLayout(this);
+    layout->addWidget(protectionStatusLabel());
+    layout->addWidget(tabs);
+    layout->addWidget(buttonBox());
+
+    resize(620, 440);
+    load();
+}
+
+QWidget *PreferencesWindow::foldersPage()
+{
+    auto *page = new QWidget;
+    auto *layout = new QVBoxLayout(page);
+    layout->addWidget(new QLabel(tr("KorvaneVarden scans new and changed files in these folders:")));
     _folders = new QListWidget;
     _folders->setObjectName(QStringLiteral("folders"));
-    foldersLayout->addWidget(_folders);
-    auto *folderButtons = new QHBoxLayout;
+    layout->addWidget(_folders);
+    auto *buttons = new QHBoxLayout;
     QPushButton *addFolderButton = button(tr("Add…"), "addFolder");
     QPushButton *removeFolderButton = button(tr("Remove"), "removeFolder");
     QPushButton *upButton = button(tr("Move Up"), "moveFolderUp");
     QPushButton *downButton = button(tr("Move Down"), "moveFolderDown");
     for (QPushButton *b : {addFolderButton, removeFolderButton, upButton, downButton})
-        folderButtons->addWidget(b);
-    folderButtons->addStretch();
-    foldersLayout->addLayout(folderButtons);
-    tabs->addTab(foldersPage, tr("Folders"));
+        buttons->addWidget(b);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    connect(addFolderButton, &QPushButton::clicked, this, &PreferencesWindow::addFolder);
+    connect(removeFolderButton, &QPushButton::clicked, this, &PreferencesWindow::removeFolder);
+    connect(upButton, &QPushButton::clicked, this, [this] { moveFolder(-1); });
+    connect(downButton, &QPushButton::clicked, this, [this] { moveFolder(1); });
+    return page;
+}
 
-    auto *exclusionsPage = new QWidget;
-    auto *exclusionsLayout = new QVBoxLayout(exclusionsPage);
-    auto *exclusionsNote = new QLabel(tr("Paths that match an enabled pattern are never scanned. Text matches "
-                                         "anywhere, ignoring case; a regular expression must match the whole path."));
-    exclusionsNote->setWordWrap(true);
-    exclusionsLayout->addWidget(exclusionsNote);
+QWidget *PreferencesWindow::exclusionsPage()
+{
+    auto *page = new QWidget;
+    auto *layout = new QVBoxLayout(page);
+    auto *note = new QLabel(tr("Paths that match an enabled pattern are never scanned. Text matches "
+                               "anywhere, ignoring case; a regular expression must match the whole path."));
+    note->setWordWrap(true);
+    layout->addWidget(note);
     _exclusions = new QTableWidget(0, 4);
     _exclusions->setObjectName(QStringLiteral("exclusions"));
     _exclusions->setHorizontalHeaderLabels({tr("On"), tr("Pattern"), tr("Regular Expression"), tr("Comment")});
@@ -96,18 +117,23 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     _exclusions->horizontalHeader()->setSectionResizeMode(EnabledColumn, QHeaderView::ResizeToContents);
     _exclusions->horizontalHeader()->setSectionResizeMode(RegExColumn, QHeaderView::ResizeToContents);
     _exclusions->setSelectionBehavior(QAbstractItemView::SelectRows);
-    exclusionsLayout->addWidget(_exclusions);
-    auto *exclusionButtons = new QHBoxLayout;
+    layout->addWidget(_exclusions);
+    auto *buttons = new QHBoxLayout;
     QPushButton *addExclusionButton = button(tr("Add"), "addExclusion");
     QPushButton *removeExclusionButton = button(tr("Remove"), "removeExclusion");
-    exclusionButtons->addWidget(addExclusionButton);
-    exclusionButtons->addWidget(removeExclusionButton);
-    exclusionButtons->addStretch();
-    exclusionsLayout->addLayout(exclusionButtons);
-    tabs->addTab(exclusionsPage, tr("Exclusions"));
+    buttons->addWidget(addExclusionButton);
+    buttons->addWidget(removeExclusionButton);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    connect(addExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::addExclusion);
+    connect(removeExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::removeExclusion);
+    return page;
+}
 
-    auto *scanningPage = new QWidget;
-    auto *form = new QFormLayout(scanningPage);
+QWidget *PreferencesWindow::scanningPage()
+{
+    auto *page = new QWidget;
+    auto *form = new QFormLayout(page);
     _scanEmail = checkBox(tr("Scan the mail programs' folders"), "ScanEmail");
     _quarantineInfected = checkBox(tr("Move infected files into the quarantine folder"), "QuarantineInfected");
     _quarantineFolder = new QLineEdit;
@@ -117,6 +143,7 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     quarantineRow->addWidget(_quarantineFolder);
     QPushButton *chooseQuarantine = button(tr("Choose…"), "chooseQuarantineFolder");
     quarantineRow->addWidget(chooseQuarantine);
+    connect(chooseQuarantine, &QPushButton::clicked, this, &PreferencesWindow::chooseQuarantineFolder);
     _logScans = checkBox(tr("Keep a scan log"), "LogScans");
     _suppressSummary = checkBox(tr("Leave the summary out of the scan log"), "SuppressSummary");
     _additionalArgs = new QLineEdit;
@@ -144,45 +171,37 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     form->addRow(_logUpdates);
     form->addRow(_updateDefsOnLaunch);
     form->addRow(_automaticChecks);
-    tabs->addTab(scanningPage, tr("Scanning"));
+    return page;
+}
 
+QDialogButtonBox *PreferencesWindow::buttonBox()
+{
     auto *buttons = new QDialogButtonBox(QDialogButtonBox::Save | QDialogButtonBox::Reset | QDialogButtonBox::Close);
     buttons->button(QDialogButtonBox::Reset)->setText(tr("Revert"));
     buttons->button(QDialogButtonBox::Save)->setObjectName(QStringLiteral("save"));
     buttons->button(QDialogButtonBox::Reset)->setObjectName(QStringLiteral("revert"));
-
-    _protectionStatus = new QLabel;
-    _protectionStatus->setObjectName(QStringLiteral("protectionStatus"));
-    _protectionStatus->setWordWrap(true);
-    _protectionStatus->setTextFormat(Qt::RichText);
-    // Asked again while the window is open, since the guard changes by itself.
-    _statusTimer = new QTimer(this);
-    _statusTimer->setInterval(5000);
-    connect(_statusTimer, &QTimer::timeout, this, &PreferencesWindow::askProtectionStatus);
-    _statusTimer->start();
-    askProtectionStatus();
-
-    auto *layout = new QVBoxLayout(this);
-    layout->addWidget(_protectionStatus);
-    layout->addWidget(tabs);
-    layout->addWidget(buttons);
-
-    connect(addFolderButton, &QPushButton::clicked, this, &PreferencesWindow::addFolder);
-    connect(removeFolderButton, &QPushButton::clicked, this, &PreferencesWindow::removeFolder);
-    connect(upButton, &QPushButton::clicked, this, [this] { moveFolder(-1); });
-    connect(downButton, &QPushButton::clicked, this, [this] { moveFolder(1); });
-    connect(addExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::addExclusion);
-    connect(removeExclusionButton, &QPushButton::clicked, this, &PreferencesWindow::removeExclusion);
-    connect(chooseQuarantine, &QPushButton::clicked, this, &PreferencesWindow::chooseQuarantineFolder);
     connect(buttons->button(QDialogButtonBox::Save), &QPushButton::clicked, this, &PreferencesWindow::save);
     connect(buttons->button(QDialogButtonBox::Reset), &QPushButton::clicked, this, [this] {
         _settings->revert();
         load();
     });
     connect(buttons, &QDialogButtonBox::rejected, this, &QWidget::close);
+    return buttons;
+}
 
-    resize(620, 440);
-    load();
+QLabel *PreferencesWindow::protectionStatusLabel()
+{
+    _protectionStatus = new QLabel;
+    _protectionStatus->setObjectName(QStringLiteral("protectionStatus"));
+    _protectionStatus->setWordWrap(true);
+    _protectionStatus->setTextFormat(Qt::RichText);
+    // The guard changes by itself.
+    _statusTimer = new QTimer(this);
+    _statusTimer->setInterval(5000);
+    connect(_statusTimer, &QTimer::timeout, this, &PreferencesWindow::askProtectionStatus);
+    _statusTimer->start();
+    askProtectionStatus();
+    return _protectionStatus;
 }
 
 void PreferencesWindow::askProtectionStatus()

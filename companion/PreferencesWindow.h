@@ -6,6 +6,7 @@
 
 class CompanionSettings;
 class QCheckBox;
+class QDialogButtonBox;
 class QLabel;
 class QTimer;
 class QLineEdit;
@@ -37,6 +38,12 @@ public:
     void present();
 
 private:
+    QWidget *foldersPage();
+    QWidget *exclusionsPage();
+    QWidget *scanningPage();
+    QDialogButtonBox *buttonBox();
+    // The guard's status over the tabs, asked again while the window is open.
+    QLabel *protectionStatusLabel();
     void addFolder();
     void removeFolder();
     void moveFolder(int by);

@@ -1,18 +1,18 @@
 #include "AlertPresenter.h"
 
 #include "MessageBoxAlertPresenter.h"
+#include "SharedInstance.h"
 
 namespace {
-AlertPresenter *presenter = nullptr;
+SharedInstance<AlertPresenter> shared([]() -> AlertPresenter * { return new MessageBoxAlertPresenter; });
 }
 
 AlertPresenter *AlertPresenter::sharedPresenter()
 {
-    static MessageBoxAlertPresenter real;
-    return presenter ? presenter : &real;
+    return shared.get();
 }
 
-void AlertPresenter::setSharedPresenter(AlertPresenter *p)
+void AlertPresenter::setSharedPresenter(AlertPresenter *presenter)
 {
-    presenter = p;
+    shared.set(presenter);
 }

@@ -1,22 +1,22 @@
 #include "DistributedNotificationCenter.h"
 
 #include "platform/DBusDistributedNotificationCenter.h"
+#include "platform/SharedInstance.h"
 
 namespace {
-DistributedNotificationCenter *chosenCenter = nullptr;
-}
+// Observers may remove themselves during static destruction, after the
+// application object and its bus threads are gone.
+SharedInstance<DistributedNotificationCenter> shared([]() -> DistributedNotificationCenter * {
+    return new DBusDistributedNotificationCenter;
+});
+} // namespace
 
 DistributedNotificationCenter *DistributedNotificationCenter::defaultCenter()
 {
-    if (chosenCenter)
-        return chosenCenter;
-    // Never deleted: observers may remove themselves during static destruction,
-    // after the application object and its bus threads are gone.
-    static DistributedNotificationCenter *const sessionCenter = new DBusDistributedNotificationCenter();
-    return sessionCenter;
+    return shared.get();
 }
 
 void DistributedNotificationCenter::setDefaultCenter(DistributedNotificationCenter *center)
 {
-    chosenCenter = center;
+    shared.set(center);
 }

@@ -1,18 +1,18 @@
 #include "PrivilegedExecution.h"
 
 #include "PkexecPrivilegedExecution.h"
+#include "SharedInstance.h"
 
 namespace {
-PrivilegedExecution *installed = nullptr;
+SharedInstance<PrivilegedExecution> shared([]() -> PrivilegedExecution * { return new PkexecPrivilegedExecution; });
 }
 
 PrivilegedExecution *PrivilegedExecution::sharedExecution()
 {
-    static PkexecPrivilegedExecution real;
-    return installed ? installed : &real;
+    return shared.get();
 }
 
 void PrivilegedExecution::setSharedExecution(PrivilegedExecution *execution)
 {
-    installed = execution;
+    shared.set(execution);
 }

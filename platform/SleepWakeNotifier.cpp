@@ -1,21 +1,18 @@
 #include "SleepWakeNotifier.h"
 
 #include "platform/LogindSleepWakeNotifier.h"
+#include "platform/SharedInstance.h"
 
 namespace {
-SleepWakeNotifier *chosenNotifier = nullptr;
+SharedInstance<SleepWakeNotifier> shared([]() -> SleepWakeNotifier * { return new LogindSleepWakeNotifier; });
 }
 
 SleepWakeNotifier *SleepWakeNotifier::sharedNotifier()
 {
-    if (chosenNotifier)
-        return chosenNotifier;
-    // Never deleted: it must outlive every receiver, including those torn down after the application object.
-    static SleepWakeNotifier *const systemNotifier = new LogindSleepWakeNotifier();
-    return systemNotifier;
+    return shared.get();
 }
 
 void SleepWakeNotifier::setSharedNotifier(SleepWakeNotifier *notifier)
 {
-    chosenNotifier = notifier;
+    shared.set(notifier);
 }

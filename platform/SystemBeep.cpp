@@ -1,5 +1,7 @@
 #include "SystemBeep.h"
 
+#include "SharedInstance.h"
+
 #include <QApplication>
 
 namespace {
@@ -10,17 +12,16 @@ public:
     void play() override { QApplication::beep(); }
 };
 
-SystemBeep *installed = nullptr;
+SharedInstance<SystemBeep> shared([]() -> SystemBeep * { return new ApplicationBeep; });
 
 } // namespace
 
 SystemBeep *SystemBeep::sharedBeep()
 {
-    static ApplicationBeep real;
-    return installed ? installed : &real;
+    return shared.get();
 }
 
 void SystemBeep::setSharedBeep(SystemBeep *beep)
 {
-    installed = beep;
+    shared.set(beep);
 }

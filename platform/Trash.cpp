@@ -1,18 +1,18 @@
 #include "Trash.h"
 
 #include "FreedesktopTrash.h"
+#include "SharedInstance.h"
 
 namespace {
-Trash *installed = nullptr;
+SharedInstance<Trash> shared([]() -> Trash * { return new FreedesktopTrash; });
 }
 
 Trash *Trash::sharedTrash()
 {
-    static FreedesktopTrash real;
-    return installed ? installed : &real;
+    return shared.get();
 }
 
 void Trash::setSharedTrash(Trash *trash)
 {
-    installed = trash;
+    shared.set(trash);
 }

@@ -2,6 +2,7 @@
 
 #include "BundleInfo.h"
 #include "PropertyList.h"
+#include "SharedInstance.h"
 #include "SystemLog.h"
 
 #include <QDir>
@@ -49,9 +50,9 @@ QString configHome()
     return QDir::homePath() + QStringLiteral("/.config");
 }
 
-QMutex standardLock;
-UserDefaults *chosenStandard = nullptr;
-std::unique_ptr<UserDefaults> ownStandard;
+SharedInstance<UserDefaults> shared([]() -> UserDefaults * {
+    return new UserDefaults(BundleInfo::bundleIdentifier());
+});
 
 } // namespace
 
@@ -77,18 +78,12 @@ UserDefaults::~UserDefaults() = default;
 
 UserDefaults *UserDefaults::standardUserDefaults()
 {
-    QMutexLocker locker(&standardLock);
-    if (chosenStandard)
-        return chosenStandard;
-    if (!ownStandard)
-        ownStandard = std::make_unique<UserDefaults>(BundleInfo::bundleIdentifier());
-    return ownStandard.get();
+    return shared.get();
 }
 
 void UserDefaults::setStandardUserDefaults(UserDefaults *defaults)
 {
-    QMutexLocker locker(&standardLock);
-    chosenStandard = defaults;
+    shared.set(defaults);
 }
 
 QString UserDefaults::pathForDomain(const QString &domain)

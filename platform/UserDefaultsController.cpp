@@ -1,13 +1,13 @@
 #include "UserDefaultsController.h"
 
+#include "SharedInstance.h"
 #include "UserDefaults.h"
-
-#include <memory>
 
 namespace {
 
-UserDefaultsController *chosenShared = nullptr;
-std::unique_ptr<UserDefaultsController> ownShared;
+SharedInstance<UserDefaultsController> shared([]() -> UserDefaultsController * {
+    return new UserDefaultsController(UserDefaults::standardUserDefaults());
+});
 
 } // namespace
 
@@ -17,16 +17,12 @@ UserDefaultsController::UserDefaultsController(UserDefaults *defaults)
 
 UserDefaultsController *UserDefaultsController::sharedUserDefaultsController()
 {
-    if (chosenShared)
-        return chosenShared;
-    if (!ownShared)
-        ownShared = std::make_unique<UserDefaultsController>(UserDefaults::standardUserDefaults());
-    return ownShared.get();
+    return shared.get();
 }
 
 void UserDefaultsController::setSharedUserDefaultsController(UserDefaultsController *controller)
 {
-    chosenShared = controller;
+    shared.set(controller);
 }
 
 UserDefaults *UserDefaultsController::defaults() const

@@ -1,21 +1,20 @@
 #include "UserNotificationCenter.h"
 
 #include "platform/FreedesktopNotificationCenter.h"
+#include "platform/SharedInstance.h"
 
 namespace {
-UserNotificationCenter *chosenCenter = nullptr;
+SharedInstance<UserNotificationCenter> shared([]() -> UserNotificationCenter * {
+    return new FreedesktopNotificationCenter;
+});
 }
 
 UserNotificationCenter *UserNotificationCenter::defaultCenter()
 {
-    if (chosenCenter)
-        return chosenCenter;
-    // Never deleted: receivers of activated() may be torn down after the application object.
-    static UserNotificationCenter *const sessionCenter = new FreedesktopNotificationCenter();
-    return sessionCenter;
+    return shared.get();
 }
 
 void UserNotificationCenter::setDefaultCenter(UserNotificationCenter *center)
 {
-    chosenCenter = center;
+    shared.set(center);
 }

@@ -1,22 +1,22 @@
 #include "Workspace.h"
 
 #include "DesktopEntryWorkspace.h"
+#include "SharedInstance.h"
 
 #include <QFileInfo>
 
 namespace {
-Workspace *installed = nullptr;
+SharedInstance<Workspace> shared([]() -> Workspace * { return new DesktopEntryWorkspace; });
 }
 
 Workspace *Workspace::sharedWorkspace()
 {
-    static DesktopEntryWorkspace real;
-    return installed ? installed : &real;
+    return shared.get();
 }
 
 void Workspace::setSharedWorkspace(Workspace *workspace)
 {
-    installed = workspace;
+    shared.set(workspace);
 }
 
 bool Workspace::isFilePackageAtPath(const QString &path)

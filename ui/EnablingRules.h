@@ -36,8 +36,8 @@ public:
 private:
     bool menuRule(const QString &action, const QAction *item) const;
     bool toolbarRule(const QString &identifier, const QString &action) const;
-    // A fault inside a rule is logged with three beeps and leaves the item
-    // enabled, so a broken rule never locks the user out.
+    // A standard exception out of a rule is logged with three beeps and
+    // leaves the item enabled; Qt itself throws none.
     static bool guarded(const std::function<bool()> &rule);
 
     int rowCount() const;

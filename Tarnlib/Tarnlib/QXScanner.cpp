@@ -14,6 +14,12 @@
 
 namespace {
 
+// A result line reads "<path>: <result>"; an infection's result is its name
+// and this mark.
+constexpr QLatin1String nameSeparator(": ");
+constexpr QLatin1String foundMark(" FOUND");
+constexpr QLatin1String unofficialMark(".UNOFFICIAL");
+
 // "2014-03-05 14:07:09 +0000": local time and its offset from UTC.
 QString dateText()
 {
@@ -66,8 +72,24 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
 {
     QXScannerDelegate *delegate = _delegate;
     reportToMainAndWait([delegate] { delegate->scanStarted(); });
+    beginRun(paths);
 
-    _logScans = delegate->logScans();
+    // A newline would cut a name in the list and in the engine's output, so
+    // such a name is scanned in a call of its own.
+    QStringList listed, alone;
+    for (const QString &path : std::as_const(_thePathsToScan))
+        (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
+
+    const QString program = QDir::cleanPath(
+        delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+    reportEnd(program, runListedAndAlone(program, listed, alone));
+    closeScanLog();
+    _thePathsToScan.clear();
+}
+
+void QXScanner::beginRun(const QStringList &paths)
+{
+    _logScans = _delegate->logScans();
     _childOutputs.clear();
     _clientListPaths.clear();
     _unscanned.clear();
@@ -82,15 +104,12 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
         writeToLog(dateText());
     else
         writeToLog(QStringLiteral("%1\n%2\nItems to be scanned:\n").arg(QString(79, QLatin1Char('-')), dateText()));
+}
 
-    // A newline would cut a name in the list and in the engine's output, so
-    // such a name is scanned in a call of its own.
-    QStringList listed, alone;
-    for (const QString &path : std::as_const(_thePathsToScan))
-        (path.contains(QLatin1Char('\n')) ? alone : listed).append(path);
-
-    const QString program = QDir::cleanPath(
-        delegate->enginePath() + (_usingClamd ? QStringLiteral("/bin/clamdscan") : QStringLiteral("/bin/clamscan")));
+QXScanner::RunResult QXScanner::runListedAndAlone(const QString &program, const QStringList &listed,
+                                                  const QStringList &alone)
+{
+    QXScannerDelegate *delegate = _delegate;
     // The daemon client scans one file at a time, so a large batch is
     // shared among as many clients as the daemon has threads.
     const int clients =
@@ -104,7 +123,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
                              : runPart(program, argumentsForBatch(listed, _scanListTempFilePath), QString());
         ran = true;
     }
-    for (const QString &path : std::as_const(alone)) {
+    for (const QString &path : alone) {
         // A run that could not start, or was stopped or killed, ends the batch.
         if (ran && (!result.started || result.crashed || _stopRequested))
             break;
@@ -113,7 +132,12 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
             result = one;
         ran = true;
     }
+    return result;
+}
 
+void QXScanner::reportEnd(const QString &program, const RunResult &result)
+{
+    QXScannerDelegate *delegate = _delegate;
     if (!result.started) {
         const QString reason = QStringLiteral("launch path not accessible: %1: %2").arg(program, result.error);
         reportToMainAndWait([delegate, reason] { delegate->scanCrashed(reason); });
@@ -137,13 +161,15 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     } else {
         notifiedForComplete(result);
     }
+}
 
-    if (_loggerFileHandle) {
-        _loggerFileHandle->write(_returnCharData);
-        _loggerFileHandle->close();
-        _loggerFileHandle.reset();
-    }
-    _thePathsToScan.clear();
+void QXScanner::closeScanLog()
+{
+    if (!_loggerFileHandle)
+        return;
+    _loggerFileHandle->write(_returnCharData);
+    _loggerFileHandle->close();
+    _loggerFileHandle.reset();
 }
 
 void QXScanner::openScanLog()
@@ -232,7 +258,7 @@ void QXScanner::takeLine(ChildOutput &output, const QString &line)
         if (output.unanswered.remove(line.left(at)))
             break;
     }
-    _foundInRun = _foundInRun || line.endsWith(QLatin1String(" FOUND"));
+    _foundInRun = _foundInRun || foundInLine(line);
     handleLine(line);
 }
 
@@ -331,6 +357,23 @@ void QXScanner::notifiedForChildOutput(int child, const QByteArray &chunk)
         takeLine(output, line);
 }
 
+std::optional<QXScanner::Found> QXScanner::foundInLine(const QString &line)
+{
+    if (!line.endsWith(foundMark))
+        return std::nullopt;
+    const QStringView result = QStringView(line).chopped(foundMark.size());
+    const qsizetype separator = result.lastIndexOf(nameSeparator);
+    const QStringView name = result.mid(separator + nameSeparator.size());
+    if (separator <= 0 || name.isEmpty())
+        return std::nullopt;
+    return Found{result.left(separator).toString(), name.toString()};
+}
+
+QString QXScanner::foundLine(const Found &found)
+{
+    return found.path + nameSeparator + found.infectionName + foundMark;
+}
+
 void QXScanner::handleLine(const QString &line)
 {
     if (line.size() < 2)
@@ -344,9 +387,12 @@ void QXScanner::handleLine(const QString &line)
         return;
     }
     writeToLog(line);
-    if (line.endsWith(QLatin1String(" FOUND"))) {
-        QString reported = line;
-        reported.replace(QLatin1String(".UNOFFICIAL FOUND"), QLatin1String(" FOUND"));
+    if (std::optional<Found> found = foundInLine(line)) {
+        // Our own signatures carry the engine's mark of unofficial ones, which
+        // is no part of the infection's name.
+        if (found->infectionName.endsWith(unofficialMark))
+            found->infectionName.chop(unofficialMark.size());
+        const QString reported = foundLine(*found);
         reportToMain([delegate, reported] { delegate->infectionFound(reported); });
     } else if (line.contains(QLatin1String("virus database is older than"))) {
         const QString warning = Localization::text("DB_OUT_OF_DATE");

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class QXScannerDelegate;
@@ -34,6 +35,17 @@ public:
 
     // Appends text and a newline to the scan log when this run logs.
     void writeToLog(const QString &text);
+
+    // The engine's result line for an infected file, "<path>: <name> FOUND".
+    // The name never holds ": ", so the last one ends the path, whatever the
+    // path itself holds. Nothing for any other line.
+    struct Found
+    {
+        QString path;
+        QString infectionName;
+    };
+    static std::optional<Found> foundInLine(const QString &line);
+    static QString foundLine(const Found &found);
 
     // A new unique path in the temporary folder: "<tmp>/<prefix>-<UUID>".
     static QString pathForTemporaryFileWithPrefix(const QString &prefix);
@@ -85,6 +97,13 @@ private:
         QSet<QString> unanswered;
     };
 
+    // Forgets the last run and writes the new run's heading to the scan log.
+    void beginRun(const QStringList &paths);
+    // The listed paths in one run (or shared among clients), then each path
+    // that cannot be listed in a run of its own; one result for them all.
+    RunResult runListedAndAlone(const QString &program, const QStringList &listed, const QStringList &alone);
+    void reportEnd(const QString &program, const RunResult &result);
+    void closeScanLog();
     RunResult runPart(const QString &program, const QStringList &arguments, const QString &pathAlone);
     RunResult runSplit(const QString &program, const QStringList &paths, int clients);
     void takeLine(ChildOutput &output, const QString &line);

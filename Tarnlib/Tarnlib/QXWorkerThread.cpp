@@ -86,17 +86,17 @@ QXWorkerThread::RunResult QXWorkerThread::runChild(const QString &program, const
     return runChildren({Command{program, arguments}}).constFirst();
 }
 
+struct QXWorkerThread::Child
+{
+    QProcess process;
+    // A child that hangs (a suspended daemon, an updater that never
+    // returns) would hold its worker, and the agent with it, for ever.
+    QTimer silence;
+    RunResult result;
+};
+
 QList<QXWorkerThread::RunResult> QXWorkerThread::runChildren(const QList<Command> &commands)
 {
-    struct Child
-    {
-        QProcess process;
-        // A child that hangs (a suspended daemon, an updater that never
-        // returns) would hold its worker, and the agent with it, for ever.
-        QTimer silence;
-        RunResult result;
-        bool ended = false;
-    };
     const int count = int(commands.size());
     std::vector<std::unique_ptr<Child>> children;
     for (int i = 0; i < count; ++i)
@@ -110,99 +110,105 @@ QList<QXWorkerThread::RunResult> QXWorkerThread::runChildren(const QList<Command
     _childSuspended = false;
 
     for (int i = 0; i < count; ++i) {
-        Child &child = *children[size_t(i)];
-        QProcess &process = child.process;
-        const QString program = commands.at(i).program;
-        process.setProcessChannelMode(QProcess::SeparateChannels);
-        process.setInputChannelMode(QProcess::ForwardedInputChannel);
-        child.silence.setSingleShot(true);
-        child.silence.setInterval(_silenceLimit);
-        connect(&child.silence, &QTimer::timeout, &process, [this, &child, program] {
-            // A child its owner suspended is quiet on purpose.
-            if (_childSuspended) {
-                child.silence.start();
-                return;
-            }
-            child.result.silent = true;
-            SystemLog::log(QStringLiteral("%1 gave no output for %2 s: ending it")
-                               .arg(program)
-                               .arg(std::chrono::duration_cast<std::chrono::seconds>(_silenceLimit).count()));
-            child.process.terminate();
-            // One that ignores the termination is killed.
-            QTimer::singleShot(5000, &child.process, [&child] { child.process.kill(); });
-        });
-
-        // Every chunk is taken out of its pipe whether or not a subclass
-        // cares, so that a child never blocks on a full pipe.
-        connect(&process, &QProcess::readyReadStandardOutput, &process, [this, &child, i] {
-            const QByteArray chunk = child.process.readAllStandardOutput();
-            if (!chunk.isEmpty()) {
-                if (!child.result.silent)
-                    child.silence.start();
-                notifiedForChildOutput(i, chunk);
-            }
-        });
-        connect(&process, &QProcess::readyReadStandardError, &process, [this, &child] {
-            const QByteArray chunk = child.process.readAllStandardError();
-            if (!chunk.isEmpty()) {
-                if (!child.result.silent)
-                    child.silence.start();
-                notifiedForStdError(chunk);
-            }
-        });
-        connect(&process, &QProcess::started, &process, [this, &child, i] {
-            setChildPid(i, child.process.processId());
-            child.silence.start();
-        });
-        const auto end = [this, &child, &running, &loop, i] {
-            setChildPid(i, 0);
-            child.silence.stop();
-            child.ended = true;
+        watchChild(*children[size_t(i)], i, commands.at(i).program, [&running, &loop] {
             if (--running == 0)
                 loop.quit();
-        };
-        connect(&process, &QProcess::finished, &process, [&child, end](int exitCode, QProcess::ExitStatus exitStatus) {
-            child.result.started = true;
-            // For a child ended by a signal Qt gives the signal number as the code.
-            child.result.status = exitCode;
-            child.result.crashed = exitStatus == QProcess::CrashExit;
-            end();
-        });
-        // A program that cannot be started never sends finished.
-        connect(&process, &QProcess::errorOccurred, &process, [&child, end](QProcess::ProcessError error) {
-            if (error != QProcess::FailedToStart)
-                return;
-            child.result.started = false;
-            child.result.error = child.process.errorString();
-            end();
         });
     }
-
     for (int i = 0; i < count; ++i)
         children[size_t(i)]->process.start(commands.at(i).program, commands.at(i).arguments);
     if (running > 0)
         loop.exec();
 
     QList<RunResult> results;
-    for (int i = 0; i < count; ++i) {
-        Child &child = *children[size_t(i)];
-        if (child.process.state() != QProcess::NotRunning) {
-            // Only stopThread() leaves the loop early; no child may outlive the run.
-            setChildPid(i, 0);
-            child.process.kill();
-            child.process.waitForFinished(-1);
-        }
-        if (const QByteArray chunk = child.process.readAllStandardOutput(); !chunk.isEmpty())
-            notifiedForChildOutput(i, chunk);
-        if (const QByteArray chunk = child.process.readAllStandardError(); !chunk.isEmpty())
-            notifiedForStdError(chunk);
-        results.append(child.result);
-    }
+    for (int i = 0; i < count; ++i)
+        results.append(collectChild(*children[size_t(i)], i));
     {
         QMutexLocker locker(&_childLock);
         _childPids.clear();
     }
     return results;
+}
+
+void QXWorkerThread::watchChild(Child &child, int index, const QString &program, std::function<void()> end)
+{
+    QProcess &process = child.process;
+    process.setProcessChannelMode(QProcess::SeparateChannels);
+    process.setInputChannelMode(QProcess::ForwardedInputChannel);
+    child.silence.setSingleShot(true);
+    child.silence.setInterval(_silenceLimit);
+    connect(&child.silence, &QTimer::timeout, &process, [this, &child, program] {
+        // A child its owner suspended is quiet on purpose.
+        if (_childSuspended) {
+            child.silence.start();
+            return;
+        }
+        child.result.silent = true;
+        SystemLog::log(QStringLiteral("%1 gave no output for %2 s: ending it")
+                           .arg(program)
+                           .arg(std::chrono::duration_cast<std::chrono::seconds>(_silenceLimit).count()));
+        child.process.terminate();
+        // One that ignores the termination is killed.
+        QTimer::singleShot(5000, &child.process, [&child] { child.process.kill(); });
+    });
+
+    // Every chunk is taken out of its pipe whether or not a subclass
+    // cares, so that a child never blocks on a full pipe.
+    connect(&process, &QProcess::readyReadStandardOutput, &process, [this, &child, index] {
+        const QByteArray chunk = child.process.readAllStandardOutput();
+        if (!chunk.isEmpty()) {
+            if (!child.result.silent)
+                child.silence.start();
+            notifiedForChildOutput(index, chunk);
+        }
+    });
+    connect(&process, &QProcess::readyReadStandardError, &process, [this, &child] {
+        const QByteArray chunk = child.process.readAllStandardError();
+        if (!chunk.isEmpty()) {
+            if (!child.result.silent)
+                child.silence.start();
+            notifiedForStdError(chunk);
+        }
+    });
+    connect(&process, &QProcess::started, &process, [this, &child, index] {
+        setChildPid(index, child.process.processId());
+        child.silence.start();
+    });
+    const auto ended = [this, &child, index, end] {
+        setChildPid(index, 0);
+        child.silence.stop();
+        end();
+    };
+    connect(&process, &QProcess::finished, &process, [&child, ended](int exitCode, QProcess::ExitStatus exitStatus) {
+        child.result.started = true;
+        // For a child ended by a signal Qt gives the signal number as the code.
+        child.result.status = exitCode;
+        child.result.crashed = exitStatus == QProcess::CrashExit;
+        ended();
+    });
+    // A program that cannot be started never sends finished.
+    connect(&process, &QProcess::errorOccurred, &process, [&child, ended](QProcess::ProcessError error) {
+        if (error != QProcess::FailedToStart)
+            return;
+        child.result.started = false;
+        child.result.error = child.process.errorString();
+        ended();
+    });
+}
+
+QXWorkerThread::RunResult QXWorkerThread::collectChild(Child &child, int index)
+{
+    if (child.process.state() != QProcess::NotRunning) {
+        // Only stopThread() leaves the loop early; no child may outlive the run.
+        setChildPid(index, 0);
+        child.process.kill();
+        child.process.waitForFinished(-1);
+    }
+    if (const QByteArray chunk = child.process.readAllStandardOutput(); !chunk.isEmpty())
+        notifiedForChildOutput(index, chunk);
+    if (const QByteArray chunk = child.process.readAllStandardError(); !chunk.isEmpty())
+        notifiedForStdError(chunk);
+    return child.result;
 }
 
 void QXWorkerThread::notifiedForStdOutput(const QByteArray &)

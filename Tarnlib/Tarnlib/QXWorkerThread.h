@@ -108,7 +108,13 @@ protected:
     void clearPaused();
 
 private:
+    struct Child;
     void deliverToMain(std::function<void()> fn, bool wait);
+    // Arms the child's silence limit and takes its output as it comes; end
+    // is called once the child finished or could not start.
+    void watchChild(Child &child, int index, const QString &program, std::function<void()> end);
+    // Ends a child that outlived the run and takes what it still had to say.
+    RunResult collectChild(Child &child, int index);
     void setChildPid(int child, qint64 pid);
     bool signalChild(int signal);
 

@@ -2,9 +2,12 @@
 
 #include "FakeScannerDelegate.h"
 #include "ProcessState.h"
+#include "RecordingUtilsDelegate.h"
 #include "ScriptEngine.h"
+#include "Tarnlib/Tarnlib/QXUtils.h"
 #include "platform/Localization.h"
 #include "tests/support/EngineFixture.h"
+#include "tests/support/FreshPreferences.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RemoteDaemon.h"
 #include "tests/support/ScriptedPrefix.h"
@@ -232,6 +235,51 @@ TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
                 ElementsAre("/x/a: Korvane.Test.Eicar.UNOFFICIAL FOUND", "/x/grüße: OK",
                             "LibClamAV Warning: The virus database is older than 7 days!",
                             "/x/last: Korvane.Test.Marker.UNOFFICIAL FOUND", "", ""));
+}
+
+// The name never holds ": ", so the last one before it ends the path,
+// whatever the path itself holds.
+TEST_F(QXScannerTest, AFoundLineGivesTheListTheWholePathAndTheName)
+{
+    const struct
+    {
+        QByteArray line;
+        QString path, name;
+    } rows[] = {
+        {"/x/a: Korvane.Test.Eicar.UNOFFICIAL FOUND", "/x/a", eicarName},
+        {"/x/v: B/f: y: Korvane.Test.Eicar.UNOFFICIAL FOUND", "/x/v: B/f: y", eicarName},
+        {"/x/b.UNOFFICIAL FOUND: Korvane.Test.Eicar.UNOFFICIAL FOUND", "/x/b.UNOFFICIAL FOUND", eicarName},
+        {"/x/c: Eicar FOUND: Eicar-Signature FOUND", "/x/c: Eicar FOUND", "Eicar-Signature"},
+        // The daemon's extended detection information.
+        {"/x/d: Eicar-Signature(44d88612fea8a8f36de82e1278abb02f:68) FOUND", "/x/d",
+         "Eicar-Signature(44d88612fea8a8f36de82e1278abb02f:68)"},
+    };
+    ScriptEngine engine(ScriptEngine::waitForRelease());
+    ASSERT_TRUE(useScript(engine));
+    ChunkFedScanner *fed = startScanner();
+    scan({"/x"});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return engine.pid() > 0 && fed->hasChild(); }, waitLimit));
+    QByteArray output;
+    for (const auto &row : rows)
+        output += row.line + '\n';
+    auto fedAll = std::make_shared<std::atomic<bool>>(false);
+    fed->perform([fed, output, fedAll] {
+        fed->feed(output);
+        *fedAll = true;
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return fedAll->load(); }, waitLimit));
+    engine.release();
+    ASSERT_TRUE(waitForEnd());
+
+    FreshPreferences home;
+    RecordingUtilsDelegate listed;
+    QXUtils utils(&listed, {});
+    for (const QString &event : delegate.eventsStartingWith("infectionFound:"))
+        utils.infectionFound(event.mid(int(qstrlen("infectionFound:"))));
+    QList<QPair<QString, QString>> expected;
+    for (const auto &row : rows)
+        expected.append({row.name, row.path});
+    EXPECT_EQ(listed.infections, expected);
 }
 
 TEST_F(QXScannerTest, MissingEngineProgramReportsACrashAndLeavesTheList)
