@@ -2,6 +2,7 @@
 #include "KorvaneVarden_AppDelegate.h"
 
 #include "platform/ApplicationHost.h"
+#include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/Localization.h"
 #include "platform/SystemLog.h"
@@ -55,11 +56,8 @@ QString KorvaneVarden_AppDelegate::relaunchToolPath()
 {
     if (!relaunchTool.isEmpty())
         return relaunchTool;
-    // Beside the agent in a build tree; in the helper folder once installed.
-    const QString own = QCoreApplication::applicationDirPath();
-    const QString beside = own + QStringLiteral("/relaunch");
-    const QString installed = QDir::cleanPath(own + QStringLiteral("/../" KORVANE_HELPER_DIR "/relaunch"));
-    return QFileInfo(beside).isExecutable() || !QFileInfo(installed).isExecutable() ? beside : installed;
+    return BundleInfo::helperFilePath(QStringLiteral("relaunch"),
+                                      [](const QFileInfo &file) { return file.isExecutable(); });
 }
 
 void KorvaneVarden_AppDelegate::setRelaunchToolPath(const QString &path)

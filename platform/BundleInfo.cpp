@@ -40,15 +40,19 @@ QString BundleInfo::executableName()
     return name.isEmpty() ? QStringLiteral("KorvaneVarden") : name;
 }
 
+QString BundleInfo::helperFilePath(const QString &name, const std::function<bool(const QFileInfo &)> &usable)
+{
+    const QString own = QCoreApplication::applicationDirPath();
+    const QString beside = own + QLatin1Char('/') + name;
+    const QString installed = QDir::cleanPath(own + QStringLiteral("/../" KORVANE_HELPER_DIR "/") + name);
+    return usable(QFileInfo(beside)) || !usable(QFileInfo(installed)) ? beside : installed;
+}
+
 QString BundleInfo::infoPath()
 {
     if (!info.isEmpty())
         return info;
-    // Beside the program in a build tree; in the helper folder once installed.
-    const QString own = QCoreApplication::applicationDirPath();
-    const QString beside = own + QStringLiteral("/Info.plist");
-    const QString installed = QDir::cleanPath(own + QStringLiteral("/../" KORVANE_HELPER_DIR "/Info.plist"));
-    return QFileInfo::exists(beside) || !QFileInfo::exists(installed) ? beside : installed;
+    return helperFilePath(QStringLiteral("Info.plist"), [](const QFileInfo &file) { return file.exists(); });
 }
 
 void BundleInfo::setInfoPath(const QString &path)

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <QFileInfo>
 #include <QString>
 #include <QUrl>
+
+#include <functional>
 
 // What the original platform keeps in a program's bundle: its identifier,
 // executable name and version, and the information property list
@@ -17,6 +20,10 @@ public:
     static QString executableName();
     static QString shortVersionString();
 
+    // A file that ships beside the program in a build tree and in the helper
+    // folder once installed: the one beside it when that is usable or the
+    // installed one is not.
+    static QString helperFilePath(const QString &name, const std::function<bool(const QFileInfo &)> &usable);
     static QString infoPath();
     // Tests supply an information file of their own; an empty path returns
     // to the program's own.
