@@ -47,7 +47,8 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
     // The companion keeps its own scan log beside ours, whichever road its
     // scans take.
     _pathToScanLog = UserFolders::logs()
-                     + (_useClamd && !runningAsCompanion() ? QStringLiteral("/KorvaneVarden-scan.log") : QStringLiteral("/korvane-scan.log"));
+                     + (_useClamd && !runningAsCompanion() ? QStringLiteral("/KorvaneVarden-scan.log")
+                                                           : QStringLiteral("/korvane-scan.log"));
 
     _enginePathsEnumerator = 0;
     _updateLogPathsEnumerator = 0;
