@@ -110,3 +110,5 @@ private:
     Summary _summary;
     QElapsedTimer _clock;
 };
+
+Q_DECLARE_METATYPE(OnDemandScan::Summary)
