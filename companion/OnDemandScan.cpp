@@ -204,9 +204,12 @@ void OnDemandScan::infectionFound(const QString &infectionName, const QString &i
                          {QStringLiteral("filePath"), inFile},
                          {QStringLiteral("status"), QString("")}});
     emit foundInfection(inFile, infectionName);
-    if (_quarantine && !_actions->quarantineFileAtIndex(_results->rowCount() - 1))
-        _summary.notScanned
-            << QStringLiteral("%1: infected, and could not be moved into the quarantine folder").arg(inFile);
+    if (!_quarantine)
+        return;
+    if (_actions->quarantineFileAtIndex(_results->rowCount() - 1))
+        ++_summary.quarantined;
+    else
+        _summary.notQuarantined << inFile;
 }
 
 void OnDemandScan::scanCrashed(const QString &reason)
@@ -264,9 +267,12 @@ QString OnDemandScan::summaryText(const Summary &summary)
     if (!summary.error.isEmpty())
         out << " (" << summary.error << ")";
     out << "\nFiles scanned: " << summary.scanned << "\nInfected files: " << summary.infected
-        << "\nNot scanned: " << summary.notScanned.size() << "\n";
+        << "\nMoved into quarantine: " << summary.quarantined << "\nNot scanned: " << summary.notScanned.size() << "\n";
     for (const QString &line : summary.notScanned)
         out << "  " << line << "\n";
+    // The quarantine folder is missing or cannot be written: the system log says which.
+    for (const QString &file : summary.notQuarantined)
+        out << "Not moved into quarantine: " << file << "\n";
     out << "Time: " << QString::number(summary.milliseconds / 1000.0, 'f', 3) << " s\n";
     return text;
 }

@@ -27,6 +27,9 @@ public:
         Result result = Result::Clean;
         qint64 scanned = 0;
         int infected = 0;
+        int quarantined = 0;
+        // The infected files that could not be moved into quarantine.
+        QStringList notQuarantined;
         // "<path>: <why>" for each path or file left unscanned.
         QStringList notScanned;
         qint64 milliseconds = 0;
