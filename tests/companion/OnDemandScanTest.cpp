@@ -153,25 +153,33 @@ class ScanCommandLineTest : public CompanionFixture
 TEST_F(ScanCommandLineTest, ExitsZeroCleanOneInfectedTwoOnAMissingPath)
 {
     ASSERT_TRUE(EngineFixture::shared().isReady());
-    const QString clean = home->writeFile("Clean/readme.txt", "nothing here");
+    home->writeDomain(QStringLiteral("org.korvane.Korvane"),
+                      {{QStringLiteral("QuarantineFolder"), home->filePath("Quarantine")}});
+    home->writeFile("Clean/readme.txt", "nothing here");
     const QString infected = home->writeFile("Infected/deep/er/x.com", EngineFixture::eicarContents());
+    const QString toQuarantine = home->writeFile("Moved/deep/y.com", EngineFixture::eicarContents());
     const struct
     {
         QString path;
+        bool quarantine;
         int exitCode;
         QString printed;
     } cases[] = {
-        {home->filePath("Clean"), 0, QStringLiteral("Infected files: 0")},
-        {home->filePath("Infected"), 1, infected + QStringLiteral(": ")},
-        {home->filePath("Missing"), 2, QStringLiteral("no such file or folder")},
+        {home->filePath("Clean"), false, 0, QStringLiteral("Infected files: 0")},
+        {home->filePath("Infected"), false, 1, infected + QStringLiteral(": ")},
+        {home->filePath("Moved"), true, 1, QStringLiteral("Moved into quarantine: 1")},
+        {home->filePath("Missing"), false, 2, QStringLiteral("no such file or folder")},
     };
     for (const auto &row : cases) {
         SCOPED_TRACE(row.path.toStdString());
         QString output;
         QTextStream out(&output);
-        EXPECT_EQ(OnDemandScan::runFromCommandLine({row.path}, false, false, out, testEngine()), row.exitCode);
+        EXPECT_EQ(OnDemandScan::runFromCommandLine({row.path}, row.quarantine, false, out, testEngine()), row.exitCode);
         EXPECT_TRUE(output.contains(row.printed)) << output.toStdString();
     }
+    EXPECT_TRUE(QFile::exists(infected));
+    EXPECT_FALSE(QFile::exists(toQuarantine));
+    EXPECT_TRUE(QFile::exists(home->filePath("Quarantine/y.com")));
     // The results are in the companion's own scan log, not the agent's.
     QFile log(UserFolders::logs() + QStringLiteral("/korvane-scan.log"));
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));
