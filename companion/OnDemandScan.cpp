@@ -1,6 +1,7 @@
 #include "OnDemandScan.h"
 
 #include "platform/AlertPresenter.h"
+#include "platform/SystemBeep.h"
 #include "platform/SystemLog.h"
 #include "ui/InfectedFileActions.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -284,18 +285,27 @@ int OnDemandScan::runFromCommandLine(const QStringList &paths, bool quarantine, 
         out << "Korvane: --scan needs at least one file or folder" << Qt::endl;
         return 2;
     }
-    // Without a display no question can be asked: a file in a mail store
-    // takes the safe answer and stays where it is.
+    // Without a display no question can be asked and no beep sounded: a
+    // file in a mail store takes the safe answer and stays where it is, and
+    // a failed move is told in the summary.
     struct SafeAnswers : AlertPresenter
     {
         int runModal(const Alert &) override { return DefaultReturn; }
     } safeAnswers;
+    struct Silence : SystemBeep
+    {
+        void play() override {}
+    } silence;
     const bool graphical = qobject_cast<QApplication *>(QCoreApplication::instance()) != nullptr;
-    if (!graphical)
+    if (!graphical) {
         AlertPresenter::setSharedPresenter(&safeAnswers);
+        SystemBeep::setSharedBeep(&silence);
+    }
     const auto restore = qScopeGuard([graphical] {
-        if (!graphical)
+        if (!graphical) {
             AlertPresenter::setSharedPresenter(nullptr);
+            SystemBeep::setSharedBeep(nullptr);
+        }
     });
     OnDemandScan scan(engines);
     scan.setQuarantine(quarantine);

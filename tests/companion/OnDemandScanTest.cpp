@@ -186,3 +186,16 @@ TEST_F(ScanCommandLineTest, ExitsZeroCleanOneInfectedTwoOnAMissingPath)
     EXPECT_TRUE(log.readAll().contains(infected.toUtf8() + ": "));
     EXPECT_FALSE(QFile::exists(UserFolders::logs() + QStringLiteral("/KorvaneVarden-scan.log")));
 }
+
+TEST_F(ScanCommandLineTest, WithoutADisplayAFileThatCannotBeQuarantinedIsReportedAndTheScanEnds)
+{
+    ASSERT_TRUE(EngineFixture::shared().isReady());
+    // No quarantine folder is set.
+    home->writeDomain(QStringLiteral("org.korvane.Korvane"),
+                      {{QStringLiteral("PathToClamav"), EngineFixture::shared().enginePath()}});
+    const QString infected = home->writeFile("Infected/x.com", EngineFixture::eicarContents());
+    QString output;
+    EXPECT_EQ(runKorvane({"--scan", "--quarantine", home->filePath("Infected")}, &output), 1) << output.toStdString();
+    EXPECT_TRUE(output.contains("Not moved into quarantine: " + infected)) << output.toStdString();
+    EXPECT_TRUE(QFile::exists(infected));
+}
