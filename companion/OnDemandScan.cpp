@@ -36,9 +36,9 @@ OnDemandScan::~OnDemandScan()
 
 bool OnDemandScan::respondsTo(Optional optional) const
 {
-    return optional == Optional::NeedToUpdateDB || optional == Optional::ClamdStarted
-           || optional == Optional::ClamdFailedToStart || optional == Optional::ClamdAlreadyRunning
-           || optional == Optional::SavedSearchCutAtPath;
+    return optional == Optional::NeedToUpdateDB || optional == Optional::NeedToUpdateEngineDisplayVersionString
+           || optional == Optional::ClamdStarted || optional == Optional::ClamdFailedToStart
+           || optional == Optional::ClamdAlreadyRunning || optional == Optional::SavedSearchCutAtPath;
 }
 
 void OnDemandScan::makeCoordinator()
@@ -61,6 +61,8 @@ void OnDemandScan::makeCoordinator()
 
 bool OnDemandScan::start(const QStringList &paths)
 {
+    if (_running)
+        return false;
     _summary = {};
     _paths.clear();
     _total = -1;
@@ -91,6 +93,12 @@ void OnDemandScan::engineNotFound()
 void OnDemandScan::needToUpdateDB()
 {
     end(Result::Error, QStringLiteral("the virus engine has no definitions: update them first"));
+}
+
+void OnDemandScan::needToUpdateEngineDisplayVersionString(const QString &version)
+{
+    // The check ends here: without this answer the scan would wait forever.
+    end(Result::Error, QStringLiteral("the virus engine %1 is too old: update it").arg(version));
 }
 
 void OnDemandScan::engineFoundWithVersionString(const QString &)

@@ -86,6 +86,7 @@ protected:
     void updateProgressWithPercentDone(double) override {}
     void fileCounterReturned(qint64 count) override;
     void needToUpdateDB() override;
+    void needToUpdateEngineDisplayVersionString(const QString &version) override;
     void clamdStarted() override { beginScan(); }
     void clamdAlreadyRunning() override { beginScan(); }
     void clamdFailedToStart() override;
