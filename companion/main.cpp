@@ -1,5 +1,6 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
+#include "OnDemandScan.h"
 #include "platform/AgentStatusService.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -94,11 +95,25 @@ int main(int argc, char **argv)
     const QCommandLineOption first(QStringLiteral("first-run"),
                                    QStringLiteral("Write the first settings (the Downloads folder, start at login) "
                                                   "when there are none, and exit."));
-    parser.addOptions({show, add, remove, list, first, status});
-    parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("A korvane: URL, such as korvane://update."),
-                                 QStringLiteral("[URL]"));
+    const QCommandLineOption scan(QStringLiteral("scan"),
+                                  QStringLiteral("Scan the files and folders given, without a window; exit 0 clean, "
+                                                 "1 infected, 2 an error."));
+    const QCommandLineOption quarantine(QStringLiteral("quarantine"),
+                                        QStringLiteral("With --scan: move infected files into the quarantine folder."));
+    const QCommandLineOption standalone(QStringLiteral("standalone"),
+                                        QStringLiteral("With --scan: use the stand-alone scanner, not the daemon."));
+    parser.addOptions({show, add, remove, list, first, status, scan, quarantine, standalone});
+    parser.addPositionalArgument(QStringLiteral("URL"),
+                                 QStringLiteral("A korvane: URL, such as korvane://update; with --scan, the files "
+                                                "and folders to scan."),
+                                 QStringLiteral("[URL|PATH...]"));
     parser.process(*app);
 
+    if (parser.isSet(scan)) {
+        QTextStream out(stdout);
+        return OnDemandScan::runFromCommandLine(parser.positionalArguments(), parser.isSet(quarantine),
+                                                parser.isSet(standalone), out);
+    }
     if (!graphical) {
         QTextStream out(stdout);
         int result = 0;

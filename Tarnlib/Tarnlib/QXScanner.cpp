@@ -230,6 +230,12 @@ QXWorkerThread::RunResult QXScanner::runSplit(const QString &program, const QStr
     RunResult batch;
     batch.started = true;
     bool failed = false;
+    // Every client killed at once from outside is the user's Abort Scans,
+    // not a client lost on its own: the batch ends as one killed client's
+    // would, and nothing is left for a second run.
+    const bool allKilled = !_stopRequested && std::all_of(results.begin(), results.end(), [](const RunResult &result) {
+        return result.started && result.crashed && !result.silent;
+    });
     for (int i = 0; i < clients; ++i) {
         ChildOutput &output = _childOutputs[size_t(i)];
         takeLastLine(output);
@@ -238,13 +244,15 @@ QXWorkerThread::RunResult QXScanner::runSplit(const QString &program, const QStr
             return result;
         failed = failed || result.crashed || result.status >= 2;
         // A client that was killed or hung leaves the rest of its list unscanned.
-        if (result.crashed) {
+        if (result.crashed && !allKilled) {
             for (const QString &path : std::as_const(output.listed)) {
                 if (output.unanswered.contains(path))
                     _unscanned.append(path);
             }
         }
     }
+    if (allKilled)
+        return results.first();
     batch.status = _foundInRun ? 1 : failed ? 2 : 0;
     return batch;
 }

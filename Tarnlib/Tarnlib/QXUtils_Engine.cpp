@@ -44,9 +44,11 @@ void QXUtils::makeEngineCandidateLists(const QList<EngineCandidate> &fixed)
         }
     }
 
-    // The companion keeps its own scan log beside ours.
+    // The companion keeps its own scan log beside ours, whichever road its
+    // scans take.
     _pathToScanLog = UserFolders::logs()
-                     + (_useClamd ? QStringLiteral("/KorvaneVarden-scan.log") : QStringLiteral("/korvane-scan.log"));
+                     + (_useClamd && !runningAsCompanion() ? QStringLiteral("/KorvaneVarden-scan.log")
+                                                           : QStringLiteral("/korvane-scan.log"));
 
     _enginePathsEnumerator = 0;
     _updateLogPathsEnumerator = 0;
