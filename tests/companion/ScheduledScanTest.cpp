@@ -86,6 +86,7 @@ TEST_F(ScheduledScanTest, TheChosenScheduleBecomesATimerAndServiceThatScanTheFol
     const QString plain = makeFolder("Downloads");
     const QString spaced = makeFolder("My Files");
     const QString odd = makeFolder("100% \"sure\" $HOME \\ %h");
+    const QString lines = makeFolder("two\nlines");
     struct Row
     {
         const char *name;
@@ -110,12 +111,12 @@ TEST_F(ScheduledScanTest, TheChosenScheduleBecomesATimerAndServiceThatScanTheFol
          23,
          QStringLiteral("Sun *-*-* 23:00:00"),
          prefix + QStringLiteral("\"%1/My Files\" \"%1/100%% \\\"sure\\\" $$HOME \\\\ %%h\"").arg(home)},
-        {"weekly on Monday at midnight",
-         {plain},
+        {"weekly on Monday at midnight, a newline in a name",
+         {lines},
          1,
          0,
          QStringLiteral("Mon *-*-* 00:00:00"),
-         prefix + QLatin1Char('"') + plain + QLatin1Char('"')},
+         prefix + QStringLiteral("\"%1/two\\nlines\"").arg(home)},
     };
     PreferencesWindow *w = openScheduleWindow();
     for (const Row &row : rows) {
