@@ -20,6 +20,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QCloseEvent>
 #include <QKeyEvent>
 #include <QSpinBox>
 #include <QTabWidget>
@@ -92,6 +93,14 @@ void PreferencesWindow::keyPressEvent(QKeyEvent *event)
         close();
     else
         QWidget::keyPressEvent(event);
+}
+
+void PreferencesWindow::closeEvent(QCloseEvent *event)
+{
+    // A refused save leaves its edits in the settings' buffer, where the
+    // next save would write them unseen.
+    _settings->revert();
+    QWidget::closeEvent(event);
 }
 
 QWidget *PreferencesWindow::foldersPage()

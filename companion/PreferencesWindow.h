@@ -7,6 +7,7 @@
 class CompanionSettings;
 class QCheckBox;
 class QComboBox;
+class QCloseEvent;
 class QKeyEvent;
 class QDialogButtonBox;
 class QLabel;
@@ -42,6 +43,7 @@ public:
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
 
 private:
     QWidget *foldersPage();

@@ -197,6 +197,19 @@ TEST_F(ScheduledScanTest, EscapeOrCloseDropsScheduleEditsAndLeavesTheUnitsAsThey
         EXPECT_EQ(control<QSpinBox>("ScheduledScanHour")->value(), 4);
         EXPECT_EQ(control<QListWidget>("ScheduledScanFolders")->item(0)->text(), CompanionSettings::abbreviated(saved));
     }
+
+    // Edits that a refused save took in are dropped by Escape all the same.
+    schedule({other}, 0, 20);
+    control<QLineEdit>("QuarantineFolder")->setText(QStringLiteral("relative"));
+    ASSERT_FALSE(w->save());
+    QTest::keyClick(w, Qt::Key_Escape);
+    w->present();
+    EXPECT_EQ(control<QSpinBox>("ScheduledScanHour")->value(), 4);
+    EXPECT_EQ(control<QLineEdit>("QuarantineFolder")->text(), QString());
+    control<QCheckBox>("ScheduledScanEnabled")->setChecked(false);
+    ASSERT_TRUE(w->save());
+    EXPECT_FALSE(ScheduledScan::isWritten());
+    EXPECT_FALSE(CompanionSettings().value(QStringLiteral("QuarantineFolder")).isValid());
 }
 
 TEST_F(ScheduledScanTest, ACarelessScheduleIsRefusedWithTheReasonAndChangesNothing)
