@@ -19,6 +19,10 @@ namespace {
 
 const QString folderKey = QStringLiteral("VardenFolderArray");
 const QString excludeKey = QStringLiteral("ExcludePatterns");
+const QString scheduleEnabledKey = QStringLiteral("ScheduledScanEnabled");
+const QString scheduleFoldersKey = QStringLiteral("ScheduledScanFolders");
+const QString scheduleWeekdayKey = QStringLiteral("ScheduledScanWeekday");
+const QString scheduleHourKey = QStringLiteral("ScheduledScanHour");
 
 void setError(QString *error, const QString &text)
 {
@@ -325,6 +329,41 @@ QString CompanionSettings::scannerArgumentsProblem(const QString &arguments)
     return {};
 }
 
+ScheduledScan::Schedule CompanionSettings::scheduledScan() const
+{
+    ScheduledScan::Schedule schedule;
+    schedule.enabled = value(scheduleEnabledKey).toBool();
+    for (const QVariant &folder : value(scheduleFoldersKey).toList()) {
+        if (!folder.toString().isEmpty())
+            schedule.folders << folder.toString();
+    }
+    bool isNumber = false;
+    const int weekday = value(scheduleWeekdayKey).toInt(&isNumber);
+    if (isNumber)
+        schedule.weekday = weekday;
+    const int hour = value(scheduleHourKey).toInt(&isNumber);
+    if (isNumber)
+        schedule.hour = hour;
+    return schedule;
+}
+
+bool CompanionSettings::setScheduledScan(const ScheduledScan::Schedule &schedule, QString *error)
+{
+    const QString problem = ScheduledScan::problem(schedule);
+    if (!problem.isEmpty()) {
+        setError(error, problem);
+        return false;
+    }
+    QVariantList folders;
+    for (const QString &folder : schedule.folders)
+        folders << abbreviated(expanded(folder));
+    setValue(scheduleEnabledKey, schedule.enabled);
+    setValue(scheduleFoldersKey, folders);
+    setValue(scheduleWeekdayKey, schedule.weekday);
+    setValue(scheduleHourKey, schedule.hour);
+    return true;
+}
+
 QString CompanionSettings::guardProblem() const
 {
     const QStringList watched = watchedFolders();
@@ -342,7 +381,9 @@ QString CompanionSettings::guardProblem() const
 
 bool CompanionSettings::save(QString *error)
 {
-    const QString problem = guardProblem();
+    QString problem = guardProblem();
+    if (problem.isEmpty())
+        problem = ScheduledScan::problem(scheduledScan());
     if (!problem.isEmpty()) {
         setError(error, problem);
         return false;

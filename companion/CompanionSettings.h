@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ScheduledScan.h"
+
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -40,6 +42,12 @@ public:
     bool setExclusionRecords(const QVariantList &records, QString *error = nullptr);
     // Empty when the record can be used; otherwise what is wrong with it.
     static QString exclusionRecordProblem(const QVariantMap &record);
+
+    // The folders Korvane scans on a schedule, and when.
+    ScheduledScan::Schedule scheduledScan() const;
+    // Refused, changing nothing, with what is wrong when the schedule cannot be
+    // kept (an hour past 23, no folder, a relative folder...).
+    bool setScheduledScan(const ScheduledScan::Schedule &schedule, QString *error = nullptr);
 
     // Empty when the settings as they would be saved leave no watched file
     // unscanned without a sign; otherwise the first such problem.

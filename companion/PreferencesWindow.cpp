@@ -3,12 +3,15 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "LoginItem.h"
+#include "ScheduledScan.h"
 #include "platform/AgentStatusService.h"
 #include "platform/AlertPresenter.h"
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -16,11 +19,15 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QCloseEvent>
+#include <QKeyEvent>
 #include <QSpinBox>
 #include <QTabWidget>
 #include <QTableWidget>
 #include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace {
 
@@ -66,6 +73,7 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     tabs->addTab(foldersPage(), tr("Folders"));
     tabs->addTab(exclusionsPage(), tr("Exclusions"));
     tabs->addTab(scanningPage(), tr("Scanning"));
+    tabs->addTab(schedulePage(), tr("Schedule"));
 
     auto *layout = new QVBoxLayout(this);
     layout->addWidget(protectionStatusLabel());
@@ -74,6 +82,24 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
 
     resize(620, 440);
     load();
+}
+
+void PreferencesWindow::keyPressEvent(QKeyEvent *event)
+{
+    // As in a dialog; unsaved edits are dropped, as with Close, since the
+    // window reads the settings again when it is shown.
+    if (event->matches(QKeySequence::Cancel))
+        close();
+    else
+        QWidget::keyPressEvent(event);
+}
+
+void PreferencesWindow::closeEvent(QCloseEvent *event)
+{
+    // A refused save leaves its edits in the settings' buffer, where the
+    // next save would write them unseen.
+    _settings->revert();
+    QWidget::closeEvent(event);
 }
 
 QWidget *PreferencesWindow::foldersPage()
@@ -174,6 +200,48 @@ QWidget *PreferencesWindow::scanningPage()
     return page;
 }
 
+QWidget *PreferencesWindow::schedulePage()
+{
+    auto *page = new QWidget;
+    auto *layout = new QVBoxLayout(page);
+    _scheduleEnabled = checkBox(tr("Scan these folders on a schedule:"), "ScheduledScanEnabled");
+    layout->addWidget(_scheduleEnabled);
+    _scheduledFolders = new QListWidget;
+    _scheduledFolders->setObjectName(QStringLiteral("ScheduledScanFolders"));
+    layout->addWidget(_scheduledFolders);
+    auto *buttons = new QHBoxLayout;
+    QPushButton *addButton = button(tr("Add…"), "addScheduledFolder");
+    QPushButton *removeButton = button(tr("Remove"), "removeScheduledFolder");
+    buttons->addWidget(addButton);
+    buttons->addWidget(removeButton);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    connect(addButton, &QPushButton::clicked, this, &PreferencesWindow::addScheduledFolder);
+    connect(removeButton, &QPushButton::clicked, this,
+            [this] { delete _scheduledFolders->takeItem(_scheduledFolders->currentRow()); });
+
+    auto *when = new QHBoxLayout;
+    _scheduleWeekday = new QComboBox;
+    _scheduleWeekday->setObjectName(QStringLiteral("ScheduledScanWeekday"));
+    _scheduleWeekday->addItems({tr("Every day"), tr("Every Monday"), tr("Every Tuesday"), tr("Every Wednesday"),
+                                tr("Every Thursday"), tr("Every Friday"), tr("Every Saturday"), tr("Every Sunday")});
+    _scheduleHour = new QSpinBox;
+    _scheduleHour->setObjectName(QStringLiteral("ScheduledScanHour"));
+    _scheduleHour->setRange(0, 23);
+    _scheduleHour->setPrefix(tr("at "));
+    _scheduleHour->setSuffix(tr(":00"));
+    when->addWidget(_scheduleWeekday);
+    when->addWidget(_scheduleHour);
+    when->addStretch();
+    layout->addLayout(when);
+    auto *note = new QLabel(tr("The scan is skipped while the computer runs on battery power; one missed while it "
+                               "was off runs when it next starts. Results go to the scan log, and a notification "
+                               "tells when something is found."));
+    note->setWordWrap(true);
+    layout->addWidget(note);
+    return page;
+}
+
 QDialogButtonBox *PreferencesWindow::buttonBox()
 {
     auto *buttons = new QDialogButtonBox(QDialogButtonBox::Save | QDialogButtonBox::Reset | QDialogButtonBox::Close);
@@ -263,6 +331,13 @@ void PreferencesWindow::load()
     _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
     _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));
     _startAtLogin->setChecked(LoginItem::isEnabled());
+
+    const ScheduledScan::Schedule schedule = _settings->scheduledScan();
+    _scheduleEnabled->setChecked(schedule.enabled);
+    _scheduledFolders->clear();
+    _scheduledFolders->addItems(schedule.folders);
+    _scheduleWeekday->setCurrentIndex(std::clamp(schedule.weekday, 0, 7));
+    _scheduleHour->setValue(schedule.hour);
 }
 
 bool PreferencesWindow::save()
@@ -292,6 +367,16 @@ bool PreferencesWindow::save()
     QString problem;
     if (!_settings->setExclusionRecords(records, &problem)) {
         complain(tr("This exclusion cannot be saved."), problem);
+        return false;
+    }
+    ScheduledScan::Schedule schedule;
+    schedule.enabled = _scheduleEnabled->isChecked();
+    for (int i = 0; i < _scheduledFolders->count(); ++i)
+        schedule.folders << _scheduledFolders->item(i)->text();
+    schedule.weekday = _scheduleWeekday->currentIndex();
+    schedule.hour = _scheduleHour->value();
+    if (!_settings->setScheduledScan(schedule, &problem)) {
+        complain(tr("The scheduled scan cannot be saved."), problem);
         return false;
     }
     const QString quarantine = _quarantineFolder->text().trimmed();
@@ -332,7 +417,28 @@ bool PreferencesWindow::save()
         complain(tr("The login setting could not be changed."), problem);
         return false;
     }
+    QString note;
+    if (!ScheduledScan::apply(schedule, korvaneProgram(), &problem, &note)) {
+        complain(tr("The scheduled scan could not be set up."), problem);
+        return false;
+    }
+    if (!note.isEmpty())
+        complain(tr("The scheduled scan is saved."), note);
     return true;
+}
+
+QString PreferencesWindow::korvaneProgram() const
+{
+    return QFileInfo(_agentProgram).absolutePath() + QStringLiteral("/Korvane");
+}
+
+void PreferencesWindow::addScheduledFolder()
+{
+    const QString folder = _chooseFolder(this, tr("Choose a Folder to Scan on a Schedule"), QDir::homePath());
+    const QString clean = CompanionSettings::abbreviated(folder);
+    if (folder.isEmpty() || !_scheduledFolders->findItems(clean, Qt::MatchExactly).isEmpty())
+        return;
+    _scheduledFolders->addItem(clean);
 }
 
 void PreferencesWindow::present()

@@ -6,6 +6,9 @@
 
 class CompanionSettings;
 class QCheckBox;
+class QComboBox;
+class QCloseEvent;
+class QKeyEvent;
 class QDialogButtonBox;
 class QLabel;
 class QTimer;
@@ -15,8 +18,9 @@ class QSpinBox;
 class QTableWidget;
 
 // The companion's preferences: watched folders, exclusions, scanning,
-// logging and updates, and whether the agent starts at login. Nothing is
-// written until Save; Revert shows the saved settings again.
+// logging and updates, whether the agent starts at login, and the scheduled
+// scan. Nothing is written until Save; Revert shows the saved settings again,
+// and Close or Escape leaves them as they were.
 class PreferencesWindow : public QWidget
 {
     Q_OBJECT
@@ -37,10 +41,15 @@ public:
     // Shows the window in front, as when the agent asks for it.
     void present();
 
+protected:
+    void keyPressEvent(QKeyEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
+
 private:
     QWidget *foldersPage();
     QWidget *exclusionsPage();
     QWidget *scanningPage();
+    QWidget *schedulePage();
     QDialogButtonBox *buttonBox();
     // The guard's status over the tabs, asked again while the window is open.
     QLabel *protectionStatusLabel();
@@ -50,6 +59,9 @@ private:
     void addExclusion();
     void removeExclusion();
     void chooseQuarantineFolder();
+    void addScheduledFolder();
+    // Korvane, beside the agent, which the scheduled scan runs.
+    QString korvaneProgram() const;
     void complain(const QString &message, const QString &details = {});
     // Asks the agent for the guard's status and shows it at the top.
     void askProtectionStatus();
@@ -72,4 +84,8 @@ private:
     QSpinBox *_rotateSize;
     QCheckBox *_automaticChecks;
     QCheckBox *_startAtLogin;
+    QCheckBox *_scheduleEnabled;
+    QListWidget *_scheduledFolders;
+    QComboBox *_scheduleWeekday;
+    QSpinBox *_scheduleHour;
 };
