@@ -74,8 +74,8 @@ void InfectedFileActions::deleteFile()
         const QString path = item.value(filePathKey).toString();
         if (_utils->isFileInTrash(path) || checkIfLooksLikeMailAndPromptForFile(path) == 0)
             continue;
-        // A quarantined file sent on to the Trash comes back to quarantine,
-        // where it stays without its execute bits.
+        // A quarantined file sent on to the Trash comes back to quarantine
+        // with the mode quarantine gave it.
         InfectedItem trashedItem = item;
         for (const QString &key : {fileModeKey, fileSizeKey, fileSha256Key})
             trashedItem.remove(key);
