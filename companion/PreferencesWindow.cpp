@@ -235,8 +235,7 @@ QWidget *PreferencesWindow::schedulePage()
     when->addStretch();
     layout->addLayout(when);
     auto *note = new QLabel(tr("The scan is skipped while the computer runs on battery power; one missed while it "
-                               "was off runs when it next starts. Results go to the scan log, and a notification "
-                               "tells when something is found."));
+                               "was off runs when it next starts. Results go to Korvane's scan log."));
     note->setWordWrap(true);
     layout->addWidget(note);
     return page;
