@@ -241,6 +241,9 @@ public:
     QLabel *popupFloaterTextField() const;
 
 private:
+    // The sender our distributed notifications carry.
+    inline static const QString notificationObject = QStringLiteral("KorvaneVarden");
+
     void observeCompanionAndWorkspace();
     // The status: its sources and how the user sees it.
     void setupProtectionStatus();

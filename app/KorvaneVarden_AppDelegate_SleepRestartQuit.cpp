@@ -22,7 +22,6 @@
 namespace {
 
 const QString hasQuitNotification = QStringLiteral("KorvaneVardenHasQuit");
-const QString notificationObject = QStringLiteral("KorvaneVarden");
 QString relaunchTool;
 
 } // namespace

@@ -27,7 +27,6 @@
 
 namespace {
 
-const QString notificationObject = QStringLiteral("KorvaneVarden");
 const QString openPrefsNotification = QStringLiteral("KorvaneShouldOpenPrefs");
 // How long adding or removing folders waits for the companion to come up.
 constexpr int companionWaitSeconds = 30;

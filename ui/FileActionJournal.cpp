@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QSet>
 
 namespace {
 
@@ -115,16 +116,17 @@ qint64 FileActionJournal::mark() const
 void FileActionJournal::forgetUpTo(qint64 mark)
 {
     QFile file(_path);
-    if (!file.open(QIODevice::ReadOnly))
-        return;
-    const QByteArray rest = file.readAll().mid(mark);
-    file.close();
-    if (rest.isEmpty()) {
-        file.remove();
-    } else {
-        QSaveFile kept(_path);
-        if (kept.open(QIODevice::WriteOnly) && kept.write(rest) == rest.size())
-            kept.commit();
+    // Nothing covered: moves journalled since the rows were taken stay as they are.
+    if (mark > 0 && file.open(QIODevice::ReadOnly)) {
+        const QByteArray rest = file.readAll().mid(mark);
+        file.close();
+        if (rest.isEmpty()) {
+            file.remove();
+        } else {
+            QSaveFile kept(_path);
+            if (kept.open(QIODevice::WriteOnly) && kept.write(rest) == rest.size())
+                kept.commit();
+        }
     }
     step("dropped");
 }
@@ -132,6 +134,7 @@ void FileActionJournal::forgetUpTo(qint64 mark)
 int FileActionJournal::reconcile(QList<InfectedItem> *rows) const
 {
     int changed = 0;
+    QSet<QString> targetFolders;
     for (const Move &move : movesIn(_path)) {
         const QString from = move.before.value(filePathKey).toString();
         const QString to = move.after.value(filePathKey).toString();
@@ -145,10 +148,10 @@ int FileActionJournal::reconcile(QList<InfectedItem> *rows) const
             QFile::remove(to);
             atTo = false;
         }
-        removePartialCopiesIn(QFileInfo(to).path());
+        targetFolders.insert(QFileInfo(to).path());
         const bool moved = atTo && !atFrom;
         if (moved && move.action == Action::Quarantine && FileMove::regularFileMode(to) >= 0)
-            FileMove::setMode(to, 0400);
+            FileMove::setMode(to, quarantinedMode);
         bool knownMode = false;
         const int mode = move.before.value(modeKey).toString().toInt(&knownMode, 8);
         if (moved && move.action == Action::PutBack) {
@@ -170,6 +173,8 @@ int FileActionJournal::reconcile(QList<InfectedItem> *rows) const
             continue;
         ++changed;
     }
+    for (const QString &folder : std::as_const(targetFolders))
+        removePartialCopiesIn(folder);
     return changed;
 }
 

@@ -21,6 +21,8 @@ public:
     QString path() const { return _path; }
 
     enum class Action { Quarantine, Trash, PutBack };
+    // Nothing in quarantine can be run, written or read by anyone else.
+    static constexpr int quarantinedMode = 0400;
     // Records a move from before's "filePath" to after's, with the rows as
     // they will be either way. Answers an empty string, or why it could not
     // be recorded: the file must then not be moved.

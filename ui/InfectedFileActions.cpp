@@ -25,9 +25,6 @@ const QString filePathKey = QStringLiteral("filePath");
 const QString originalFilePathKey = QStringLiteral("originalFilePath");
 const QString statusKey = QStringLiteral("status");
 
-// Nothing in quarantine can be run, written or read by anyone else.
-constexpr int quarantinedMode = 0400;
-
 // A name that only starts with a dot has no extension.
 QString extensionOf(const QString &path)
 {
@@ -85,9 +82,8 @@ void InfectedFileActions::deleteFile()
         if (!record(FileActionJournal::Action::Trash, item, trashedItem))
             continue;
         QString error;
-        const QString trashed = Trash::sharedTrash()->moveToTrash(path, &error, [this](const QString &target) {
-            return !_journal || _journal->retarget(target).isEmpty();
-        });
+        const QString trashed = Trash::sharedTrash()->moveToTrash(
+            path, &error, [this](const QString &target) { return !_journal || _journal->retarget(target).isEmpty(); });
         if (trashed.isEmpty()) {
             SystemLog::log(QStringLiteral("could not move %1 to the Trash: %2").arg(path, error));
             SystemBeep::beep();
@@ -173,7 +169,7 @@ bool InfectedFileActions::quarantineFileAtIndex(int row)
         return false;
     }
     FileActionJournal::step("moved");
-    if (mode >= 0 && !FileMove::setMode(target, quarantinedMode))
+    if (mode >= 0 && !FileMove::setMode(target, FileActionJournal::quarantinedMode))
         SystemLog::log(QStringLiteral("could not make %1 read-only: %2").arg(target, FileMove::errorText(errno)));
     FileActionJournal::step("mode");
     _list->replaceObjectAtRow(row, quarantined);
