@@ -79,6 +79,9 @@ void KorvaneVarden_AppDelegate::setupEventListener()
         const QStringList excluded{UserFolders::home()
                                    + QStringLiteral("/Library/Caches/com.apple.Safari/Webpage Previews")};
         _events->setExcludedPaths(excluded);
+        // The scans' own exclusions, so that a folder they leave out takes no watch.
+        _events->setExcludedFolderTest(
+            [policy = _utils->exclusionPolicy().detached()](const QString &folder) { return policy.excludesFolder(folder); });
         if (_needGfslogger)
             _gfsWatcher->startWatching(paths);
         else

@@ -1,11 +1,11 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,watch,idle,list]
+//   agent_bench --scratch DIR [--only detection,watch,exclude,idle,list]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
-// (--probe-watch TREE, --probe-idle TREE --engine PREFIX --seconds N).
+// (--probe-watch TREE [--probe-exclude TEXT], --probe-idle TREE --engine PREFIX --seconds N).
 
 #include "BenchTable.h"
 #include "DetectionBench.h"
@@ -42,21 +42,23 @@ int main(int argc, char **argv)
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
     const QCommandLineOption only(QStringLiteral("only"),
-                                  QStringLiteral("Comma-separated: detection, watch, idle, list."),
-                                  QStringLiteral("parts"), QStringLiteral("detection,watch,idle,list"));
+                                  QStringLiteral("Comma-separated: detection, watch, exclude, idle, list."),
+                                  QStringLiteral("parts"), QStringLiteral("detection,watch,exclude,idle,list"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
+    const QCommandLineOption probeExclude(QStringLiteral("probe-exclude"),
+                                          QStringLiteral("Child: leave out folders holding text."), QStringLiteral("text"));
     const QCommandLineOption probeIdle(QStringLiteral("probe-idle"), QStringLiteral("Child: the agent idling on tree."),
                                        QStringLiteral("tree"));
     const QCommandLineOption engine(QStringLiteral("engine"), QStringLiteral("Engine prefix for --probe-idle."),
                                     QStringLiteral("prefix"));
     const QCommandLineOption seconds(QStringLiteral("seconds"), QStringLiteral("Idle time for --probe-idle."),
                                      QStringLiteral("n"), QStringLiteral("60"));
-    parser.addOptions({scratch, only, probeWatch, probeIdle, engine, seconds});
+    parser.addOptions({scratch, only, probeWatch, probeExclude, probeIdle, engine, seconds});
     parser.process(*app);
 
     if (parser.isSet(probeWatch))
-        return WatchProbe::watchTree(parser.value(probeWatch));
+        return WatchProbe::watchTree(parser.value(probeWatch), parser.value(probeExclude));
 
     BundleInfo::setBundleIdentifier(QStringLiteral(KORVANE_AGENT_ID));
     Localization::install(app.get());
@@ -83,8 +85,10 @@ int main(int argc, char **argv)
     const QString root = QDir(scratchDir).absolutePath();
     if (parts.contains(QLatin1String("detection")))
         DetectionBench(daemon.enginePath(), root, table).run();
-    WatchBench(QCoreApplication::applicationFilePath(), daemon.enginePath(), root, table)
-        .run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")));
+    WatchBench watch(QCoreApplication::applicationFilePath(), daemon.enginePath(), root, table);
+    watch.run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")));
+    if (parts.contains(QLatin1String("exclude")))
+        watch.runExcluded();
     if (parts.contains(QLatin1String("list")))
         ListBench(daemon.enginePath(), root, table).run();
 

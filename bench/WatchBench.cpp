@@ -83,6 +83,50 @@ void WatchBench::run(bool compareSetup, bool measureIdle)
     }
 }
 
+void WatchBench::runExcluded()
+{
+    const QString path = _scratch + QStringLiteral("/excluded-tree");
+    const Tree rest{QStringLiteral("rest"), {100, 100}, 0, 0};
+    const Tree excluded{QStringLiteral("node_modules"), {50, 1000}, 0, 0};
+    FolderTree::remove(path);
+    QDir().mkpath(path);
+    const qint64 restFolders = build(rest, path + QStringLiteral("/src"));
+    const qint64 excludedFolders = build(excluded, path + QStringLiteral("/node_modules"));
+    if (restFolders < 0 || excludedFolders < 0) {
+        _table.add(QStringLiteral("excluded tree: made"), QStringLiteral("could not be made"), QStringLiteral("made"),
+                   false);
+        FolderTree::remove(path);
+        return;
+    }
+    QList<Probe> whole;
+    QList<Probe> less;
+    for (int round = 0; round < rounds; ++round) {
+        BenchTable::progress(QStringLiteral("excluded tree: round %1 of %2").arg(round + 1).arg(rounds));
+        whole.append(probeOurs(path));
+        less.append(probeOurs(path, QStringLiteral("/node_modules/")));
+    }
+    FolderTree::remove(path);
+
+    // The root and src with its folders; node_modules takes no watch.
+    const qint64 expected = 1 + restFolders;
+    const qint64 watchedLess = median(measured(less, &Probe::watched));
+    const QString label = QStringLiteral("tree of %1 folders, %2 of them in an excluded folder")
+                              .arg(thousands(1 + restFolders + excludedFolders), thousands(excludedFolders));
+    _table.add(label + QStringLiteral(": watches"),
+               QStringLiteral("%1 (without the exclusion %2)")
+                   .arg(thousands(watchedLess), thousands(median(measured(whole, &Probe::watched)))),
+               QStringLiteral("%1, the rest alone").arg(thousands(expected)), watchedLess == expected);
+    const double setupLess = median(measured(less, &Probe::setupMs));
+    const double setupWhole = median(measured(whole, &Probe::setupMs));
+    // Set-up time follows the folders watched, with room for the exclusion test itself.
+    const double allowed = setupWhole * 1.5 * double(expected) / double(1 + restFolders + excludedFolders);
+    _table.add(label + QStringLiteral(": watch set-up, median of %1").arg(rounds),
+               QStringLiteral("%1 (without the exclusion %2)")
+                   .arg(BenchTable::seconds(setupLess), BenchTable::seconds(setupWhole)),
+               QStringLiteral("≤ %1 (1.5 × the share of folders watched)").arg(BenchTable::seconds(allowed)),
+               setupLess >= 0 && setupWhole >= 0 && setupLess <= allowed);
+}
+
 qint64 WatchBench::build(const Tree &tree, const QString &path) const
 {
     BenchTable::progress(QStringLiteral("making the %1 tree in %2").arg(tree.name, path));
@@ -180,9 +224,12 @@ qint64 WatchBench::inotifywaitBaselineKb()
     return _inotifywaitBaselineKb;
 }
 
-WatchBench::Probe WatchBench::probeOurs(const QString &path) const
+WatchBench::Probe WatchBench::probeOurs(const QString &path, const QString &excludedText) const
 {
-    const QHash<QString, QString> values = runProbe({QStringLiteral("--probe-watch"), path}, 600000);
+    QStringList arguments{QStringLiteral("--probe-watch"), path};
+    if (!excludedText.isEmpty())
+        arguments << QStringLiteral("--probe-exclude") << excludedText;
+    const QHash<QString, QString> values = runProbe(arguments, 600000);
     Probe probe;
     probe.setupMs = values.value(QStringLiteral("setup_ms"), QStringLiteral("-1")).toDouble();
     probe.hwmKb = values.value(QStringLiteral("hwm_kb"), QStringLiteral("-1")).toLongLong();

@@ -9,6 +9,7 @@
 #include "app/Dispatcher.h"
 #include "app/KorvaneVarden_AppDelegate.h"
 #include "platform/FileSystemWatcher.h"
+#include "Tarnlib/Tarnlib/QXExclusionPolicy.h"
 #include "platform/SystemLog.h"
 
 #include <QTextStream>
@@ -30,7 +31,7 @@ void report(const QString &key, double value)
 
 } // namespace
 
-int WatchProbe::watchTree(const QString &tree)
+int WatchProbe::watchTree(const QString &tree, const QString &excludedText)
 {
     StallMeter meter;
     meter.start();
@@ -48,7 +49,13 @@ int WatchProbe::watchTree(const QString &tree)
     });
     meter.reset();
     const double started = BenchClock::nowMs();
-    if (!watcher->start({tree}, 3.0, {})) {
+    // The agent hands its watcher the scans' exclusions the same way.
+    FileSystemWatcher::FolderTest unwatched;
+    if (!excludedText.isEmpty()) {
+        const QXExclusionPolicy policy({tree}, {QXExclusionPredicate::containing(excludedText)}, {});
+        unwatched = [policy](const QString &folder) { return policy.excludesFolder(folder); };
+    }
+    if (!watcher->start({tree}, 3.0, unwatched)) {
         SystemLog::log(QStringLiteral("bench: the watcher did not start on ") + tree);
         return 1;
     }

@@ -10,8 +10,9 @@ class WatchProbe
 public:
     // The folder watcher the agent uses, alone under a QCoreApplication: time
     // from start to setupFinished, memory before and after, the longest stall
-    // of the main thread meanwhile.
-    static int watchTree(const QString &tree);
+    // of the main thread meanwhile. Folders whose path below tree holds
+    // excludedText are left out, as a user's exclusion leaves them out.
+    static int watchTree(const QString &tree, const QString &excludedText = {});
     // The whole agent watching tree, then left alone for the given time: the
     // CPU it used meanwhile and its memory.
     static int idleAgent(const QString &tree, const QString &enginePath, int seconds);

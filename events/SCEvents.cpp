@@ -6,6 +6,7 @@
 #include <QMutexLocker>
 #include <QThread>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -43,7 +44,12 @@ bool SCEvents::startWatchingPaths(const QStringList &paths)
                              _delegate->pathWatcherCoverageChanged(this, root, problem);
                      });
     // Below an excluded folder every event would be dropped, so it needs no watches.
-    const QStringList unwatched = _ignoreEventsFromSubDirs ? _excludedPaths : QStringList();
+    const QStringList prefixes = _ignoreEventsFromSubDirs ? _excludedPaths : QStringList();
+    const auto unwatched = [prefixes, excluded = _excludedFolderTest](const QString &folder) {
+        return std::any_of(prefixes.begin(), prefixes.end(),
+                           [&](const QString &prefix) { return folder.startsWith(prefix); })
+               || (excluded && excluded(folder));
+    };
     if (!stream->start(paths, _notificationLatency, unwatched)) {
         delete stream;
         return false;

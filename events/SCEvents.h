@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <functional>
 #include <optional>
 
 struct FileSystemEvent;
@@ -44,6 +45,9 @@ public:
     void setWatchedPaths(const QStringList &paths) { _watchedPaths = paths; }
     QStringList excludedPaths() const { return _excludedPaths; }
     void setExcludedPaths(const QStringList &paths) { _excludedPaths = paths; }
+    // Folders the scans leave out whole, asked on the stream's own thread: they
+    // take no watch, so their events never come.
+    void setExcludedFolderTest(const std::function<bool(const QString &folder)> &test) { _excludedFolderTest = test; }
 
     // Watches on the calling thread's event loop. False for an empty list or while
     // already watching. Folders that cannot be watched (missing, unreadable) are
@@ -78,6 +82,7 @@ private:
     std::optional<SCEvent> _lastEvent;
     QStringList _watchedPaths;
     QStringList _excludedPaths;
+    std::function<bool(const QString &folder)> _excludedFolderTest;
     // Serialises start, stop, the flushes and the stream description; never taken by
     // the delivery, so a synchronous flush can call the delegate while holding it.
     mutable QMutex _eventsLock;

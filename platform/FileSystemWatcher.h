@@ -25,6 +25,8 @@ class FileSystemWatcher : public QObject
 {
     Q_OBJECT
 public:
+    using FolderTest = std::function<bool(const QString &folder)>;
+
     enum Flag : quint32 {
         MustScanSubDirs = 0x00000001,
         RootChanged = 0x00000020,
@@ -51,11 +53,12 @@ public:
 
     // Watches every folder below roots. Batches arrive through eventsOccurred on
     // this object's thread, latency seconds after their first change; a file changed
-    // after this answered is reported even when its folder's watch came later. Folders whose
-    // path begins with one of unwatchedPrefixes (text, not path components) get no
-    // watch. Roots that cannot be watched are logged and do not make this fail;
-    // false only when the system gives no watcher or this one is already running.
-    virtual bool start(const QStringList &roots, double latency, const QStringList &unwatchedPrefixes) = 0;
+    // after this answered is reported even when its folder's watch came later. Folders
+    // isUnwatched answers true for get no watch, nor does anything below them; it is
+    // called on the watcher's own thread. Roots that cannot be watched are logged and
+    // do not make this fail; false only when the system gives no watcher or this one
+    // is already running.
+    virtual bool start(const QStringList &roots, double latency, const FolderTest &isUnwatched) = 0;
     virtual void stop() = 0;
     virtual bool isWatching() const = 0;
     // Waits until the trees present at the start are watched, then emits every

@@ -100,7 +100,7 @@ qint64 watchLimit()
 class InotifyWatcher::Worker : public QObject
 {
 public:
-    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const QStringList &unwatchedPrefixes,
+    Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs, const FolderTest &isUnwatched,
            qint64 watchBudget, qint64 changedSinceNs);
     ~Worker() override;
 
@@ -158,7 +158,7 @@ private:
     // Changes stamped from then on may have come before their folder's watch.
     const qint64 _changedSinceNs;
     QList<QByteArray> _roots;
-    QList<QByteArray> _unwatchedPrefixes;
+    FolderTest _isUnwatched;
     QSocketNotifier *_notifier = nullptr;
     QTimer *_latencyTimer = nullptr;
     QHash<int, Folder> _folders;
@@ -176,17 +176,16 @@ private:
 };
 
 InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList &roots, int latencyMs,
-                               const QStringList &unwatchedPrefixes, qint64 watchBudget, qint64 changedSinceNs)
+                               const FolderTest &isUnwatched, qint64 watchBudget, qint64 changedSinceNs)
     : _owner(owner)
     , _fd(fd)
     , _latencyMs(latencyMs)
     , _watchBudget(watchBudget)
     , _changedSinceNs(changedSinceNs)
+    , _isUnwatched(isUnwatched)
 {
     for (const QString &root : roots)
         _roots.append(QFile::encodeName(root));
-    for (const QString &prefix : unwatchedPrefixes)
-        _unwatchedPrefixes.append(QFile::encodeName(prefix));
 }
 
 InotifyWatcher::Worker::~Worker()
@@ -608,10 +607,7 @@ QByteArray InotifyWatcher::Worker::rootOf(int wd) const
 
 bool InotifyWatcher::Worker::isUnwatched(const QByteArray &path) const
 {
-    for (const QByteArray &prefix : _unwatchedPrefixes)
-        if (path.startsWith(prefix))
-            return true;
-    return false;
+    return _isUnwatched && _isUnwatched(QFile::decodeName(path));
 }
 
 void InotifyWatcher::Worker::note(const QByteArray &path, quint32 flags)
@@ -663,7 +659,7 @@ InotifyWatcher::~InotifyWatcher()
     stop();
 }
 
-bool InotifyWatcher::start(const QStringList &roots, double latency, const QStringList &unwatchedPrefixes)
+bool InotifyWatcher::start(const QStringList &roots, double latency, const FolderTest &isUnwatched)
 {
     if (_worker)
         return false;
@@ -677,7 +673,7 @@ bool InotifyWatcher::start(const QStringList &roots, double latency, const QStri
     QStringList cleanRoots;
     for (const QString &root : roots)
         cleanRoots.append(root.isEmpty() ? root : QDir::cleanPath(root));
-    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), unwatchedPrefixes, _watchBudget,
+    _worker = new Worker(this, fd, cleanRoots, qMax(0, qRound(latency * 1000)), isUnwatched, _watchBudget,
                          changedSinceNs);
     _worker->moveToThread(&_thread);
     _thread.start();

@@ -16,7 +16,7 @@ public:
     explicit InotifyWatcher(QObject *parent = nullptr);
     ~InotifyWatcher() override;
 
-    bool start(const QStringList &roots, double latency, const QStringList &unwatchedPrefixes) override;
+    bool start(const QStringList &roots, double latency, const FolderTest &isUnwatched) override;
     void stop() override;
     bool isWatching() const override;
     void flushSync() override;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "QXEngineCheckerDelegate.h"
+#include "QXExclusionPolicy.h"
 #include "QXExclusionPredicate.h"
 #include "QXFileCounterDelegate.h"
 #include "QXScannerDelegate.h"
@@ -88,6 +89,9 @@ public:
     // whole: only quarantinedByUs, the files the agent itself moved there.
     // A folder that holds such paths is replaced by the rest of its contents.
     QStringList leaveExcludedPathsOutOfBatch(const QStringList &batch, const QStringList &quarantinedByUs = {}) const;
+    // What the watcher leaves unwatched, read from the settings as they are
+    // now, not as the running scan took them.
+    QXExclusionPolicy exclusionPolicy() const;
     // What in the settings of the last scan keeps the guard from its full
     // work, in plain words; empty when nothing does.
     QStringList settingsConflicts() const { return _exclusionConflicts + _quarantineConflicts + _argumentConflicts; }
@@ -195,15 +199,11 @@ public:
     static QString escapedLiteralPattern(const QString &pattern);
 
 private:
-    static bool isPathInsideFolder(const QString &path, const QString &folder);
-    // The watched folder a path lies in, the innermost; empty for none.
-    QString watchedRootOf(const QString &path) const;
-    bool isExcludedPath(const QString &path, const QString &root, const QStringList &folders) const;
-    QStringList withoutExcludedParts(const QString &path, const QString &root, const QStringList &folders,
-                                     int &leftOut) const;
+    // The user's enabled exclusion records, with the engine's arguments for each when asked.
+    QList<QXExclusionPredicate> userExclusions(QStringList *arguments) const;
     // The watched folders as absolute paths, as the settings have them now.
     QStringList watchedRoots() const;
-    bool quarantineOverlapsWatchedFolder(const QStringList &roots) const;
+    static bool quarantineOverlapsWatchedFolder(const QString &location, const QStringList &roots);
     QString refusedArgumentsConflict() const;
     void registerDefaultsAndDomains();
     void makeEngineCandidateLists(const QList<EngineCandidate> &fixed);

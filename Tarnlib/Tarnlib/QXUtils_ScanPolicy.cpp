@@ -44,7 +44,7 @@ void QXUtils::determineQuarantineSettings()
                                     .arg(_quarantineLocation);
         _quarantineLocation = QString();
     }
-    if (quarantineOverlapsWatchedFolder(watchedRoots()))
+    if (quarantineOverlapsWatchedFolder(_quarantineLocation, watchedRoots()))
         _quarantineConflicts << QStringLiteral("the quarantine folder %1 overlaps a watched folder: only the files "
                                                "quarantined from the list are left out of scans")
                                     .arg(_quarantineLocation);
@@ -80,41 +80,48 @@ QStringList QXUtils::watchedRoots() const
     return roots;
 }
 
-bool QXUtils::quarantineOverlapsWatchedFolder(const QStringList &roots) const
+bool QXUtils::quarantineOverlapsWatchedFolder(const QString &location, const QStringList &roots)
 {
-    if (_quarantineLocation.isEmpty())
+    if (location.isEmpty())
         return false;
-    const QString quarantine = QDir::cleanPath(_quarantineLocation);
+    const QString quarantine = QDir::cleanPath(location);
     return std::any_of(roots.begin(), roots.end(), [&](const QString &root) {
-        return isPathInsideFolder(root, quarantine) || isPathInsideFolder(quarantine, root);
+        return QXExclusionPolicy::isPathInsideFolder(root, quarantine)
+               || QXExclusionPolicy::isPathInsideFolder(quarantine, root);
     });
 }
 
-void QXUtils::determineWhatToExcludeFromThisScan()
+QList<QXExclusionPredicate> QXUtils::userExclusions(QStringList *arguments) const
 {
-    QStringList arguments;
     QList<QXExclusionPredicate> predicates;
-    _watchedRootsOfScan = watchedRoots();
-    _exclusionConflicts.clear();
     const QVariantList records = readPreferenceForKey(QStringLiteral("ExcludePatterns")).toList();
     for (const QVariant &entry : records) {
         const QVariantMap record = entry.toMap();
         const QString pattern = record.value(QStringLiteral("excludePattern")).toString();
         if (!record.value(QStringLiteral("excludeEnabled")).toBool() || pattern.isEmpty())
             continue;
-        if (record.value(QStringLiteral("excludeRegEx")).toBool()) {
-            arguments << QStringLiteral("--exclude=%1").arg(pattern) << QStringLiteral("--exclude-dir=%1").arg(pattern);
-            predicates << QXExclusionPredicate::matching(pattern);
-        } else {
-            const QString escaped = escapedLiteralPattern(pattern);
-            arguments << QStringLiteral("--exclude=%1").arg(escaped) << QStringLiteral("--exclude-dir=%1").arg(escaped);
-            predicates << QXExclusionPredicate::containing(pattern);
-        }
+        const bool regularExpression = record.value(QStringLiteral("excludeRegEx")).toBool();
+        const QString argument = regularExpression ? pattern : escapedLiteralPattern(pattern);
+        if (arguments)
+            *arguments << QStringLiteral("--exclude=%1").arg(argument) << QStringLiteral("--exclude-dir=%1").arg(argument);
+        predicates << (regularExpression ? QXExclusionPredicate::matching(pattern)
+                                         : QXExclusionPredicate::containing(pattern));
+    }
+    return predicates;
+}
+
+void QXUtils::determineWhatToExcludeFromThisScan()
+{
+    QStringList arguments;
+    QList<QXExclusionPredicate> predicates = userExclusions(&arguments);
+    _watchedRootsOfScan = watchedRoots();
+    _exclusionConflicts.clear();
+    for (const QXExclusionPredicate &predicate : std::as_const(predicates)) {
         for (const QString &root : std::as_const(_watchedRootsOfScan)) {
-            if (predicates.last().evaluate(root) || predicates.last().evaluate(root + QLatin1Char('/')))
+            if (predicate.evaluate(root) || predicate.evaluate(root + QLatin1Char('/')))
                 _exclusionConflicts << QStringLiteral("the exclusion “%1” matches the watched folder %2: it is "
                                                       "applied only to what lies below it")
-                                           .arg(pattern, root);
+                                           .arg(predicate.argument(), root);
         }
     }
     _userExcludes = predicates;
@@ -142,15 +149,6 @@ bool QXUtils::checkIfPathLooksLikeEmail(const QString &path) const
     return false;
 }
 
-bool QXUtils::isPathInsideFolder(const QString &path, const QString &folder)
-{
-    if (folder.isEmpty())
-        return false;
-    // A separator must follow, or ".Trash-1" would hold user 1000's Trash.
-    const QString inside = folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/');
-    return path == folder || path.startsWith(inside);
-}
-
 bool QXUtils::isFileInTrash(const QString &path) const
 {
     return !anyOutsideTrash({path});
@@ -162,7 +160,7 @@ bool QXUtils::anyOutsideTrash(const QStringList &paths) const
     const QStringList folders = Trash::sharedTrash()->trashFolders();
     return std::any_of(paths.begin(), paths.end(), [&](const QString &path) {
         return std::none_of(folders.begin(), folders.end(),
-                            [&](const QString &folder) { return isPathInsideFolder(path, folder); });
+                            [&](const QString &folder) { return QXExclusionPolicy::isPathInsideFolder(path, folder); });
     });
 }
 
@@ -172,74 +170,32 @@ QStringList QXUtils::leaveExcludedPathsOutOfBatch(const QStringList &batch, cons
     // "/" is an unusable quarantine folder and must not leave everything out;
     // nor may one around or inside a watched folder leave that folder out.
     const QString quarantine = QDir::cleanPath(_quarantineLocation);
-    if (quarantineOverlapsWatchedFolder(_watchedRootsOfScan))
+    if (quarantineOverlapsWatchedFolder(_quarantineLocation, _watchedRootsOfScan))
         folders << quarantinedByUs;
     else if (!_quarantineLocation.isEmpty() && quarantine != QLatin1String("/"))
         folders << quarantine;
 
+    const QXExclusionPolicy policy(_watchedRootsOfScan, _userExcludes, folders);
     QStringList kept;
     int leftOut = 0;
     for (const QString &path : batch)
-        kept << withoutExcludedParts(path, watchedRootOf(path), folders, leftOut);
+        kept << policy.withoutExcludedParts(path, leftOut);
     if (leftOut > 0)
         SystemLog::log(QStringLiteral("left out of this scan: %1").arg(leftOut));
     return kept;
 }
 
-QString QXUtils::watchedRootOf(const QString &path) const
+QXExclusionPolicy QXUtils::exclusionPolicy() const
 {
-    QString nearest;
-    for (const QString &root : _watchedRootsOfScan) {
-        if (isPathInsideFolder(path, root) && root.size() > nearest.size())
-            nearest = root;
-    }
-    return nearest;
-}
-
-bool QXUtils::isExcludedPath(const QString &path, const QString &root, const QStringList &folders) const
-{
-    // The user's exclusions look only below the watched folder, so that a
-    // word that happens to be in the home folder's name cannot leave it all out.
-    const QString below = root.isEmpty() || root == QLatin1String("/") ? path : path.mid(root.size());
-    return std::any_of(folders.begin(), folders.end(),
-                       [&](const QString &folder) { return isPathInsideFolder(path, folder); })
-           || (!below.isEmpty()
-               && std::any_of(_userExcludes.begin(), _userExcludes.end(),
-                              [&](const QXExclusionPredicate &predicate) { return predicate.evaluate(below); }));
-}
-
-QStringList QXUtils::withoutExcludedParts(const QString &path, const QString &root, const QStringList &folders,
-                                          int &leftOut) const
-{
-    const QFileInfo info(path);
-    const bool isFolder = info.isDir() && !info.isSymLink();
-    const QString asFolder = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
-    // A pattern that names a folder with its trailing "/" covers the folder too.
-    if (isExcludedPath(path, root, folders) || (isFolder && path != root && isExcludedPath(asFolder, root, folders))) {
-        ++leftOut;
-        return {};
-    }
-    if (!isFolder)
-        return {path};
-
-    // The daemon scans a folder whole, so one holding something excluded is
-    // replaced by what it holds less that. Only the branches that lead to an
-    // excluded entry are opened; the rest stay single paths.
-    const bool mayHoldExcluded = !_userExcludes.isEmpty()
-                                 || std::any_of(folders.begin(), folders.end(),
-                                                [&](const QString &folder) { return folder.startsWith(asFolder); });
-    if (!mayHoldExcluded)
-        return {path};
-    // Links and special files are left out as the daemon leaves them out of a folder.
-    const QStringList names = QDir(path).entryList(
-        QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
-    QStringList inside;
-    bool changed = false;
-    for (const QString &name : names) {
-        const QString child = asFolder + name;
-        const QStringList part = withoutExcludedParts(child, root, folders, leftOut);
-        changed = changed || part != QStringList{child};
-        inside << part;
-    }
-    return changed ? inside : QStringList{path};
+    const QStringList roots = watchedRoots();
+    QStringList folders = Trash::sharedTrash()->trashFolders();
+    if (!readPreferenceForKey(QStringLiteral("ScanEmail")).toBool())
+        folders << _emailDirPaths;
+    QString quarantine = quarantineFolderSetting(readPreferenceForKey(QStringLiteral("QuarantineFolder")));
+    quarantine = QDir::isRelativePath(quarantine) ? QString() : QDir::cleanPath(quarantine);
+    // What is moved into a quarantine folder that overlaps a watched one is
+    // left out file by file, so the folder itself stays watched.
+    if (!quarantine.isEmpty() && quarantine != QLatin1String("/") && !quarantineOverlapsWatchedFolder(quarantine, roots))
+        folders << quarantine;
+    return QXExclusionPolicy(roots, userExclusions(nullptr), folders);
 }

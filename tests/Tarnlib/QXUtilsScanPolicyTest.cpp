@@ -268,10 +268,14 @@ TEST_F(QXUtilsScanPolicyTest, VolumeTrashIsOurUidFolderOrAStickyDotTrashButNever
 TEST_F(QXUtilsScanPolicyTest, BatchLosesExcludedMailQuarantinedAndTrashedPathsAndKeepsTheRestInOrder)
 {
     QDir().mkpath(home.filePath("Quarantine"));
-    const QVariantList patterns{record(QString::fromUtf8("/Priv\xC3\xA9/")), record(".*\\.part", true)};
+    const QVariantList patterns{record(QString::fromUtf8("/Priv\xC3\xA9/")), record(".*\\.part", true),
+                                record(".*/build", true)};
     const QStringList kept{home.filePath("Documents/report.pdf"), home.filePath("Prive.txt"),
-                           home.filePath("movie.part.txt"), home.filePath("QuarantineOld/eicar.com")};
+                           home.filePath("movie.part.txt"), home.filePath("QuarantineOld/eicar.com"),
+                           home.filePath("build.log")};
+    // A file is left out with the folder a pattern names, as the watcher leaves the folder unwatched.
     const QStringList excluded{home.filePath("Documents/PRIVE/eicar.com"), home.filePath("movie.part"),
+                               home.filePath("src/build/out/eicar.com"),
                                home.filePath("Quarantine/eicar.com"),
                                home.path() + "/.local/share/Trash/files/eicar.com"};
     const QString mail = home.filePath("Maildir/cur/1");

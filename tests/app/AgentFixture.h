@@ -48,9 +48,10 @@ protected:
         SleepWakeNotifier::setSharedNotifier(nullptr);
     }
 
-    void watch(const QVariantList &folders) const
+    void watch(const QVariantList &folders, QVariantMap settings = {}) const
     {
-        home.writeDomain(companionDomain, {{QStringLiteral("VardenFolderArray"), folders}});
+        settings.insert(QStringLiteral("VardenFolderArray"), folders);
+        home.writeDomain(companionDomain, settings);
     }
     static QVariantMap folder(const QString &path) { return {{QStringLiteral("pathName"), path}}; }
     qint64 shownImage() const { return agent->throbberStatusItem()->image().cacheKey(); }

@@ -19,11 +19,11 @@ class RealEngineAgentFixture : public AgentFixture
 protected:
     // Launches the agent watching ~/Watched and the further folders, and
     // waits until it found the running daemon and watches.
-    void launchWatching(const QVariantList &furtherFolders = {})
+    void launchWatching(const QVariantList &furtherFolders = {}, const QVariantMap &settings = {})
     {
         ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
         QDir().mkpath(home.filePath("Watched"));
-        watch(QVariantList{folder(QStringLiteral("~/Watched"))} + furtherFolders);
+        watch(QVariantList{folder(QStringLiteral("~/Watched"))} + furtherFolders, settings);
         AgentFixture::SetUp();
         agent->applicationDidFinishLaunching();
         ASSERT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan() && agent->watching(); }, 20000));
