@@ -3,6 +3,7 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "LoginItem.h"
+#include "NautilusScript.h"
 #include "ScheduledScan.h"
 #include "platform/AgentStatusService.h"
 #include "platform/AlertPresenter.h"
@@ -183,7 +184,9 @@ QWidget *PreferencesWindow::scanningPage()
     _updateDefsOnLaunch = checkBox(tr("Update the virus definitions when KorvaneVarden starts"), "UpdateDefsOnLaunch");
     _automaticChecks = checkBox(tr("Check for new versions of Korvane"), "SUEnableAutomaticChecks");
     _startAtLogin = checkBox(tr("Start KorvaneVarden when I log in"), "startAtLogin");
+    _nautilusScript = checkBox(tr("Offer “Scan with Korvane” in the Scripts menu of Files"), "nautilusScript");
     form->addRow(_startAtLogin);
+    form->addRow(_nautilusScript);
     form->addRow(_scanEmail);
     form->addRow(_quarantineInfected);
     form->addRow(tr("Quarantine folder:"), quarantineRow);
@@ -330,6 +333,7 @@ void PreferencesWindow::load()
     _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
     _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));
     _startAtLogin->setChecked(LoginItem::isEnabled());
+    _nautilusScript->setChecked(NautilusScript::isEnabled());
 
     const ScheduledScan::Schedule schedule = _settings->scheduledScan();
     _scheduleEnabled->setChecked(schedule.enabled);
@@ -414,6 +418,11 @@ bool PreferencesWindow::save()
     if (_startAtLogin->isChecked() != LoginItem::isEnabled()
         && !LoginItem::setEnabled(_startAtLogin->isChecked(), _agentProgram, &problem)) {
         complain(tr("The login setting could not be changed."), problem);
+        return false;
+    }
+    if (_nautilusScript->isChecked() != NautilusScript::isEnabled()
+        && !NautilusScript::setEnabled(_nautilusScript->isChecked(), korvaneProgram(), &problem)) {
+        complain(tr("The Files script could not be changed."), problem);
         return false;
     }
     QString note;

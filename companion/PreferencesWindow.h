@@ -84,6 +84,7 @@ private:
     QSpinBox *_rotateSize;
     QCheckBox *_automaticChecks;
     QCheckBox *_startAtLogin;
+    QCheckBox *_nautilusScript;
     QCheckBox *_scheduleEnabled;
     QListWidget *_scheduledFolders;
     QComboBox *_scheduleWeekday;
