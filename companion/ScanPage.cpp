@@ -333,20 +333,19 @@ void ScanPage::scanFinished(const OnDemandScan::Summary &summary)
         headline = tr("%n infected file(s) found.", nullptr, summary.infected);
         break;
     case OnDemandScan::Result::Stopped:
-        headline = summary.infected > 0 ? tr("The scan was stopped after %n infected file(s) were found.", nullptr,
-                                             summary.infected)
-                                        : tr("The scan was stopped; what was not scanned yet may still be infected.");
+        headline = summary.infected > 0
+                       ? tr("The scan was stopped after %n infected file(s) were found.", nullptr, summary.infected)
+                       : tr("The scan was stopped; what was not scanned yet may still be infected.");
         break;
     case OnDemandScan::Result::Error:
         headline = tr("The scan failed: %1.").arg(summary.error);
         break;
     }
-    QStringList lines{headline,
-                      tr("Files scanned: %1. Infected: %2. Not scanned: %3. Time: %4.")
-                          .arg(summary.scanned)
-                          .arg(summary.infected)
-                          .arg(summary.notScanned.size())
-                          .arg(duration(summary.milliseconds))};
+    QStringList lines{headline, tr("Files scanned: %1. Infected: %2. Not scanned: %3. Time: %4.")
+                                    .arg(summary.scanned)
+                                    .arg(summary.infected)
+                                    .arg(summary.notScanned.size())
+                                    .arg(duration(summary.milliseconds))};
     if (summary.result == OnDemandScan::Result::Stopped && !summary.error.isEmpty())
         lines << tr("Why it stopped: %1.").arg(summary.error);
     for (const QString &why : summary.notScanned)
