@@ -223,7 +223,7 @@ TEST_F(ScanPageTest, TheScheduledScansNotificationOpensTheKeptRowsOnlyWhenClicke
         clock.start();
         EXPECT_EQ(ScheduledScanNotice::notifyAndWait("1 infected file", korvane, 60000, kept), click);
         EXPECT_LT(clock.elapsed(), 30000);
-        EXPECT_EQ(QFile::exists(korvane + ".args"), click);
+        EXPECT_TRUE(click || !QFile::exists(korvane + ".args"));
     }
     EXPECT_TRUE(QTest::qWaitFor([&] { return !TemporaryHome::readFile(korvane + ".args").isEmpty(); }, 10000));
     EXPECT_EQ(TemporaryHome::readFile(korvane + ".args"), "--show-results\n" + kept.toUtf8() + "\n");
