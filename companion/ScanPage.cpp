@@ -107,7 +107,7 @@ ScanPage::ScanPage(const QList<QXUtils::EngineCandidate> &engines, QWidget *pare
     _progress->setObjectName(QStringLiteral("scanProgress"));
     _progress->setRange(0, 1);
     _progress->setValue(0);
-    _progress->setFormat(tr("%v of %m files"));
+    _progress->setFormat(QString());
     layout->addWidget(_progress);
     auto *status = new QHBoxLayout;
     _currentFile = new QLabel;
@@ -297,15 +297,20 @@ void ScanPage::stop()
 
 void ScanPage::showProgress()
 {
-    if (_total < 0) {
+    if (_total < 0 && _scan->running()) {
         // Counting: a busy bar until the total is known.
         _progress->setRange(0, 0);
+        _progress->setFormat(tr("%n file(s) scanned", nullptr, int(_scanned)));
     } else {
         // Files added while the scan runs raise the total, never overflow the bar.
-        const qint64 total = std::max(_total, _scanned);
-        const int scale = total > INT_MAX ? int(total / INT_MAX + 1) : 1;
-        _progress->setRange(0, int(total / scale));
-        _progress->setValue(int(std::min(_scanned, total) / scale));
+        const qint64 total = std::max({_total, _scanned, qint64(0)});
+        const qint64 scale = total > INT_MAX ? total / INT_MAX + 1 : 1;
+        // An empty range would make the bar busy; an empty folder scanned to the end is full.
+        const bool emptyAndDone = total == 0 && _total == 0 && !_scan->running();
+        _progress->setRange(0, int(std::max<qint64>(1, total / scale)));
+        _progress->setValue(emptyAndDone ? 1 : int(std::min(_scanned, total) / scale));
+        _progress->setFormat(_total < 0 ? tr("%n file(s) scanned", nullptr, int(_scanned))
+                                        : tr("%1 of %2 files").arg(_scanned).arg(total));
     }
     _currentFile->setText(_file.isEmpty() ? QString() : tr("Scanning %1").arg(_file));
     _infectedCount->setText(tr("%n infected", nullptr, _scan->results()->rowCount()));
@@ -318,8 +323,6 @@ void ScanPage::scanFinished(const OnDemandScan::Summary &summary)
     if (summary.result != OnDemandScan::Result::Stopped && summary.result != OnDemandScan::Result::Error)
         _total = std::max(_total, summary.scanned);
     _scanned = summary.scanned;
-    if (_total < 0)
-        _total = _scanned;
     showProgress();
     _start->setEnabled(true);
     _stop->setEnabled(false);

@@ -93,6 +93,15 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
     EXPECT_EQ(bar->value(), bar->maximum());
     EXPECT_EQ(text("scanInfectedCount"), "1 infected");
     EXPECT_TRUE(text("scanSummary").startsWith("1 infected file(s) found.")) << text("scanSummary").toStdString();
+
+    // An empty folder ends with a full bar, not a busy one that never stops.
+    page->clearTargets();
+    page->addTargets({makeFolder("Empty")});
+    ASSERT_TRUE(page->start());
+    ASSERT_TRUE(waitForEnd());
+    EXPECT_GT(bar->maximum(), 0);
+    EXPECT_EQ(bar->value(), bar->maximum());
+    EXPECT_TRUE(text("scanSummary").startsWith("No infected files")) << text("scanSummary").toStdString();
 }
 
 TEST_F(ScanPageTest, StopEscapeAndClosingEndTheScanAsStoppedWithNoScannerLeft)
