@@ -489,6 +489,8 @@ void PreferencesWindow::addScheduledFolder()
 void PreferencesWindow::showScan(const QStringList &paths)
 {
     _tabs->setCurrentWidget(_scanPage);
+    // Room for the rows under the progress.
+    resize(width(), std::max(height(), 540));
     present();
     if (paths.isEmpty())
         return;

@@ -43,11 +43,17 @@ QPushButton *button(const QString &text, const char *name)
     return b;
 }
 
+// English needs no plural table for one and many; other languages get theirs from translations.
+QString counted(qint64 count, const char *one, const char *many)
+{
+    return count == 1 ? ScanPage::tr(one) : ScanPage::tr(many).arg(count);
+}
+
 QString duration(qint64 milliseconds)
 {
     const qint64 seconds = (milliseconds + 500) / 1000;
     if (seconds < 60)
-        return ScanPage::tr("%n second(s)", nullptr, int(seconds));
+        return counted(seconds, "1 second", "%1 seconds");
     return ScanPage::tr("%1 min %2 s").arg(seconds / 60).arg(seconds % 60);
 }
 
@@ -81,7 +87,7 @@ ScanPage::ScanPage(const QList<QXUtils::EngineCandidate> &engines, QWidget *pare
     _targets = new QListWidget;
     _targets->setObjectName(QStringLiteral("scanTargets"));
     _targets->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    _targets->setMaximumHeight(90);
+    _targets->setMaximumHeight(64);
     layout->addWidget(_targets);
 
     auto *buttons = new QHBoxLayout;
@@ -130,6 +136,7 @@ ScanPage::ScanPage(const QList<QXUtils::EngineCandidate> &engines, QWidget *pare
     _resultsView = new InfectedItemsWindow(_scan->results(), this);
     _resultsView->setWindowFlags(Qt::Widget);
     _resultsView->setObjectName(QStringLiteral("scanResults"));
+    _resultsView->setMinimumHeight(170);
     _scan->results()->setColumnTitles(
         {Localization::text("FILENAME"), Localization::text("INFECTION_NAME"), Localization::text("STATUS")});
     layout->addWidget(_resultsView, 1);
@@ -284,7 +291,8 @@ bool ScanPage::showResults(const QString &path)
     _scan->results()->removeAllObjects();
     _store = new InfectedItemsStore(_scan->results(), path, this);
     _fileActions->setJournal(_store->journal());
-    _summary->setText(tr("%n infected file(s) found by the scan of %1.", nullptr, _scan->results()->rowCount())
+    _summary->setText(counted(_scan->results()->rowCount(), "1 infected file found by the scan of %2.",
+                              "%1 infected files found by the scan of %2.")
                           .arg(QLocale().toString(QFileInfo(path).lastModified(), QLocale::ShortFormat)));
     showProgress();
     return true;
@@ -300,7 +308,7 @@ void ScanPage::showProgress()
     if (_total < 0 && _scan->running()) {
         // Counting: a busy bar until the total is known.
         _progress->setRange(0, 0);
-        _progress->setFormat(tr("%n file(s) scanned", nullptr, int(_scanned)));
+        _progress->setFormat(counted(_scanned, "1 file scanned", "%1 files scanned"));
     } else {
         // Files added while the scan runs raise the total, never overflow the bar.
         const qint64 total = std::max({_total, _scanned, qint64(0)});
@@ -309,11 +317,11 @@ void ScanPage::showProgress()
         const bool emptyAndDone = total == 0 && _total == 0 && !_scan->running();
         _progress->setRange(0, int(std::max<qint64>(1, total / scale)));
         _progress->setValue(emptyAndDone ? 1 : int(std::min(_scanned, total) / scale));
-        _progress->setFormat(_total < 0 ? tr("%n file(s) scanned", nullptr, int(_scanned))
+        _progress->setFormat(_total < 0 ? counted(_scanned, "1 file scanned", "%1 files scanned")
                                         : tr("%1 of %2 files").arg(_scanned).arg(total));
     }
     _currentFile->setText(_file.isEmpty() ? QString() : tr("Scanning %1").arg(_file));
-    _infectedCount->setText(tr("%n infected", nullptr, _scan->results()->rowCount()));
+    _infectedCount->setText(tr("%1 infected").arg(_scan->results()->rowCount()));
 }
 
 void ScanPage::scanFinished(const OnDemandScan::Summary &summary)
@@ -333,11 +341,12 @@ void ScanPage::scanFinished(const OnDemandScan::Summary &summary)
         headline = tr("No infected files were found.");
         break;
     case OnDemandScan::Result::Infected:
-        headline = tr("%n infected file(s) found.", nullptr, summary.infected);
+        headline = counted(summary.infected, "1 infected file found.", "%1 infected files found.");
         break;
     case OnDemandScan::Result::Stopped:
         headline = summary.infected > 0
-                       ? tr("The scan was stopped after %n infected file(s) were found.", nullptr, summary.infected)
+                       ? counted(summary.infected, "The scan was stopped after 1 infected file was found.",
+                                 "The scan was stopped after %1 infected files were found.")
                        : tr("The scan was stopped; what was not scanned yet may still be infected.");
         break;
     case OnDemandScan::Result::Error:

@@ -92,7 +92,7 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
     EXPECT_GE(bar->maximum(), 301);
     EXPECT_EQ(bar->value(), bar->maximum());
     EXPECT_EQ(text("scanInfectedCount"), "1 infected");
-    EXPECT_TRUE(text("scanSummary").startsWith("1 infected file(s) found.")) << text("scanSummary").toStdString();
+    EXPECT_TRUE(text("scanSummary").startsWith("1 infected file found.")) << text("scanSummary").toStdString();
 
     // An empty folder ends with a full bar, not a busy one that never stops.
     page->clearTargets();
