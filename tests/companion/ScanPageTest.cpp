@@ -15,6 +15,8 @@
 #include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QLabel>
+#include <QMimeData>
+#include <QApplication>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScopeGuard>
@@ -177,21 +179,59 @@ TEST_F(ScanPageTest, AFoundRowIsQuarantinedTrashedAndPutBackThroughTheListsActio
     EXPECT_EQ(alerts.beeps, 0);
 }
 
-TEST_F(ScanPageTest, ShowScanFromTheCommandLineOpensThePageAndScans)
+TEST_F(ScanPageTest, OnlyLocalFilesAndFoldersCanBeDroppedOnThePage)
+{
+    const QString folder = makeFolder("Dropped folder");
+    const QUrl remote(QStringLiteral("https://example.org/x.exe"));
+    const struct
+    {
+        const char *name;
+        QList<QUrl> urls;
+        bool accepted;
+    } rows[] = {
+        {"a local folder", {QUrl::fromLocalFile(folder)}, true},
+        {"a web address", {remote}, false},
+        {"a folder with a web address", {QUrl::fromLocalFile(folder), remote}, false},
+        {"nothing", {}, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        page->clearTargets();
+        QMimeData data;
+        data.setUrls(row.urls);
+        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(page, &enter);
+        EXPECT_EQ(enter.isAccepted(), row.accepted);
+        if (enter.isAccepted()) {
+            QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+            QApplication::sendEvent(page, &drop);
+        }
+        EXPECT_EQ(page->targets(), row.accepted ? QStringList{folder} : QStringList{});
+    }
+}
+
+// The file manager's entries run this; a second one hands its paths, whatever
+// their names, to the Korvane that runs.
+TEST_F(ScanPageTest, ShowScanOpensThePageScanningAndASecondOneIsTakenOverByTheFirst)
 {
     home->writeDomain(
         QStringLiteral("org.korvane.Korvane"),
         {{QStringLiteral("PathToClamav"), EngineFixture::shared().enginePath()}, {QStringLiteral("LogScans"), true}});
-    const QString infected = home->writeFile("Asked/x.com", EngineFixture::eicarContents());
+    const QString first = home->writeFile("Asked/x.com", EngineFixture::eicarContents());
+    const QString second = home->writeFile("Odd \"name\"\nwith, [stuff]/y.com", EngineFixture::eicarContents());
+    const QString log = UserFolders::logs() + QStringLiteral("/korvane-scan.log");
+    const auto logged = [&](const QString &path) {
+        return QTest::qWaitFor([&] { return TemporaryHome::readFile(log).contains(path.toUtf8() + ": "); }, 60000);
+    };
     QProcess korvane;
     korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", {"--show-scan", home->filePath("Asked")});
-    const QString log = UserFolders::logs() + QStringLiteral("/korvane-scan.log");
-    const bool scanned =
-        QTest::qWaitFor([&] { return TemporaryHome::readFile(log).contains("Infected files: 1"); }, 60000);
+    const bool scanned = logged(first);
+    EXPECT_TRUE(scanned);
+    const bool takenOver = scanned && runKorvane({"--show-scan", QFileInfo(second).path()}) == 0 && logged(second);
     korvane.terminate();
     korvane.waitForFinished(5000);
-    EXPECT_TRUE(scanned) << korvane.readAllStandardError().toStdString();
-    EXPECT_TRUE(QFile::exists(infected));
+    EXPECT_TRUE(takenOver) << korvane.readAllStandardError().toStdString();
+    EXPECT_TRUE(QFile::exists(first));
 }
 
 // The scheduled scan's notification: a click opens the kept rows, a
