@@ -84,6 +84,7 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
     _tabs->addTab(scanningPage(), tr("Scanning"));
     _tabs->addTab(schedulePage(), tr("Schedule"));
     _tabs->addTab(_scanPage, tr("Scan"));
+    connect(_scanPage, &ScanPage::showRequested, this, [this] { showScan({}); });
 
     auto *layout = new QVBoxLayout(this);
     layout->addWidget(protectionStatusLabel());

@@ -366,18 +366,13 @@ void ScanPage::scanFinished(const OnDemandScan::Summary &summary)
         lines << tr("Not moved into quarantine: %1").arg(file);
     _summary->setText(lines.join(QLatin1Char('\n')));
 
-    // Someone who looks at the page sees the end; someone elsewhere is told.
-    if (!window()->isActiveWindow()) {
+    // Someone who looks at the page sees the end; someone elsewhere is told,
+    // unless they stopped the scan themselves.
+    const bool stoppedByUser = summary.result == OnDemandScan::Result::Stopped && summary.error.isEmpty();
+    if (!window()->isActiveWindow() && !stoppedByUser) {
         UserNotificationCenter *center = UserNotificationCenter::defaultCenter();
         center->deliverNotification(tr("Korvane scan finished"), headline);
-        connect(center, &UserNotificationCenter::activated, this, &ScanPage::bringForward, Qt::UniqueConnection);
+        connect(center, &UserNotificationCenter::activated, this, &ScanPage::showRequested, Qt::UniqueConnection);
     }
     emit finished(summary);
-}
-
-void ScanPage::bringForward()
-{
-    window()->show();
-    window()->raise();
-    window()->activateWindow();
 }

@@ -52,6 +52,8 @@ public:
 
 signals:
     void finished(const OnDemandScan::Summary &summary);
+    // The user clicked the notification of the end.
+    void showRequested();
 
 protected:
     void dragEnterEvent(QDragEnterEvent *event) override;
@@ -68,7 +70,6 @@ private:
     void showProgress();
     void scanFinished(const OnDemandScan::Summary &summary);
     void validateActions();
-    void bringForward();
     QAction *addAction(const QString &text, const char *operation, std::function<void()> run);
 
     OnDemandScan *_scan;

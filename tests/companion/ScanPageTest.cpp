@@ -5,6 +5,7 @@
 #include "platform/UserFolders.h"
 #include "tests/support/EngineFixture.h"
 #include "tests/support/FakeNotificationService.h"
+#include "tests/support/RecordingNotificationCenter.h"
 #include "tests/support/ScannerProcesses.h"
 #include "ui/InfectedItemsWindow.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -62,6 +63,7 @@ protected:
     }
 
     ScanPage *page = nullptr;
+    RecordingNotificationCenter notifications;
 };
 
 TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
@@ -95,6 +97,12 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
     EXPECT_EQ(bar->value(), bar->maximum());
     EXPECT_EQ(text("scanInfectedCount"), "1 infected");
     EXPECT_TRUE(text("scanSummary").startsWith("1 infected file found.")) << text("scanSummary").toStdString();
+    // The window was not in front: the end is told in a notification, and its click brings the window.
+    ASSERT_EQ(notifications.delivered.size(), 1);
+    EXPECT_EQ(notifications.delivered[0].second, "1 infected file found.");
+    emit notifications.activated();
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(control<QTabWidget>("tabs")->currentWidget(), page);
 
     // An empty folder ends with a full bar, not a busy one that never stops.
     page->clearTargets();
@@ -138,6 +146,8 @@ TEST_F(ScanPageTest, StopEscapeAndClosingEndTheScanAsStoppedWithNoScannerLeft)
         EXPECT_TRUE(scannerChildren().isEmpty());
         EXPECT_TRUE(text("scanSummary").startsWith("The scan was stopped")) << text("scanSummary").toStdString();
     }
+    // Whoever stopped the scan needs no notification of it.
+    EXPECT_TRUE(notifications.delivered.isEmpty());
     // Closed in the middle of a scan without a question: the page goes, and its scanner with it.
     window->showScan(folders);
     ASSERT_TRUE(QTest::qWaitFor([] { return !scannerChildren().isEmpty(); }, 30000));
