@@ -70,8 +70,7 @@ int main(int argc, char **argv)
     bool graphical = true;
     for (int i = 1; i < argc; ++i) {
         const QByteArray word(argv[i]);
-        if (word.startsWith('-') && word != "--show-preferences" && word != "--show-scan"
-            && word != "--show-results")
+        if (word.startsWith('-') && word != "--show-preferences" && word != "--show-scan" && word != "--show-results")
             graphical = false;
     }
     std::unique_ptr<QCoreApplication> app(graphical ? new QApplication(argc, argv) : new QCoreApplication(argc, argv));
@@ -133,7 +132,9 @@ int main(int argc, char **argv)
                 out << "Korvane: the results could not be kept: " << problem << Qt::endl;
             constexpr int tenMinutes = 10 * 60 * 1000;
             ScheduledScanNotice::notifyAndWait(
-                QCoreApplication::translate("main", "%n infected file(s). Click to see them.", nullptr, rows.size()),
+                rows.size() == 1
+                    ? QCoreApplication::translate("main", "1 infected file. Click to see it.")
+                    : QCoreApplication::translate("main", "%1 infected files. Click to see them.").arg(rows.size()),
                 QCoreApplication::applicationFilePath(), tenMinutes);
         }
         return result;

@@ -294,3 +294,22 @@ TEST_F(ScanPageTest, TheScheduledScansNotificationOpensTheKeptRowsOnlyWhenClicke
     page->findChild<QAction *>(QStringLiteral("deleteFile"))->trigger();
     EXPECT_FALSE(QFile::exists(infected));
 }
+
+// As the timer runs it: the rows are kept, and a dismissed notification lets the scan end with its code.
+TEST_F(ScanPageTest, TheTimersScanKeepsWhatItFoundAndEndsWhenItsNotificationIsDismissed)
+{
+    auto bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("notification-server"));
+    FakeNotificationService service(bus);
+    ASSERT_TRUE(service.isRegistered());
+    home->writeDomain(QStringLiteral("org.korvane.Korvane"),
+                      {{QStringLiteral("PathToClamav"), EngineFixture::shared().enginePath()}});
+    const QString infected = home->writeFile("Timer/x.com", EngineFixture::eicarContents());
+    QProcess korvane;
+    korvane.start(KORVANE_BINARY_DIR "/bin/Korvane", {"--scan", "--notify", home->filePath("Timer")});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !service.notifications().isEmpty(); }, 60000));
+    EXPECT_EQ(service.notifications().last().body, "1 infected file. Click to see it.");
+    service.close(service.notifications().last().id, 2);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return korvane.state() == QProcess::NotRunning; }, 10000));
+    EXPECT_EQ(korvane.exitCode(), 1);
+    EXPECT_TRUE(TemporaryHome::readFile(ScheduledScanNotice::resultsPath()).contains(infected.toUtf8()));
+}
