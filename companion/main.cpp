@@ -70,7 +70,8 @@ int main(int argc, char **argv)
     bool graphical = true;
     for (int i = 1; i < argc; ++i) {
         const QByteArray word(argv[i]);
-        if (word.startsWith('-') && word != "--show-preferences" && word != "--show-scan" && word != "--show-results")
+        if (word.startsWith('-') && word != "--show-preferences" && word != "--show-scan"
+            && !word.startsWith("--show-results"))
             graphical = false;
     }
     std::unique_ptr<QCoreApplication> app(graphical ? new QApplication(argc, argv) : new QCoreApplication(argc, argv));
