@@ -3,6 +3,7 @@
 #include "CompanionSettings.h"
 #include "LoginItem.h"
 #include "PreferencesWindow.h"
+#include "ScanPage.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/SystemLog.h"
@@ -12,6 +13,8 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QMessageBox>
 #include <QProcess>
 #include <QRegularExpression>
@@ -21,6 +24,8 @@ namespace {
 
 const QString agentName = QStringLiteral("KorvaneVarden");
 const QString packageName = QStringLiteral("korvane");
+const QString scanNotification = QStringLiteral("KorvaneShouldScan");
+const QString resultsNotification = QStringLiteral("KorvaneShouldShowResults");
 
 } // namespace
 
@@ -69,6 +74,15 @@ void CompanionApplication::observeAgent()
 {
     DistributedNotificationCenter::defaultCenter()->addObserver(this, QStringLiteral("KorvaneShouldOpenPrefs"),
                                                                 [this](const QString &) { showPreferences(); });
+    // The paths travel as a JSON array: a file name may hold any character but NUL.
+    DistributedNotificationCenter::defaultCenter()->addObserver(this, scanNotification, [this](const QString &object) {
+        QStringList paths;
+        for (const QJsonValue &path : QJsonDocument::fromJson(object.toUtf8()).array())
+            paths << path.toString();
+        showScan(paths);
+    });
+    DistributedNotificationCenter::defaultCenter()->addObserver(
+        this, resultsNotification, [this](const QString &object) { showResults(object); });
 }
 
 PreferencesWindow *CompanionApplication::preferencesWindow()
@@ -81,6 +95,42 @@ PreferencesWindow *CompanionApplication::preferencesWindow()
 void CompanionApplication::showPreferences()
 {
     preferencesWindow()->present();
+}
+
+void CompanionApplication::showScan(const QStringList &paths)
+{
+    preferencesWindow()->showScan(paths);
+}
+
+void CompanionApplication::askRunningCompanionToScan(const QStringList &paths)
+{
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        scanNotification,
+        QString::fromUtf8(QJsonDocument(QJsonArray::fromStringList(paths)).toJson(QJsonDocument::Compact)));
+}
+
+void CompanionApplication::showResults(const QString &path)
+{
+    preferencesWindow()->showScan({});
+    preferencesWindow()->scanPage()->showResults(path);
+}
+
+void CompanionApplication::askRunningCompanionToShowResults(const QString &path)
+{
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(resultsNotification, path);
+}
+
+QStringList CompanionApplication::localPaths(const QStringList &arguments)
+{
+    QStringList paths;
+    for (const QString &argument : arguments) {
+        const QUrl url(argument);
+        if (url.isLocalFile())
+            paths << url.toLocalFile();
+        else if (QFileInfo(argument).isAbsolute() || QFileInfo::exists(argument))
+            paths << QFileInfo(argument).absoluteFilePath();
+    }
+    return paths;
 }
 
 bool CompanionApplication::openUrl(const QUrl &url)

@@ -33,6 +33,15 @@ public:
 
     PreferencesWindow *preferencesWindow();
     void showPreferences();
+    // The Scan page in front, scanning paths.
+    void showScan(const QStringList &paths);
+    // Asks the companion that owns the name to scan paths.
+    static void askRunningCompanionToScan(const QStringList &paths);
+    // The Scan page in front, with the rows kept in path.
+    void showResults(const QString &path);
+    static void askRunningCompanionToShowResults(const QString &path);
+    // The local files among the arguments given to open, as paths or file: URLs.
+    static QStringList localPaths(const QStringList &arguments);
     // Answers false for a URL that is not ours.
     bool openUrl(const QUrl &url);
     QMessageBox *updateNotice() const { return _updateNotice; }

@@ -287,7 +287,7 @@ QString OnDemandScan::summaryText(const Summary &summary)
 }
 
 int OnDemandScan::runFromCommandLine(const QStringList &paths, bool quarantine, bool standalone, QTextStream &out,
-                                     const QList<QXUtils::EngineCandidate> &engines)
+                                     const QList<QXUtils::EngineCandidate> &engines, QList<InfectedItem> *rows)
 {
     if (paths.isEmpty()) {
         out << "Korvane: --scan needs at least one file or folder" << Qt::endl;
@@ -329,6 +329,8 @@ int OnDemandScan::runFromCommandLine(const QStringList &paths, bool quarantine, 
     if (scan.start(paths))
         loop.exec();
     out << Qt::endl << summaryText(summary) << Qt::flush;
+    if (rows)
+        *rows = scan.results()->arrangedObjects();
     switch (summary.result) {
     case Result::Clean:
         return 0;

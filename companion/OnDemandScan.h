@@ -2,6 +2,7 @@
 
 #include "Tarnlib/Tarnlib/QXUtils.h"
 #include "Tarnlib/Tarnlib/QXUtilsDelegate.h"
+#include "ui/InfectedItem.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -57,9 +58,11 @@ public:
     InfectedFileActions *actions() const { return _actions; }
 
     // The command line: scans, prints a line per infected file and a
-    // summary, and answers the exit code (0 clean, 1 infected, 2 error).
+    // summary, and answers the exit code (0 clean, 1 infected, 2 error);
+    // rows, when given, takes the infected files' rows.
     static int runFromCommandLine(const QStringList &paths, bool quarantine, bool standalone, QTextStream &out,
-                                  const QList<QXUtils::EngineCandidate> &engines = QXUtils::defaultEngineCandidates());
+                                  const QList<QXUtils::EngineCandidate> &engines = QXUtils::defaultEngineCandidates(),
+                                  QList<InfectedItem> *rows = nullptr);
     static QString summaryText(const Summary &summary);
 
 signals:

@@ -3,6 +3,8 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "LoginItem.h"
+#include "NautilusScript.h"
+#include "ScanPage.h"
 #include "ScheduledScan.h"
 #include "platform/AgentStatusService.h"
 #include "platform/AlertPresenter.h"
@@ -60,8 +62,14 @@ QTableWidgetItem *checkItem(bool checked)
 } // namespace
 
 PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString &agentProgram, QWidget *parent)
+    : PreferencesWindow(settings, agentProgram, QXUtils::defaultEngineCandidates(), parent)
+{}
+
+PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString &agentProgram,
+                                     const QList<QXUtils::EngineCandidate> &engines, QWidget *parent)
     : QWidget(parent)
     , _settings(settings)
+    , _scanPage(new ScanPage(engines))
     , _agentProgram(agentProgram)
     , _chooseFolder([](QWidget *p, const QString &title, const QString &start) {
         return QFileDialog::getExistingDirectory(p, title, start);
@@ -69,16 +77,26 @@ PreferencesWindow::PreferencesWindow(CompanionSettings *settings, const QString 
 {
     setObjectName(QStringLiteral("PreferencesWindow"));
     setWindowTitle(tr("Korvane Preferences"));
-    auto *tabs = new QTabWidget;
-    tabs->addTab(foldersPage(), tr("Folders"));
-    tabs->addTab(exclusionsPage(), tr("Exclusions"));
-    tabs->addTab(scanningPage(), tr("Scanning"));
-    tabs->addTab(schedulePage(), tr("Schedule"));
+    _tabs = new QTabWidget;
+    _tabs->setObjectName(QStringLiteral("tabs"));
+    _tabs->addTab(foldersPage(), tr("Folders"));
+    _tabs->addTab(exclusionsPage(), tr("Exclusions"));
+    _tabs->addTab(scanningPage(), tr("Scanning"));
+    _tabs->addTab(schedulePage(), tr("Schedule"));
+    _tabs->addTab(_scanPage, tr("Scan"));
+    connect(_scanPage, &ScanPage::showRequested, this, [this] { showScan({}); });
 
     auto *layout = new QVBoxLayout(this);
     layout->addWidget(protectionStatusLabel());
-    layout->addWidget(tabs);
-    layout->addWidget(buttonBox());
+    layout->addWidget(_tabs);
+    _buttons = buttonBox();
+    layout->addWidget(_buttons);
+    // Save and Revert belong to the settings, not to a scan.
+    connect(_tabs, &QTabWidget::currentChanged, this, [this] {
+        const bool settings = _tabs->currentWidget() != _scanPage;
+        _buttons->button(QDialogButtonBox::Save)->setVisible(settings);
+        _buttons->button(QDialogButtonBox::Reset)->setVisible(settings);
+    });
 
     resize(620, 440);
     load();
@@ -88,14 +106,34 @@ void PreferencesWindow::keyPressEvent(QKeyEvent *event)
 {
     // As in a dialog; unsaved edits are dropped, as with Close, since the
     // window reads the settings again when it is shown.
-    if (event->matches(QKeySequence::Cancel))
+    if (event->matches(QKeySequence::Cancel)) {
         close();
+        event->accept();
+    }
     else
         QWidget::keyPressEvent(event);
 }
 
+bool PreferencesWindow::mayClose()
+{
+    if (!_scanPage->running())
+        return true;
+    // Escape answers the default button, so a stray key keeps the scan.
+    const int answer = AlertPresenter::sharedPresenter()->runModal(
+        {tr("A scan is running. Stop it and close the window?"), tr("Keep Scanning"), tr("Stop Scan"), QString(),
+         tr("Files not scanned yet may be infected.")});
+    if (answer != AlertPresenter::AlternateReturn)
+        return false;
+    _scanPage->stop();
+    return true;
+}
+
 void PreferencesWindow::closeEvent(QCloseEvent *event)
 {
+    if (!mayClose()) {
+        event->ignore();
+        return;
+    }
     // A refused save leaves its edits in the settings' buffer, where the
     // next save would write them unseen.
     _settings->revert();
@@ -183,7 +221,9 @@ QWidget *PreferencesWindow::scanningPage()
     _updateDefsOnLaunch = checkBox(tr("Update the virus definitions when KorvaneVarden starts"), "UpdateDefsOnLaunch");
     _automaticChecks = checkBox(tr("Check for new versions of Korvane"), "SUEnableAutomaticChecks");
     _startAtLogin = checkBox(tr("Start KorvaneVarden when I log in"), "startAtLogin");
+    _nautilusScript = checkBox(tr("Offer “Scan with Korvane” in the Scripts menu of Files"), "nautilusScript");
     form->addRow(_startAtLogin);
+    form->addRow(_nautilusScript);
     form->addRow(_scanEmail);
     form->addRow(_quarantineInfected);
     form->addRow(tr("Quarantine folder:"), quarantineRow);
@@ -235,7 +275,8 @@ QWidget *PreferencesWindow::schedulePage()
     when->addStretch();
     layout->addLayout(when);
     auto *note = new QLabel(tr("The scan is skipped while the computer runs on battery power; one missed while it "
-                               "was off runs when it next starts. Results go to Korvane's scan log."));
+                               "was off runs when it next starts. Results go to Korvane's scan log, and a notification "
+                               "tells when something is found; a click on it shows what."));
     note->setWordWrap(true);
     layout->addWidget(note);
     return page;
@@ -330,6 +371,7 @@ void PreferencesWindow::load()
     _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
     _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));
     _startAtLogin->setChecked(LoginItem::isEnabled());
+    _nautilusScript->setChecked(NautilusScript::isEnabled());
 
     const ScheduledScan::Schedule schedule = _settings->scheduledScan();
     _scheduleEnabled->setChecked(schedule.enabled);
@@ -416,6 +458,11 @@ bool PreferencesWindow::save()
         complain(tr("The login setting could not be changed."), problem);
         return false;
     }
+    if (_nautilusScript->isChecked() != NautilusScript::isEnabled()
+        && !NautilusScript::setEnabled(_nautilusScript->isChecked(), korvaneProgram(), &problem)) {
+        complain(tr("The Files script could not be changed."), problem);
+        return false;
+    }
     QString note;
     if (!ScheduledScan::apply(schedule, korvaneProgram(), &problem, &note)) {
         complain(tr("The scheduled scan could not be set up."), problem);
@@ -438,6 +485,24 @@ void PreferencesWindow::addScheduledFolder()
     if (folder.isEmpty() || !_scheduledFolders->findItems(clean, Qt::MatchExactly).isEmpty())
         return;
     _scheduledFolders->addItem(clean);
+}
+
+void PreferencesWindow::showScan(const QStringList &paths)
+{
+    _tabs->setCurrentWidget(_scanPage);
+    // Room for the rows under the progress.
+    resize(width(), std::max(height(), 540));
+    present();
+    if (paths.isEmpty())
+        return;
+    if (_scanPage->running()) {
+        _scanPage->addTargets(paths);
+        return;
+    }
+    // Only what was asked for now: earlier targets would be scanned unasked.
+    _scanPage->clearTargets();
+    _scanPage->addTargets(paths);
+    _scanPage->start();
 }
 
 void PreferencesWindow::present()

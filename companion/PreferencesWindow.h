@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Tarnlib/Tarnlib/QXUtils.h"
+
 #include <QWidget>
 
 #include <functional>
@@ -16,6 +18,8 @@ class QLineEdit;
 class QListWidget;
 class QSpinBox;
 class QTableWidget;
+class QTabWidget;
+class ScanPage;
 
 // The companion's preferences: watched folders, exclusions, scanning,
 // logging and updates, whether the agent starts at login, and the scheduled
@@ -29,6 +33,9 @@ public:
     using FolderChooser = std::function<QString(QWidget *parent, const QString &title, const QString &start)>;
 
     PreferencesWindow(CompanionSettings *settings, const QString &agentProgram, QWidget *parent = nullptr);
+    // Tests hand the Scan page their own engine.
+    PreferencesWindow(CompanionSettings *settings, const QString &agentProgram,
+                      const QList<QXUtils::EngineCandidate> &engines, QWidget *parent = nullptr);
 
     // Tests choose folders without a modal dialog.
     void setFolderChooser(FolderChooser chooser);
@@ -40,6 +47,10 @@ public:
     bool save();
     // Shows the window in front, as when the agent asks for it.
     void present();
+    ScanPage *scanPage() const { return _scanPage; }
+    // Shows the Scan page in front and scans paths; a scan already running
+    // goes on and paths wait in the list for the next.
+    void showScan(const QStringList &paths);
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
@@ -66,7 +77,13 @@ private:
     // Asks the agent for the guard's status and shows it at the top.
     void askProtectionStatus();
 
+    // A running scan is stopped only when the user says so.
+    bool mayClose();
+
     CompanionSettings *_settings;
+    QTabWidget *_tabs;
+    ScanPage *_scanPage;
+    QDialogButtonBox *_buttons;
     QLabel *_protectionStatus;
     QTimer *_statusTimer;
     QString _agentProgram;
@@ -84,6 +101,7 @@ private:
     QSpinBox *_rotateSize;
     QCheckBox *_automaticChecks;
     QCheckBox *_startAtLogin;
+    QCheckBox *_nautilusScript;
     QCheckBox *_scheduleEnabled;
     QListWidget *_scheduledFolders;
     QComboBox *_scheduleWeekday;

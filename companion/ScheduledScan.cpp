@@ -134,7 +134,7 @@ QString ScheduledScan::problem(const Schedule &schedule)
 
 QString ScheduledScan::serviceText(const Schedule &schedule, const QString &korvaneProgram)
 {
-    QStringList exec{execWord(korvaneProgram), QStringLiteral("--scan")};
+    QStringList exec{execWord(korvaneProgram), QStringLiteral("--scan"), QStringLiteral("--notify")};
     for (const QString &folder : schedule.folders)
         exec << execWord(QDir::cleanPath(UserFolders::expandTilde(folder)));
     return QStringLiteral("# Written by Korvane: change the scheduled scan in Korvane's preferences.\n"

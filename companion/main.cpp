@@ -1,6 +1,7 @@
 #include "CompanionApplication.h"
 #include "CompanionSettings.h"
 #include "OnDemandScan.h"
+#include "ScheduledScanNotice.h"
 #include "platform/AgentStatusService.h"
 #include "platform/BundleInfo.h"
 #include "platform/DistributedNotificationCenter.h"
@@ -8,6 +9,7 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QFileInfo>
 #include <QTextStream>
 #include <QTimer>
 
@@ -68,7 +70,8 @@ int main(int argc, char **argv)
     bool graphical = true;
     for (int i = 1; i < argc; ++i) {
         const QByteArray word(argv[i]);
-        if (word.startsWith('-') && word != "--show-preferences")
+        if (word.startsWith('-') && word != "--show-preferences" && word != "--show-scan"
+            && !word.startsWith("--show-results"))
             graphical = false;
     }
     std::unique_ptr<QCoreApplication> app(graphical ? new QApplication(argc, argv) : new QCoreApplication(argc, argv));
@@ -102,17 +105,40 @@ int main(int argc, char **argv)
                                         QStringLiteral("With --scan: move infected files into the quarantine folder."));
     const QCommandLineOption standalone(QStringLiteral("standalone"),
                                         QStringLiteral("With --scan: use the stand-alone scanner, not the daemon."));
-    parser.addOptions({show, add, remove, list, first, status, scan, quarantine, standalone});
+    const QCommandLineOption showScan(QStringLiteral("show-scan"),
+                                      QStringLiteral("Show the Scan page and scan the files and folders given."));
+    const QCommandLineOption notify(QStringLiteral("notify"),
+                                    QStringLiteral("With --scan: when something is found, keep the results and show "
+                                                   "a notification whose click opens them (waits up to 10 minutes)."));
+    const QCommandLineOption showResults(QStringLiteral("show-results"),
+                                         QStringLiteral("Show the results a scan with --notify kept in FILE."),
+                                         QStringLiteral("FILE"));
+    parser.addOptions(
+        {show, add, remove, list, first, status, scan, quarantine, standalone, notify, showScan, showResults});
     parser.addPositionalArgument(QStringLiteral("URL"),
-                                 QStringLiteral("A korvane: URL, such as korvane://update; with --scan, the files "
-                                                "and folders to scan."),
+                                 QStringLiteral("A korvane: URL, such as korvane://update; with --scan or "
+                                                "--show-scan, the files and folders to scan."),
                                  QStringLiteral("[URL|PATH...]"));
     parser.process(*app);
 
     if (parser.isSet(scan)) {
         QTextStream out(stdout);
-        return OnDemandScan::runFromCommandLine(parser.positionalArguments(), parser.isSet(quarantine),
-                                                parser.isSet(standalone), out);
+        QList<InfectedItem> rows;
+        const int result =
+            OnDemandScan::runFromCommandLine(parser.positionalArguments(), parser.isSet(quarantine),
+                                             parser.isSet(standalone), out, QXUtils::defaultEngineCandidates(), &rows);
+        if (parser.isSet(notify) && !rows.isEmpty()) {
+            const QString problem = ScheduledScanNotice::keep(rows);
+            if (!problem.isEmpty())
+                out << "Korvane: the results could not be kept: " << problem << Qt::endl;
+            constexpr int tenMinutes = 10 * 60 * 1000;
+            ScheduledScanNotice::notifyAndWait(
+                rows.size() == 1
+                    ? QCoreApplication::translate("main", "1 infected file. Click to see it.")
+                    : QCoreApplication::translate("main", "%1 infected files. Click to see them.").arg(rows.size()),
+                QCoreApplication::applicationFilePath(), tenMinutes);
+        }
+        return result;
     }
     if (!graphical) {
         QTextStream out(stdout);
@@ -135,14 +161,39 @@ int main(int argc, char **argv)
 
     CompanionApplication companion;
     bool handled = false;
-    for (const QString &argument : parser.positionalArguments())
-        handled = companion.openUrl(QUrl(argument)) || handled;
+    QStringList toScan;
+    const QString resultsFile =
+        parser.isSet(showResults) ? QFileInfo(parser.value(showResults)).absoluteFilePath() : QString();
+    if (!resultsFile.isEmpty()) {
+        handled = true;
+    } else if (parser.isSet(showScan)) {
+        toScan = CompanionApplication::localPaths(parser.positionalArguments());
+        handled = true;
+    } else {
+        for (const QString &argument : parser.positionalArguments()) {
+            // "Open With Korvane" from a file manager hands files and folders.
+            const QStringList local = CompanionApplication::localPaths({argument});
+            if (local.isEmpty())
+                handled = companion.openUrl(QUrl(argument)) || handled;
+            toScan << local;
+        }
+        handled = handled || !toScan.isEmpty();
+    }
+    const bool scanning = parser.isSet(showScan) || !toScan.isEmpty();
     // A second start asks for the window as soon as it finds the name taken,
     // so the name is claimed only once that request would be heard.
     companion.observeAgent();
     if (!companion.claimBusName()) {
         // One companion per session: the running one shows its window.
         DistributedNotificationCenter::defaultCenter()->removeObserver(&companion);
+        if (scanning) {
+            CompanionApplication::askRunningCompanionToScan(toScan);
+            return 0;
+        }
+        if (!resultsFile.isEmpty()) {
+            CompanionApplication::askRunningCompanionToShowResults(resultsFile);
+            return 0;
+        }
         if (!handled || parser.isSet(show)) {
             DistributedNotificationCenter::defaultCenter()->postNotificationName(
                 QStringLiteral("KorvaneShouldOpenPrefs"), QStringLiteral("Korvane"));
@@ -150,9 +201,14 @@ int main(int argc, char **argv)
         }
         return app->exec();
     }
-    if (!CompanionApplication::isAgentRunning())
+    // A scan asked for from a file manager is not a wish to be guarded.
+    if (!scanning && !CompanionApplication::isAgentRunning())
         companion.startAgent();
     if (!handled || parser.isSet(show))
         companion.showPreferences();
+    if (scanning)
+        companion.showScan(toScan);
+    if (!resultsFile.isEmpty())
+        companion.showResults(resultsFile);
     return app->exec();
 }

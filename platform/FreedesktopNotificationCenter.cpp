@@ -102,7 +102,8 @@ void FreedesktopNotificationCenter::actionInvoked(uint id, const QString &action
 
 void FreedesktopNotificationCenter::notificationClosed(uint id, uint)
 {
-    _shownIds.removeOne(id);
+    if (_shownIds.removeOne(id))
+        emit closed();
 }
 
 void FreedesktopNotificationCenter::serviceOwnerChanged(const QString &, const QString &, const QString &newOwner)

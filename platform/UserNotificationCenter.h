@@ -30,4 +30,7 @@ public:
 
 signals:
     void activated();
+    // One of ours went away unclicked (expired or dismissed), where the
+    // desktop tells.
+    void closed();
 };

@@ -7,9 +7,13 @@
 #include <QToolBar>
 
 InfectedItemsWindow::InfectedItemsWindow(QWidget *parent)
+    : InfectedItemsWindow(nullptr, parent)
+{}
+
+InfectedItemsWindow::InfectedItemsWindow(QXTInfectedViewArrayController *dataSource, QWidget *parent)
     : QMainWindow(parent)
     , _tableView(new QXTTableView(this))
-    , _dataSource(new QXTInfectedViewArrayController(this))
+    , _dataSource(dataSource ? dataSource : new QXTInfectedViewArrayController(this))
     , _toolbar(new QToolBar(this))
 {
     setObjectName(QStringLiteral("infectionListWindow"));

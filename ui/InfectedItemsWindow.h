@@ -13,6 +13,8 @@ class InfectedItemsWindow : public QMainWindow
     Q_OBJECT
 public:
     explicit InfectedItemsWindow(QWidget *parent = nullptr);
+    // Shows a list owned elsewhere, such as the rows of a scan on demand.
+    explicit InfectedItemsWindow(QXTInfectedViewArrayController *dataSource, QWidget *parent = nullptr);
 
     QXTTableView *tableView() const { return _tableView; }
     QXTInfectedViewArrayController *dataSource() const { return _dataSource; }

@@ -1,12 +1,14 @@
 #include "CompanionFixture.h"
 #include "companion/CompanionApplication.h"
 #include "companion/LoginItem.h"
+#include "companion/NautilusScript.h"
 #include "platform/DesktopEntryWorkspace.h"
 #include "tests/support/BusTraffic.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QPushButton>
 #include <QTest>
@@ -86,6 +88,35 @@ TEST_F(CompanionApplicationTest, TheLoginEntryAppearsAndDisappearsWithTheCheckbo
     ASSERT_TRUE(w->save());
     EXPECT_FALSE(QFile::exists(LoginItem::path()));
     EXPECT_TRUE(alerts.alerts.isEmpty());
+}
+
+TEST_F(CompanionApplicationTest, TheFilesScriptIsLinkedFromItsPrefixWithTheCheckboxAndAUsersOwnScriptIsSpared)
+{
+    const QString prefix = home->filePath("opt/korvane 1");
+    const QString script = home->writeFile("opt/korvane 1/share/korvane/nautilus/Scan with Korvane", "#!/bin/sh\n");
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    PreferencesWindow *w = openWindow(prefix + "/bin/KorvaneVarden");
+    auto *offered = control<QCheckBox>("nautilusScript");
+
+    offered->setChecked(true);
+    ASSERT_TRUE(w->save());
+    EXPECT_EQ(QFileInfo(home->path() + "/.local/share/nautilus/scripts/Scan with Korvane").symLinkTarget(), script);
+    offered->setChecked(false);
+    ASSERT_TRUE(w->save());
+    EXPECT_FALSE(QFileInfo::exists(NautilusScript::path()));
+    EXPECT_TRUE(alerts.alerts.isEmpty());
+
+    // A script of the user's own under that name is neither replaced nor removed.
+    home->writeFile(".local/share/nautilus/scripts/Scan with Korvane", "mine");
+    offered->setChecked(true);
+    EXPECT_FALSE(w->save());
+    ASSERT_EQ(alerts.alerts.size(), 1);
+    EXPECT_TRUE(alerts.alerts[0].informativeText.contains("a file of your own")) << qPrintable(alerts.alerts[0].informativeText);
+    EXPECT_EQ(TemporaryHome::readFile(NautilusScript::path()), "mine");
+    w->load();
+    EXPECT_FALSE(offered->isChecked());
+    EXPECT_TRUE(NautilusScript::setEnabled(false, prefix + "/bin/Korvane"));
+    EXPECT_EQ(TemporaryHome::readFile(NautilusScript::path()), "mine");
 }
 
 // The agent quits when it has nothing to watch; the folder the user then

@@ -96,7 +96,7 @@ TEST_F(ScheduledScanTest, TheChosenScheduleBecomesATimerAndServiceThatScanTheFol
         QString calendar;
         QString exec;
     };
-    const QString prefix = QLatin1Char('"') + korvane + QStringLiteral("\" --scan ");
+    const QString prefix = QLatin1Char('"') + korvane + QStringLiteral("\" --scan --notify ");
     const QString home = QDir::cleanPath(this->home->path());
     const Row rows[] = {
         {"daily, a folder written with ~",

@@ -51,6 +51,10 @@ for f in ./usr/bin/KorvaneVarden ./usr/bin/Korvane ./usr/lib/korvane/relaunch ./
          ./usr/share/metainfo/org.korvane.Korvane.metainfo.xml ./usr/share/doc/korvane/copyright; do
     check "it holds $f" grep -qx -- "$f" <<<"$contents"
 done
+listing=$(dpkg-deb -c "$deb")
+for f in "./usr/share/kio/servicemenus/korvane-scan.desktop" "./usr/share/korvane/nautilus/Scan with Korvane"; do
+    check "it holds $f, executable" bash -c 'grep -F -- "$1" <<<"$2" | grep -q "^-rwxr-xr-x"' _ "$f" "$listing"
+done
 check "nothing in it lies under /usr/local" bash -c '! grep -q "^./usr/local" <<<"$1"' _ "$contents"
 mkdir -p "$tmp/control"
 dpkg-deb -e "$deb" "$tmp/control"
@@ -61,6 +65,7 @@ if command -v lintian >/dev/null; then
     findings=$(lintian "$deb" 2>&1 | grep -v '^running with root')
     echo "lintian findings:"; echo "${findings:-  none}" | sed 's/^/  /'
     check "lintian finds no errors" bash -c '! grep -q "^E:" <<<"$1"' _ "$findings"
+    check "lintian takes the executable service menu as wanted" bash -c '! grep -q "servicemenus" <<<"$1"' _ "$findings"
 else
     echo "lintian is not installed: not run"
 fi
