@@ -593,7 +593,8 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
         }
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
             continue;
-        const bool timedEntry = (folder.walk == Walk::Initial || folder.walk == Walk::Rescan) && entry->d_type != DT_DIR;
+        const bool timedEntry =
+            (folder.walk == Walk::Initial || folder.walk == Walk::Rescan) && entry->d_type != DT_DIR;
         struct stat status;
         const bool stated = (timedEntry || entry->d_type == DT_UNKNOWN)
                             && ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
