@@ -117,7 +117,9 @@ TEST(InotifyWatcherTest, WatchLimitIsToldToTheUserOncePerStartAndWatchedFoldersK
 
 TEST(InotifyWatcherTest, AfterTheQueueOverflowedWhatChangedSinceItWasLastReadEmptyIsReportedFileByFile)
 {
-    WatchedFolder folder;
+    // Memory-backed where there is such a place, for the thousands of files that overflow the queue.
+    const QString shared = QStringLiteral("/dev/shm");
+    WatchedFolder folder(QFileInfo(shared).isWritable() ? shared : QString());
     InotifyWatcher watcher;
     ASSERT_TRUE(watcher.start({folder.path()}, 0.2, {}));
     watcher.flushSync();
