@@ -1,7 +1,7 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,watch,exclude,idle,list]
+//   agent_bench --scratch DIR [--only detection,overflow,scale,watch,exclude,idle,list]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
@@ -10,6 +10,7 @@
 #include "BenchTable.h"
 #include "DetectionBench.h"
 #include "ListBench.h"
+#include "OverflowBench.h"
 #include "WatchBench.h"
 #include "WatchProbe.h"
 
@@ -42,8 +43,8 @@ int main(int argc, char **argv)
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
     const QCommandLineOption only(QStringLiteral("only"),
-                                  QStringLiteral("Comma-separated: detection, watch, exclude, idle, list."),
-                                  QStringLiteral("parts"), QStringLiteral("detection,watch,exclude,idle,list"));
+                                  QStringLiteral("Comma-separated: detection, overflow, scale, watch, exclude, idle, list."),
+                                  QStringLiteral("parts"), QStringLiteral("detection,overflow,scale,watch,exclude,idle,list"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
     const QCommandLineOption probeExclude(QStringLiteral("probe-exclude"),
@@ -85,8 +86,13 @@ int main(int argc, char **argv)
     const QString root = QDir(scratchDir).absolutePath();
     if (parts.contains(QLatin1String("detection")))
         DetectionBench(daemon.enginePath(), root, table).run();
+    if (parts.contains(QLatin1String("overflow")))
+        OverflowBench(daemon.enginePath(), root, table).run();
+    if (parts.contains(QLatin1String("scale")))
+        DetectionBench(daemon.enginePath(), root, table).runScale();
     WatchBench watch(QCoreApplication::applicationFilePath(), daemon.enginePath(), root, table);
-    watch.run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")));
+    watch.run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")),
+              parts.contains(QLatin1String("scale")));
     if (parts.contains(QLatin1String("exclude")))
         watch.runExcluded();
     if (parts.contains(QLatin1String("list")))

@@ -29,6 +29,7 @@ constexpr int latencyFiles = 20;
 constexpr int slowWriters = 10;
 constexpr int slowWriterDelayMs = 2000;
 constexpr int burstFiles = 10000;
+constexpr int scaleBurstFiles = 100000;
 // One file in a hundred is infected.
 constexpr int burstInfectedEvery = 100;
 constexpr double notificationLatencyMs = 3000;
@@ -91,10 +92,23 @@ bool DetectionBench::run()
     }
     measureLatency(agent);
     measureSlowWriters(agent);
-    measureBurst(agent);
+    measureBurst(agent, QStringLiteral("burst"), burstFiles, burstInfectedEvery);
     if (agent.quitRequested())
         _table.add(QStringLiteral("agent kept running"), QStringLiteral("asked to quit"), QStringLiteral("runs"),
                    false);
+    return true;
+}
+
+bool DetectionBench::runScale()
+{
+    QDir().mkpath(_watched + QStringLiteral("/scale-burst"));
+    BenchAgent agent(_enginePath, _watched);
+    QString error;
+    if (!agent.start(&error)) {
+        _table.add(QStringLiteral("scale: agent starts against the daemon"), error, QStringLiteral("starts"), false);
+        return false;
+    }
+    measureBurst(agent, QStringLiteral("scale-burst"), scaleBurstFiles, burstInfectedEvery);
     return true;
 }
 
@@ -130,7 +144,7 @@ void DetectionBench::measureLatency(BenchAgent &agent)
     QList<double> plain;
     for (int run = 0; run < 5 && !reference.isEmpty(); ++run) {
         QStringList found;
-        const double ms = clamdscan({reference}, &found);
+        const double ms = clamdscan(_enginePath, {reference}, &found);
         if (ms >= 0 && found.size() == 1)
             plain.append(ms);
     }
@@ -216,15 +230,14 @@ void DetectionBench::measureSlowWriters(BenchAgent &agent)
     _table.note(QStringLiteral("slow writers: close → row, slowest"), BenchTable::seconds(worst));
 }
 
-void DetectionBench::measureBurst(BenchAgent &agent)
+void DetectionBench::measureBurst(BenchAgent &agent, const QString &name, int files, int infectedEvery)
 {
-    BenchTable::progress(
-        QStringLiteral("burst: %1 files at once, one in %2 infected").arg(burstFiles).arg(burstInfectedEvery));
+    BenchTable::progress(name + QStringLiteral(": %1 files at once, one in %2 infected").arg(files).arg(infectedEvery));
     QStringList all;
     QStringList infected;
-    for (int i = 0; i < burstFiles; ++i) {
-        all.append(QStringLiteral("%1/burst/f%2.txt").arg(_watched).arg(i, 5, 10, QLatin1Char('0')));
-        if (i % burstInfectedEvery == burstInfectedEvery / 2)
+    for (int i = 0; i < files; ++i) {
+        all.append(QStringLiteral("%1/%2/f%3.txt").arg(_watched, name).arg(i, 6, 10, QLatin1Char('0')));
+        if (i % infectedEvery == infectedEvery / 2)
             infected.append(all.last());
     }
 
@@ -235,8 +248,8 @@ void DetectionBench::measureBurst(BenchAgent &agent)
     std::unique_ptr<QThread> writer(QThread::create([&] {
         const QByteArray eicar = EngineFixture::eicarContents();
         started = BenchClock::nowMs();
-        for (int i = 0; i < burstFiles; ++i) {
-            const bool isInfected = i % burstInfectedEvery == burstInfectedEvery / 2;
+        for (int i = 0; i < files; ++i) {
+            const bool isInfected = i % infectedEvery == infectedEvery / 2;
             const double closed =
                 writeWhole(all.at(i), isInfected ? eicar : QByteArray("clean file ") + QByteArray::number(i) + '\n');
             if (closed < 0)
@@ -249,7 +262,7 @@ void DetectionBench::measureBurst(BenchAgent &agent)
     EventWait::until([&] { return writer->isFinished(); }, 300000);
     writer->wait();
     if (unwritten)
-        BenchTable::progress(QStringLiteral("burst: %1 files could not be written").arg(unwritten));
+        BenchTable::progress(name + QStringLiteral(": %1 files could not be written").arg(unwritten));
 
     agent.waitUntilListed(infected, 300000);
     agent.waitUntilIdle(120000);
@@ -264,59 +277,60 @@ void DetectionBench::measureBurst(BenchAgent &agent)
     }
     qsizetype wronglyListed = 0;
     for (const QString &path : agent.listedPaths())
-        wronglyListed += path.contains(QLatin1String("/burst/")) && !infected.contains(path);
+        wronglyListed += path.contains(QLatin1Char('/') + name + QLatin1Char('/')) && !infected.contains(path);
 
-    BenchTable::progress(QStringLiteral("burst: plain clamdscan --file-list over the same files"));
-    const QString listPath = _watched + QStringLiteral("/../burst.list");
+    BenchTable::progress(name + QStringLiteral(": plain clamdscan --file-list over the same files"));
+    const QString listPath = _watched + QStringLiteral("/../") + name + QStringLiteral(".list");
     QFile list(listPath);
     if (list.open(QIODevice::WriteOnly | QIODevice::Truncate))
         list.write(all.join(QLatin1Char('\n')).toUtf8() + '\n');
     list.close();
     QStringList plainFound;
-    const double plainMs = clamdscan({QStringLiteral("--file-list=") + listPath}, &plainFound);
+    const double plainMs = clamdscan(_enginePath, {QStringLiteral("--file-list=") + listPath}, &plainFound);
     QFile::remove(listPath);
 
     // The daemon's own scan of the folder, on all of its threads: what the
     // agent's burst is measured against.
-    BenchTable::progress(QStringLiteral("burst: the daemon's multiscan of the same folder"));
+    BenchTable::progress(name + QStringLiteral(": the daemon's multiscan of the same folder"));
     QStringList multiFound;
     const double multiMs = clamdscan(
-        {QStringLiteral("--multiscan"), QStringLiteral("--fdpass"), _watched + QStringLiteral("/burst")}, &multiFound);
+        _enginePath, {QStringLiteral("--multiscan"), QStringLiteral("--fdpass"), _watched + QLatin1Char('/') + name},
+        &multiFound);
 
     const double completionMs = listed == infected.size() ? lastListed - lastClosed : NAN;
     const double target = notificationLatencyMs + 2 * dispatcherTickMs + 1.0 * multiMs;
-    _table.note(QStringLiteral("burst: writing %1 files").arg(burstFiles), BenchTable::seconds(lastClosed - started));
-    _table.add(QStringLiteral("burst: last close → every infected file listed"), BenchTable::seconds(completionMs),
+    _table.note(name + QStringLiteral(": writing %1 files").arg(files), BenchTable::seconds(lastClosed - started));
+    _table.add(name + QStringLiteral(": last close → every infected file listed"), BenchTable::seconds(completionMs),
                QStringLiteral("≤ %1 (3 s + 2 s + 1.0 × multiscan)").arg(BenchTable::seconds(target)),
                multiMs >= 0 && completionMs <= target);
-    _table.add(QStringLiteral("burst: infected files missed"), QString::number(infected.size() - listed),
+    _table.add(name + QStringLiteral(": infected files missed"), QString::number(infected.size() - listed),
                QStringLiteral("0 of %1").arg(infected.size()), listed == infected.size());
-    _table.add(QStringLiteral("burst: clean files listed"), QString::number(wronglyListed), QStringLiteral("0"),
+    _table.add(name + QStringLiteral(": clean files listed"), QString::number(wronglyListed), QStringLiteral("0"),
                wronglyListed == 0);
-    _table.add(QStringLiteral("burst: plain clamdscan --file-list, same files"), BenchTable::seconds(plainMs),
+    _table.add(name + QStringLiteral(": plain clamdscan --file-list, same files"), BenchTable::seconds(plainMs),
                QStringLiteral("finds all %1").arg(infected.size()),
                plainMs >= 0 && plainFound.size() == infected.size() ? BenchTable::Verdict::Info
                                                                     : BenchTable::Verdict::Fail);
-    _table.note(QStringLiteral("burst: plain clamdscan found"), count(plainFound.size(), infected.size()));
-    _table.add(QStringLiteral("burst: clamdscan --multiscan --fdpass of the folder"), BenchTable::seconds(multiMs),
+    _table.note(name + QStringLiteral(": plain clamdscan found"), count(plainFound.size(), infected.size()));
+    _table.add(name + QStringLiteral(": clamdscan --multiscan --fdpass of the folder"), BenchTable::seconds(multiMs),
                QStringLiteral("finds all %1").arg(infected.size()),
                multiMs >= 0 && multiFound.size() == infected.size() ? BenchTable::Verdict::Info
                                                                     : BenchTable::Verdict::Fail);
     const auto ratio = [](double a, double b) {
         return a >= 0 && b > 0 ? QStringLiteral("%1 ×").arg(a / b, 0, 'f', 2) : QStringLiteral("n/a");
     };
-    _table.note(QStringLiteral("burst: ratio agent (last close → listed) / multiscan"), ratio(completionMs, multiMs));
-    _table.note(QStringLiteral("burst: ratio agent (last close → listed) / plain --file-list"),
+    _table.note(name + QStringLiteral(": ratio agent (last close → listed) / multiscan"), ratio(completionMs, multiMs));
+    _table.note(name + QStringLiteral(": ratio agent (last close → listed) / plain --file-list"),
                 ratio(completionMs, plainMs));
-    _table.note(QStringLiteral("burst: ratio plain --file-list / multiscan"), ratio(plainMs, multiMs));
+    _table.note(name + QStringLiteral(": ratio plain --file-list / multiscan"), ratio(plainMs, multiMs));
 }
 
-double DetectionBench::clamdscan(const QStringList &arguments, QStringList *found) const
+double DetectionBench::clamdscan(const QString &enginePath, const QStringList &arguments, QStringList *found)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::SeparateChannels);
     const double started = BenchClock::nowMs();
-    process.start(_enginePath + QStringLiteral("/bin/clamdscan"),
+    process.start(enginePath + QStringLiteral("/bin/clamdscan"),
                   QStringList{QStringLiteral("--no-summary")} + arguments);
     if (!process.waitForFinished(600000) || process.exitStatus() != QProcess::NormalExit) {
         process.kill();

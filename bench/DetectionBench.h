@@ -17,14 +17,18 @@ public:
 
     // False when the agent could not be started at all.
     bool run();
+    // The burst ten times larger, with an agent of its own.
+    bool runScale();
+
+    // Runs the prefix's clamdscan with --no-summary; answers the wall time in
+    // ms (negative when it did not finish) and the paths it found infected.
+    static double clamdscan(const QString &enginePath, const QStringList &arguments, QStringList *found);
 
 private:
     void measureLatency(BenchAgent &agent);
     void measureSlowWriters(BenchAgent &agent);
-    void measureBurst(BenchAgent &agent);
-    // Runs the prefix's clamdscan with --no-summary; answers the wall time in
-    // ms (negative when it did not finish) and the paths it found infected.
-    double clamdscan(const QStringList &arguments, QStringList *found) const;
+    // files written at once into the folder name, one in infectedEvery infected.
+    void measureBurst(BenchAgent &agent, const QString &name, int files, int infectedEvery);
     // Budget the agent has beyond the engine's own time: the notification
     // latency and two ticks of the dispatcher.
     static double targetMs(double clamdscanMs);

@@ -21,17 +21,24 @@ int makeFolder(int parent, const char *name)
     return ::openat(parent, name, folderFlags);
 }
 
-qint64 fill(int folder, const QList<int> &fanouts, qsizetype level)
+qint64 fill(int folder, const QList<int> &fanouts, qsizetype level, int filesPerLeaf)
 {
-    if (level == fanouts.size())
+    if (level == fanouts.size()) {
+        for (int i = 0; i < filesPerLeaf; ++i) {
+            const int file = ::openat(folder, QByteArray("f" + QByteArray::number(i)).constData(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            if (file < 0 || ::write(file, "file\n", 5) != 5 || ::close(file) != 0)
+                return -1;
+        }
         return 0;
+    }
     qint64 made = 0;
     for (int i = 0; i < fanouts.at(level); ++i) {
         const QByteArray name = QByteArray::number(i);
         const int child = makeFolder(folder, name.constData());
         if (child < 0)
             return -1;
-        const qint64 below = fill(child, fanouts, level + 1);
+        const qint64 below = fill(child, fanouts, level + 1, filesPerLeaf);
         ::close(child);
         if (below < 0)
             return -1;
@@ -50,12 +57,12 @@ int makeRoot(const QString &root)
 
 } // namespace
 
-qint64 FolderTree::makeWide(const QString &root, const QList<int> &fanouts)
+qint64 FolderTree::makeWide(const QString &root, const QList<int> &fanouts, int filesPerLeaf)
 {
     const int top = makeRoot(root);
     if (top < 0)
         return -1;
-    const qint64 made = fill(top, fanouts, 0);
+    const qint64 made = fill(top, fanouts, 0, filesPerLeaf);
     ::close(top);
     return made < 0 ? -1 : made + 1;
 }

@@ -56,17 +56,17 @@ WatchBench::WatchBench(const QString &program, const QString &enginePath, const 
     , _table(table)
 {}
 
-void WatchBench::run(bool compareSetup, bool measureIdle)
+void WatchBench::run(bool compareSetup, bool measureIdle, bool scale)
 {
     const QList<Tree> trees{
-        {QStringLiteral("wide-10k"), {100, 100}, 0, 0},
-        {QStringLiteral("deep-10k"), {}, 10, 1000},
-        {QStringLiteral("wide-100k"), {100, 100, 10}, 0, 0},
-        {QStringLiteral("deep-100k"), {}, 100, 1000},
+        {QStringLiteral("wide-10k"), {100, 100}, 0, 0},         {QStringLiteral("deep-10k"), {}, 10, 1000},
+        {QStringLiteral("wide-100k"), {100, 100, 10}, 0, 0},    {QStringLiteral("deep-100k"), {}, 100, 1000},
+        {QStringLiteral("files-1m"), {100, 100, 10}, 0, 0, 10},
     };
     for (const Tree &tree : trees) {
         const bool idleTree = tree.name == QLatin1String("wide-100k");
-        if (!compareSetup && !(measureIdle && idleTree))
+        const bool scaleTree = tree.filesPerLeaf > 0;
+        if (scaleTree ? !scale : !compareSetup && !(measureIdle && idleTree))
             continue;
         const QString path = _scratch + QLatin1Char('/') + tree.name;
         const qint64 folders = build(tree, path);
@@ -74,7 +74,7 @@ void WatchBench::run(bool compareSetup, bool measureIdle)
             _table.add(tree.name + QStringLiteral(": tree made"), QStringLiteral("could not be made"),
                        QStringLiteral("made"), false);
         } else {
-            if (compareSetup)
+            if (compareSetup || scaleTree)
                 compare(tree, path, folders);
             if (measureIdle && idleTree)
                 idle(tree, path, folders);
@@ -133,7 +133,7 @@ qint64 WatchBench::build(const Tree &tree, const QString &path) const
     FolderTree::remove(path);
     const double started = BenchClock::nowMs();
     const qint64 folders = tree.fanouts.isEmpty() ? FolderTree::makeDeep(path, tree.chains, tree.depth)
-                                                  : FolderTree::makeWide(path, tree.fanouts);
+                                                  : FolderTree::makeWide(path, tree.fanouts, tree.filesPerLeaf);
     BenchTable::progress(
         QStringLiteral("%1 folders in %2 ms").arg(folders).arg(BenchClock::nowMs() - started, 0, 'f', 0));
     return folders;

@@ -4,6 +4,7 @@
 #include "platform/SystemLog.h"
 #include "platform/UserNotificationCenter.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -53,6 +54,14 @@ qint64 stampClockNs()
 {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return nanoseconds(now);
+}
+
+// Steady across changes of the wall clock, and counting time asleep as the wall clock does.
+qint64 elapsedClockNs()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
     return nanoseconds(now);
 }
 
@@ -140,6 +149,7 @@ private:
     void awaitRoot(const QByteArray &root);
     void lookoutChanged(int wd, uint32_t mask);
     void overflowed();
+    void handOverWhole(const QByteArray &path, int error);
     void walk(bool toTheEnd);
     void visit(PendingFolder folder);
     void reportWatchFailure(int error, const PendingFolder &folder);
@@ -148,6 +158,7 @@ private:
     QByteArray rootOf(int wd) const;
     bool isUnwatched(const QByteArray &path) const;
     bool isRecent(const timespec &time) const { return nanoseconds(time) >= _changedSinceNs; }
+    bool isLost(const timespec &time) const { return nanoseconds(time) >= _lostSinceNs; }
     void note(const QByteArray &path, quint32 flags);
     void closeBatch();
 
@@ -170,6 +181,14 @@ private:
     QHash<int, QList<QByteArray>> _lookouts;
     QList<FileSystemEvent> _batch;
     QHash<QString, qsizetype> _batchIndex;
+    // When the queue was last read empty: whatever an overflow loses came after it.
+    qint64 _drainedAtNs;
+    qint64 _drainedAtElapsedNs;
+    // Changes stamped from then on may be among those an overflow lost; negative
+    // while no walk after an overflow is under way.
+    qint64 _lostSinceNs = -1;
+    qint64 _lostFilesFound = 0;
+    QElapsedTimer _lostWalkClock;
     bool _settingUp = true;
     bool _walkPosted = false;
     bool _limitReported = false;
@@ -183,6 +202,8 @@ InotifyWatcher::Worker::Worker(InotifyWatcher *owner, int fd, const QStringList 
     , _watchBudget(watchBudget)
     , _changedSinceNs(changedSinceNs)
     , _isUnwatched(isUnwatched)
+    , _drainedAtNs(changedSinceNs + stampMarginNs)
+    , _drainedAtElapsedNs(elapsedClockNs())
 {
     for (const QString &root : roots)
         _roots.append(QFile::encodeName(root));
@@ -253,9 +274,16 @@ void InotifyWatcher::Worker::readQueue()
 {
     alignas(inotify_event) char buffer[64 * 1024];
     for (;;) {
+        const qint64 before = stampClockNs();
+        const qint64 elapsedBefore = elapsedClockNs();
         const ssize_t length = ::read(_fd, buffer, sizeof buffer);
         if (length < 0 && errno == EINTR)
             continue;
+        if (length < 0 && errno == EAGAIN) {
+            // Stamped before the read: an event queued while it ran is not lost yet.
+            _drainedAtNs = before;
+            _drainedAtElapsedNs = elapsedBefore;
+        }
         if (length <= 0)
             return;
         for (ssize_t offset = 0; offset < length;) {
@@ -416,13 +444,23 @@ void InotifyWatcher::Worker::adoptMovedFolder(int parent, const QByteArray &name
 
 void InotifyWatcher::Worker::overflowed()
 {
-    // Changes were lost: every root becomes a modified folder to be scanned whole, and
-    // the trees are walked again so that folders created meanwhile get their watches.
+    // Changes were lost since the queue was last read empty. The trees are walked
+    // again: folders made meanwhile get their watches, and every file whose change
+    // time (which no one can set back) falls after that moment is reported. The wall
+    // clock may have been set back since, which the steady clock shows.
+    const qint64 drainedAgoNs = elapsedClockNs() - _drainedAtElapsedNs;
+    const qint64 lostSince = qMin(_drainedAtNs, stampClockNs() - drainedAgoNs) - stampMarginNs;
+    if (_lostSinceNs < 0)
+        _lostWalkClock.start();
+    _lostSinceNs = _lostSinceNs < 0 ? lostSince : qMin(_lostSinceNs, lostSince);
+    // Folders a walk under way has passed already may have lost changes too.
+    _rescanned.clear();
+    const QString since = QDateTime::fromMSecsSinceEpoch(_lostSinceNs / 1'000'000).toString(Qt::ISODateWithMs);
     for (const QByteArray &root : std::as_const(_roots)) {
         for (auto folder = _folders.cbegin(); folder != _folders.cend(); ++folder) {
             if (folder->parent < 0 && folder->name == root) {
-                NSLog(QStringLiteral("inotify queue overflowed: %1 is scanned whole").arg(QFile::decodeName(root)));
-                note(root, MustScanSubDirs | ItemModified | ItemIsDir);
+                NSLog(QStringLiteral("inotify queue overflowed: looking for what changed under %1 since %2")
+                          .arg(QFile::decodeName(root), since));
                 _pending.insert(_pending.begin(), {-1, -1, root, root, Walk::Rescan});
                 break;
             }
@@ -430,6 +468,13 @@ void InotifyWatcher::Worker::overflowed()
     }
     // A missing root may have appeared among the lost events.
     lookoutChanged(-1, 0);
+}
+
+void InotifyWatcher::Worker::handOverWhole(const QByteArray &path, int error)
+{
+    NSLog(QStringLiteral("cannot list %1 after an inotify queue overflow (%2): it is scanned whole")
+              .arg(QFile::decodeName(path), qt_error_string(error)));
+    note(path, MustScanSubDirs | ItemModified | ItemIsDir);
 }
 
 void InotifyWatcher::Worker::walk(bool toTheEnd)
@@ -461,6 +506,15 @@ void InotifyWatcher::Worker::walk(bool toTheEnd)
     }
     _pending.shrink_to_fit();
     _rescanned.clear();
+    if (_lostSinceNs >= 0) {
+        NSLog(QStringLiteral("after the inotify queue overflow: %1 changed files found in %2 ms")
+                  .arg(_lostFilesFound)
+                  .arg(_lostWalkClock.elapsed()));
+        _lostSinceNs = -1;
+        _lostFilesFound = 0;
+        // They waited for the walk already; the latency would only delay them more.
+        closeBatch();
+    }
     if (_settingUp) {
         _settingUp = false;
         _owner->reportSetupFinished(_folders.size());
@@ -474,13 +528,29 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
         // Roots may be symbolic links to folders; nothing below them is followed.
         const int wd = addWatch(folder.path, watchedChanges | (isRoot ? 0 : IN_DONT_FOLLOW));
         if (wd < 0) {
-            reportWatchFailure(errno, folder);
+            const int error = errno;
+            reportWatchFailure(error, folder);
+            if (folder.walk == Walk::Rescan && error != ENOENT && error != ENOTDIR && error != ELOOP)
+                handOverWhole(folder.path, error);
             return;
         }
-        if (!_folders.contains(wd))
-            _folders.insert(wd, {folder.parent, isRoot ? folder.path : folder.name});
-        else if (folder.walk != Walk::Rescan)
+        const QByteArray name = isRoot ? folder.path : folder.name;
+        const auto known = _folders.find(wd);
+        if (known == _folders.end()) {
+            _folders.insert(wd, {folder.parent, name});
+            if (folder.walk == Walk::Rescan) {
+                // Made or moved in among the lost changes: what it holds is all new.
+                note(folder.path, ItemCreated | ItemIsDir);
+                folder.walk = Walk::New;
+            }
+        } else if (folder.walk != Walk::Rescan || _rescanned.contains(wd) || (known->parent < 0 && !isRoot)) {
             return; // reached twice: a bind mount, or a root inside another root
+        } else if (known->parent != folder.parent || known->name != name) {
+            // Renamed among the lost changes.
+            known->parent = folder.parent;
+            known->name = name;
+            note(folder.path, ItemRenamed | ItemIsDir);
+        }
         folder.wd = wd;
     }
     if (folder.walk == Walk::Rescan) {
@@ -490,8 +560,11 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     }
 
     const int fd = ::open(folder.path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
-    if (fd < 0)
+    if (fd < 0) {
+        if (folder.walk == Walk::Rescan && errno != ENOENT && errno != ENOTDIR)
+            handOverWhole(folder.path, errno);
         return;
+    }
     if (folder.walk == Walk::Initial && !isRoot) {
         // Moved in since the start (a move changes only the moved folder's ctime), so
         // what it holds keeps its old times: all of it is new, as for a folder moved in
@@ -504,25 +577,44 @@ void InotifyWatcher::Worker::visit(PendingFolder folder)
     }
     DIR *dir = ::fdopendir(fd);
     if (!dir) {
+        if (folder.walk == Walk::Rescan)
+            handOverWhole(folder.path, errno);
         ::close(fd);
         return;
     }
-    while (const dirent *entry = ::readdir(dir)) {
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(dir);
+        if (!entry) {
+            if (errno != 0 && folder.walk == Walk::Rescan)
+                handOverWhole(folder.path, errno);
+            break;
+        }
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
             continue;
-        const bool initialEntry = folder.walk == Walk::Initial && entry->d_type != DT_DIR;
+        const bool timedEntry =
+            (folder.walk == Walk::Initial || folder.walk == Walk::Rescan) && entry->d_type != DT_DIR;
         struct stat status;
-        const bool stated = (initialEntry || entry->d_type == DT_UNKNOWN)
+        const bool stated = (timedEntry || entry->d_type == DT_UNKNOWN)
                             && ::fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        // Gone since it was listed: its removal is nothing to scan.
+        if (!stated && errno == ENOENT && (timedEntry || entry->d_type == DT_UNKNOWN))
+            continue;
         const bool isFolder = entry->d_type == DT_DIR || (stated && S_ISDIR(status.st_mode));
         const QByteArray name(entry->d_name);
         const QByteArray path = joined(folder.path, name);
         // A folder that was new when its watch came: what is in it already was created since the start.
-        if (folder.walk == Walk::New)
+        if (folder.walk == Walk::New) {
             note(path, ItemCreated | (isFolder ? ItemIsDir : ItemIsFile));
-        // Written or moved in since the start, perhaps before this folder's watch existed.
-        else if (initialEntry && stated && !isFolder && (isRecent(status.st_mtim) || isRecent(status.st_ctim)))
+        } else if (folder.walk == Walk::Initial) {
+            // Written or moved in since the start, perhaps before this folder's watch existed.
+            if (stated && !isFolder && (isRecent(status.st_mtim) || isRecent(status.st_ctim)))
+                note(path, ItemModified | ItemIsFile);
+        } else if (timedEntry && !isFolder && (!stated || (S_ISREG(status.st_mode) && isLost(status.st_ctim)))) {
+            // Changed among the lost events; one whose times cannot be read is taken as changed.
+            ++_lostFilesFound;
             note(path, ItemModified | ItemIsFile);
+        }
         if (isFolder && !isUnwatched(path))
             _pending.push_back({-1, folder.wd, name, path, folder.walk});
     }

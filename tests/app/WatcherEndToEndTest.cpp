@@ -2,6 +2,7 @@
 
 #include "platform/InotifyWatcher.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QPointer>
@@ -51,10 +52,16 @@ TEST_F(WatcherEndToEndTest, FileRemovedAndWrittenAgainWithinOneBatchIsScanned)
     EXPECT_TRUE(waitUntilListed({file})) << listedPaths().join(' ').toStdString();
 }
 
-TEST_F(WatcherEndToEndTest, EveryFileWrittenWhileTheKernelQueueOverflowedIsScanned)
+TEST_F(WatcherEndToEndTest, AfterTheKernelQueueOverflowedWhatChangedMeanwhileIsScannedAndNothingOlder)
 {
+    // Infected but older than the watching: a scan of the whole folder would list them.
+    agent->stopWatching(nullptr);
+    const QStringList older{write("before.com"), write("older/before.com")};
+    write("moved/.keep", "");
+    QTest::qWait(2500);
+    agent->startWatching(nullptr);
     ASSERT_FALSE(watcher.isNull());
-    write("older/.keep", "");
+    agent->events()->flushEventStreamSync();
     ASSERT_TRUE(waitUntilIdle());
     QFile limit(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
     ASSERT_TRUE(limit.open(QIODevice::ReadOnly));
@@ -65,12 +72,26 @@ TEST_F(WatcherEndToEndTest, EveryFileWrittenWhileTheKernelQueueOverflowedIsScann
     // Each new file queues at least two events, so these alone overflow the queue.
     for (int i = 0; i < queueLength / 2 + 100; ++i)
         write(QStringLiteral("clean-%1.txt").arg(i), "clean");
-    const QStringList lost{write("top.com"), write("older/inside.com"), write("newer/inside.com")};
+    const QStringList lost{write("top.com"), write("older/inside.com"), write("newer/inside.com"),
+                           write("moved/inside.com"), write("backdated.com")};
+    // An unpacked archive keeps the times of its files.
+    const QDateTime yearAgo = QDateTime::currentDateTime().addYears(-1);
+    QFile backdated(lost.last());
+    ASSERT_TRUE(backdated.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(backdated.setFileTime(yearAgo, QFileDevice::FileModificationTime));
+    backdated.close();
+    ASSERT_TRUE(QDir().rename(home.filePath("Watched/moved"), home.filePath("Watched/renamed")));
     watcher->holdReading(false);
 
-    EXPECT_TRUE(waitUntilListed(lost)) << listedPaths().join(' ').toStdString();
-    // The folder made while events were lost is watched since.
-    EXPECT_TRUE(waitUntilListed({write("newer/later.com")})) << listedPaths().join(' ').toStdString();
+    QStringList found = lost;
+    found.replace(3, home.filePath("Watched/renamed/inside.com"));
+    EXPECT_TRUE(waitUntilListed(found)) << listedPaths().join(' ').toStdString();
+    // The folders made or renamed while events were lost are watched under their names since.
+    EXPECT_TRUE(waitUntilListed({write("newer/later.com"), write("renamed/later.com")}))
+        << listedPaths().join(' ').toStdString();
+    ASSERT_TRUE(waitUntilIdle());
+    for (const QString &path : older)
+        EXPECT_FALSE(listedPaths().contains(path)) << path.toStdString();
 }
 
 TEST_F(WatcherEndToEndTest, FolderThatIsMissingOrRemovedIsWatchedOnceItIsThereAndWhatItHoldsIsScanned)

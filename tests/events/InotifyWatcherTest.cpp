@@ -16,6 +16,7 @@
 namespace {
 
 constexpr quint32 created = 0x100;
+constexpr quint32 modified = 0x1000;
 
 // Every event a watcher hands out, merged per path over all batches.
 struct Collected
@@ -112,4 +113,33 @@ TEST(InotifyWatcherTest, WatchLimitIsToldToTheUserOncePerStartAndWatchedFoldersK
             << log.lines().join('\n').toStdString();
         watcher.stop();
     }
+}
+
+TEST(InotifyWatcherTest, AfterTheQueueOverflowedWhatChangedSinceItWasLastReadEmptyIsReportedFileByFile)
+{
+    // Memory-backed where there is such a place, for the thousands of files that overflow the queue.
+    const QString shared = QStringLiteral("/dev/shm");
+    WatchedFolder folder(QFileInfo(shared).isWritable() ? shared : QString());
+    InotifyWatcher watcher;
+    ASSERT_TRUE(watcher.start({folder.path()}, 0.2, {}));
+    watcher.flushSync();
+    const QString older = folder.writeFile(QStringLiteral("sub/older.txt"));
+    QTest::qWait(2500);
+    // Everything up to here was delivered: nothing older can be among what an overflow loses.
+    watcher.flushSync();
+    Collected collected(&watcher);
+    QFile limit(QStringLiteral("/proc/sys/fs/inotify/max_queued_events"));
+    ASSERT_TRUE(limit.open(QIODevice::ReadOnly));
+    const int queueLength = limit.readAll().trimmed().toInt();
+
+    watcher.holdReading(true);
+    for (int i = 0; i < queueLength / 2 + 100; ++i)
+        folder.writeFile(QStringLiteral("flood-%1.txt").arg(i));
+    const QString lost = folder.writeFile(QStringLiteral("sub/lost.txt"));
+    watcher.holdReading(false);
+    watcher.flushSync();
+
+    EXPECT_TRUE(collected.has(lost, modified));
+    EXPECT_FALSE(collected.flags.contains(older));
+    EXPECT_FALSE(collected.flags.contains(folder.path())) << "the folder was handed over whole";
 }
