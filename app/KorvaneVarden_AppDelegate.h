@@ -90,10 +90,10 @@ public:
     void openUpdateLog(QObject *sender);
     void abortScans(QObject *sender);
     void reallyAbortScans(QObject *sender);
-    // The engine's scan program, stopped by name when scans are aborted;
-    // tests name a program of their own so that no one else's scans stop.
-    static QString scanProgramName();
-    static void setScanProgramName(const QString &name);
+    // The engine's scan programs, stopped by name when scans are aborted;
+    // tests name programs of their own so that no one else's scans stop.
+    static QStringList scanProgramNames();
+    static void setScanProgramNames(const QStringList &names);
 
     // The infected-items window's toolbar.
     void setupToolbar();

@@ -19,7 +19,8 @@
 
 namespace {
 
-QString scanProgram = QStringLiteral("clamdscan");
+// The daemon's client and the stand-alone scanner, which scans on demand run.
+QStringList scanPrograms{QStringLiteral("clamdscan"), QStringLiteral("clamscan")};
 
 } // namespace
 
@@ -146,7 +147,7 @@ void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
     QProcess killall;
     const QString name = QString::fromLocal8Bit(user->pw_name);
     killall.start(QStringLiteral("killall"),
-                  {QStringLiteral("-q"), QStringLiteral("-9"), QStringLiteral("-u"), name, scanProgram});
+                  QStringList{QStringLiteral("-q"), QStringLiteral("-9"), QStringLiteral("-u"), name} + scanPrograms);
     if (!killall.waitForFinished(5000)) {
         SystemLog::log(QStringLiteral("killall could not stop the scans: %1").arg(killall.errorString()));
         return;
@@ -156,14 +157,14 @@ void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
         SystemLog::log(QStringLiteral("error:%1").arg(errors));
 }
 
-QString KorvaneVarden_AppDelegate::scanProgramName()
+QStringList KorvaneVarden_AppDelegate::scanProgramNames()
 {
-    return scanProgram;
+    return scanPrograms;
 }
 
-void KorvaneVarden_AppDelegate::setScanProgramName(const QString &name)
+void KorvaneVarden_AppDelegate::setScanProgramNames(const QStringList &names)
 {
-    scanProgram = name;
+    scanPrograms = names;
 }
 
 // The agent shows no scan or update progress.

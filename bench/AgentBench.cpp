@@ -1,7 +1,7 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,overflow,scale,watch,exclude,idle,list]
+//   agent_bench --scratch DIR [--only detection,overflow,scale,watch,exclude,idle,list,ondemand]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
@@ -10,6 +10,7 @@
 #include "BenchTable.h"
 #include "DetectionBench.h"
 #include "ListBench.h"
+#include "OnDemandBench.h"
 #include "OverflowBench.h"
 #include "WatchBench.h"
 #include "WatchProbe.h"
@@ -43,8 +44,9 @@ int main(int argc, char **argv)
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
     const QCommandLineOption only(QStringLiteral("only"),
-                                  QStringLiteral("Comma-separated: detection, overflow, scale, watch, exclude, idle, list."),
-                                  QStringLiteral("parts"), QStringLiteral("detection,overflow,scale,watch,exclude,idle,list"));
+                                  QStringLiteral("Comma-separated: detection, overflow, scale, watch, exclude, idle, list, ondemand."),
+                                  QStringLiteral("parts"),
+                                  QStringLiteral("detection,overflow,scale,watch,exclude,idle,list,ondemand"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
     const QCommandLineOption probeExclude(QStringLiteral("probe-exclude"),
@@ -97,6 +99,8 @@ int main(int argc, char **argv)
         watch.runExcluded();
     if (parts.contains(QLatin1String("list")))
         ListBench(daemon.enginePath(), root, table).run();
+    if (parts.contains(QLatin1String("ondemand")))
+        OnDemandBench(daemon.enginePath(), root, table).run();
 
     QTextStream out(stdout);
     table.print(out);

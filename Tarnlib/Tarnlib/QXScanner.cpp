@@ -7,6 +7,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFileInfo>
 #include <QMutexLocker>
 #include <QUuid>
 
@@ -330,6 +331,13 @@ QStringList QXScanner::commonArguments(const QStringList &paths)
     }
     if (_usingClamd || delegate->suppressSummary())
         arguments << QStringLiteral("--no-summary");
+    // The client walks a folder itself and without this hands the daemon one
+    // file at a time, leaving all its threads but one idle.
+    if (_usingClamd && std::any_of(paths.begin(), paths.end(), [](const QString &path) {
+            const QFileInfo info(path);
+            return info.isDir() && !info.isSymLink();
+        }))
+        arguments << QStringLiteral("--multiscan");
     if (delegate->hasAdditionalCmdArgs())
         arguments << delegate->additionalCmdArgs().split(QLatin1Char(' '), Qt::KeepEmptyParts);
     return arguments;

@@ -239,7 +239,12 @@ QStringList QXUtils::obtainFilesForSavedSearchAtPath(const QString &path, bool *
             this, [this, text] { appendToConsole(text); }, Qt::QueuedConnection);
     };
     QXSavedSearch search(path);
-    const QStringList found = search.expand(_savedSearchEntryLimit);
+    QStringList found = search.expand(_savedSearchEntryLimit);
+    // The daemon's client takes no exclusions, so what the search finds in an
+    // excluded place is left out here, as the stand-alone scanner leaves it.
+    // The settings were read before the scan began and hold still during it.
+    if (_useClamd)
+        found = leaveExcludedPathsOutOfBatch(found);
     if (!search.problem().isEmpty()) {
         SystemLog::log(QStringLiteral("saved search: %1").arg(search.problem()));
         console(Localization::text("SPOTLIGHT_PROBLEM").replace(QLatin1String("%@"), QFileInfo(path).fileName()));

@@ -130,9 +130,11 @@ TEST_F(RemoteScanningServiceTest, AbortingScansEndsTheWaitForTheService)
 
     // Aborting stops scan programs by name: a name of this test's own keeps
     // everyone else's scans running.
-    KorvaneVarden_AppDelegate::setScanProgramName(QStringLiteral("kvscan%1").arg(QCoreApplication::applicationPid()));
+    const QStringList programs = KorvaneVarden_AppDelegate::scanProgramNames();
+    KorvaneVarden_AppDelegate::setScanProgramNames(
+        {QStringLiteral("kvscan%1").arg(QCoreApplication::applicationPid())});
     agent->reallyAbortScans(nullptr);
-    KorvaneVarden_AppDelegate::setScanProgramName(QStringLiteral("clamdscan"));
+    KorvaneVarden_AppDelegate::setScanProgramNames(programs);
     EXPECT_FALSE(agent->utils()->batchWaitsForRemoteService());
     EXPECT_TRUE(QTest::qWaitFor([&] { return agent->readyToScan(); }, 5000));
 

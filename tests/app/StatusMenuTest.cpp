@@ -1,9 +1,11 @@
 #include "AgentFixture.h"
 
 #include "app/Dispatcher.h"
+#include "companion/OnDemandScan.h"
 #include "platform/BundleInfo.h"
 #include "platform/Localization.h"
 #include "platform/UserFolders.h"
+#include "tests/support/EngineFixture.h"
 #include "tests/support/ListedRows.h"
 #include "tests/support/RecordingWorkspace.h"
 #include "ui/InfectedItemsWindow.h"
@@ -19,6 +21,8 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTextStream>
+#include <QTimer>
 
 #include <functional>
 
@@ -333,20 +337,40 @@ protected:
     void SetUp() override
     {
         StatusMenuTest::SetUp();
-        // A program of this test's own name stands in for the scans, so that
+        // Programs of this test's own names stand in for the scans, so that
         // no one else's scans stop.
         standIn = QStringLiteral("kvscan%1").arg(QCoreApplication::applicationPid());
         QFile::copy(QStringLiteral("/bin/sleep"), programs.filePath(standIn));
-        KorvaneVarden_AppDelegate::setScanProgramName(standIn);
+        saved = KorvaneVarden_AppDelegate::scanProgramNames();
+        KorvaneVarden_AppDelegate::setScanProgramNames(
+            {standIn, standInFor(QStringLiteral("clamdscan")), standInFor(QStringLiteral("clamscan"))});
     }
     void TearDown() override
     {
-        KorvaneVarden_AppDelegate::setScanProgramName(QStringLiteral("clamdscan"));
+        KorvaneVarden_AppDelegate::setScanProgramNames(saved);
         StatusMenuTest::TearDown();
+    }
+
+    QString standInFor(const QString &program) const
+    {
+        return program.left(5) + QString::number(QCoreApplication::applicationPid());
+    }
+    // Scanning, not answering the engine check's version question.
+    static bool scanning(const QString &program)
+    {
+        for (const QString &pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+            QFile comm(QStringLiteral("/proc/%1/comm").arg(pid));
+            QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
+            if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == program.toUtf8()
+                && cmdline.open(QIODevice::ReadOnly) && cmdline.readAll().contains("--file-list="))
+                return true;
+        }
+        return false;
     }
 
     QTemporaryDir programs;
     QString standIn;
+    QStringList saved;
 };
 
 TEST_F(AbortTest, AbortingAsksFirstAndOnlyTheAlternateAnswerEmptiesTheListsAndStopsTheUsersScans)
@@ -386,6 +410,53 @@ TEST_F(AbortTest, AbortingAsksFirstAndOnlyTheAlternateAnswerEmptiesTheListsAndSt
             EXPECT_EQ(scan.exitStatus(), QProcess::CrashExit);
         }
         scan.waitForFinished();
+    }
+}
+
+TEST_F(AbortTest, AbortEndsTheUsersOnDemandScanOnEitherRoadAndTheScanSaysStopped)
+{
+    ASSERT_TRUE(EngineFixture::shared().isReady()) << EngineFixture::shared().errorString().toStdString();
+    // The test engine, with its scanners run under this test's own names.
+    QTemporaryDir prefix;
+    const QString engine = EngineFixture::shared().enginePath();
+    for (const QFileInfo &entry : QDir(engine).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot)) {
+        if (entry.fileName() != QLatin1String("bin"))
+            QFile::link(entry.filePath(), prefix.filePath(entry.fileName()));
+    }
+    QDir(prefix.path()).mkdir(QStringLiteral("bin"));
+    for (const QString &program : {QStringLiteral("clamscan"), QStringLiteral("clamdscan")}) {
+        const QString standIn = programs.filePath(standInFor(program));
+        QFile::link(QStringLiteral("/usr/bin/") + program, standIn);
+        QFile wrapper(engine + QStringLiteral("/bin/") + program);
+        ASSERT_TRUE(wrapper.open(QIODevice::ReadOnly));
+        QFile renamed(prefix.filePath(QStringLiteral("bin/") + program));
+        ASSERT_TRUE(renamed.open(QIODevice::WriteOnly));
+        renamed.write(wrapper.readAll().replace("/usr/bin/" + program.toUtf8(), standIn.toUtf8()));
+        renamed.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    for (int i = 0; i < 3000; ++i)
+        home.writeFile(QStringLiteral("Scan/%1.txt").arg(i).toUtf8(), QByteArray(4096, char('a' + i % 26)));
+
+    for (const bool standalone : {false, true}) {
+        SCOPED_TRACE(standalone ? "stand-alone" : "daemon");
+        const QString scanner = standInFor(standalone ? QStringLiteral("clamscan") : QStringLiteral("clamdscan"));
+        QTimer abort;
+        abort.callOnTimeout([&] {
+            if (scanning(scanner)) {
+                abort.stop();
+                agent->reallyAbortScans(nullptr);
+            }
+        });
+        abort.start(5);
+        // What Korvane --scan runs.
+        QString output;
+        QTextStream out(&output);
+        const int exitCode =
+            OnDemandScan::runFromCommandLine({home.filePath("Scan")}, false, standalone, out,
+                                             {{prefix.path(), prefix.filePath("share/clamav/freshclam.log")}});
+        EXPECT_FALSE(abort.isActive()) << "the scanner never ran";
+        EXPECT_EQ(exitCode, 2) << output.toStdString();
+        EXPECT_TRUE(output.contains(QStringLiteral("Result: stopped"))) << output.toStdString();
     }
 }
 

@@ -1,5 +1,6 @@
 #include "CompanionFixture.h"
 #include "companion/OnDemandScan.h"
+#include "platform/PropertyList.h"
 #include "platform/UserFolders.h"
 #include "tests/support/EngineFixture.h"
 #include "ui/QXTInfectedViewArrayController.h"
@@ -143,6 +144,32 @@ TEST_P(OnDemandScanTest, StopOrAKillFromOutsideEndsTheScanAsStoppedWithNoScanner
         EXPECT_EQ(finished.value(0).value(0).value<OnDemandScan::Summary>().result, OnDemandScan::Result::Stopped);
         EXPECT_TRUE(scannerChildren().isEmpty());
     }
+}
+
+TEST_P(OnDemandScanTest, ASavedSearchScansWhatItsQueryFindsOutsideExcludedFolders)
+{
+    QStringList found{write("Found/one.com"), write("Found/deep/er/two.com")};
+    found.sort();
+    // Infected too, but the query does not find the first, and the second
+    // lies in a folder the settings exclude.
+    write("Found/left.exe");
+    write("Found/Skipped/hidden.com");
+    home->writeDomain(QStringLiteral("org.korvane.Korvane"),
+                      {{QStringLiteral("ExcludePatterns"),
+                        QVariantList{QVariantMap{{QStringLiteral("excludePattern"), QStringLiteral("Skipped")},
+                                                 {QStringLiteral("excludeEnabled"), true}}}}});
+    const QVariantMap search{{QStringLiteral("RawQueryDict"),
+                              QVariantMap{{QStringLiteral("RawQuery"), QStringLiteral(R"(kMDItemFSName == "*.com")")},
+                                          {QStringLiteral("SearchScopes"), QVariantList{home->filePath("Found")}}}}};
+    const QString path = home->filePath("Infected.savedSearch");
+    ASSERT_TRUE(PropertyList::writeXmlFile(path, search));
+
+    OnDemandScan scanner(testEngine());
+    const OnDemandScan::Summary summary = scan(scanner, {path});
+
+    EXPECT_EQ(rows(scanner), found);
+    EXPECT_EQ(summary.result, OnDemandScan::Result::Infected) << summary.error.toStdString();
+    EXPECT_EQ(summary.infected, 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothRoads, OnDemandScanTest, ::testing::Values(Road::Daemon, Road::Standalone));
