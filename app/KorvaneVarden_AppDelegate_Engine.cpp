@@ -23,7 +23,8 @@ void KorvaneVarden_AppDelegate::engineFoundWithVersionString(const QString &vers
 {
     _protectionStatus->clearReason(QStringLiteral("engine"));
     takeDefinitionsDate(version);
-    _definitionsRescan->definitionsReported(version, rescanEnabled());
+    if (_definitionsRescan->definitionsReported(version, rescanEnabled()))
+        _rescanTimer.start();
     _engineStatusReactions->engineFoundWithVersionString(version);
 }
 

@@ -24,10 +24,12 @@ void KorvaneVarden_AppDelegate::setupRescan()
         SystemLog::log(QStringLiteral("no journal of clean scans, so no scan again after updates: %1")
                            .arg(_cleanScanJournal->problem()));
     _definitionsRescan = new DefinitionsRescan(_cleanScanJournal, CleanScanJournal::defaultFolder(), this);
-    // Picks the rescan up again whenever the agent has been busy or waiting.
+    // Picks the rescan up again whenever the agent has been busy or waiting;
+    // it runs only while files are queued.
     _rescanTimer.setInterval(250);
     connect(&_rescanTimer, &QTimer::timeout, this, &KorvaneVarden_AppDelegate::feedRescan);
-    _rescanTimer.start();
+    if (_definitionsRescan->hasPending())
+        _rescanTimer.start();
 }
 
 bool KorvaneVarden_AppDelegate::rescanEnabled() const
@@ -38,10 +40,9 @@ bool KorvaneVarden_AppDelegate::rescanEnabled() const
 
 void KorvaneVarden_AppDelegate::feedRescan()
 {
-    if (!_definitionsRescan->hasPending())
-        return;
-    if (!rescanEnabled()) {
+    if (!_definitionsRescan->hasPending() || !rescanEnabled()) {
         _definitionsRescan->clear();
+        _rescanTimer.stop();
         return;
     }
     // New files of the watcher always go first.
