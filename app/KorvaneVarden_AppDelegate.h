@@ -174,9 +174,9 @@ public:
     DefinitionsRescan *definitionsRescan() const { return _definitionsRescan; }
     // Hands the next files of a rescan to the engine when nothing else waits.
     void feedRescan();
-    // A rescan's batch is sized to end within this, so that a new file
-    // waits at most one tick more than it would without it.
-    static constexpr int rescanBatchTargetMs = 400;
+    // A rescan's batch is sized to end within this, below one tick, which
+    // is all a new file may wait for it.
+    static constexpr int rescanBatchTargetMs = 700;
 
     // The path popup beside the selected row.
     void showInfectedPath(QObject *sender);

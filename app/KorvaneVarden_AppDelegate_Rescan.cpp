@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int minRescanBatch = 8;
-constexpr int maxRescanBatch = 2000;
+constexpr int maxRescanBatch = 5000;
 
 } // namespace
 

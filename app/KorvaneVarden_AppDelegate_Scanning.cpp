@@ -94,6 +94,7 @@ void KorvaneVarden_AppDelegate::stopAnimation()
 
 void KorvaneVarden_AppDelegate::scanFinishedWithStatus(int status)
 {
+    const bool rescanBatch = _rescanBatch;
     if (std::exchange(_selfTestBatch, false))
         _selfTest->scanEnded();
     else
@@ -103,8 +104,12 @@ void KorvaneVarden_AppDelegate::scanFinishedWithStatus(int status)
     stopAnimation();
     _utils->setScanning(false);
     _readyToScan = true;
-    // A rescan goes on at once, at the daemon's pace, unless new files wait.
-    if (_definitionsRescan->hasPending())
+    // New files that became ready during a rescan's batch go at once rather
+    // than at the next tick, so the rescan delays them by one short batch at
+    // most; otherwise the rescan goes on at once, at the daemon's pace.
+    if (rescanBatch && !_dispatcher->readyList().isEmpty())
+        QMetaObject::invokeMethod(this, &KorvaneVarden_AppDelegate::startScan, Qt::QueuedConnection);
+    else if (_definitionsRescan->hasPending())
         QMetaObject::invokeMethod(this, &KorvaneVarden_AppDelegate::feedRescan, Qt::QueuedConnection);
 }
 
