@@ -1,7 +1,7 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,watch,idle,list]
+//   agent_bench --scratch DIR [--only detection,watch,idle,list,rescan,journal]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
@@ -10,6 +10,7 @@
 #include "BenchTable.h"
 #include "DetectionBench.h"
 #include "ListBench.h"
+#include "RescanBench.h"
 #include "WatchBench.h"
 #include "WatchProbe.h"
 
@@ -42,8 +43,8 @@ int main(int argc, char **argv)
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
     const QCommandLineOption only(QStringLiteral("only"),
-                                  QStringLiteral("Comma-separated: detection, watch, idle, list."),
-                                  QStringLiteral("parts"), QStringLiteral("detection,watch,idle,list"));
+                                  QStringLiteral("Comma-separated: detection, watch, idle, list, rescan, journal."),
+                                  QStringLiteral("parts"), QStringLiteral("detection,watch,idle,list,rescan,journal"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
     const QCommandLineOption probeIdle(QStringLiteral("probe-idle"), QStringLiteral("Child: the agent idling on tree."),
@@ -87,6 +88,10 @@ int main(int argc, char **argv)
         .run(parts.contains(QLatin1String("watch")), parts.contains(QLatin1String("idle")));
     if (parts.contains(QLatin1String("list")))
         ListBench(daemon.enginePath(), root, table).run();
+    if (parts.contains(QLatin1String("rescan")))
+        RescanBench(root, table).run();
+    if (parts.contains(QLatin1String("journal")))
+        RescanBench(root, table).measureJournalCost();
 
     QTextStream out(stdout);
     table.print(out);
