@@ -186,10 +186,11 @@ QString DefinitionsRescan::updateDate() const
 
 QString DefinitionsRescan::logLineForBatch(const QStringList &batch) const
 {
-    return QStringLiteral(
-               "Scanning again %1 files found clean before the definitions changed to %2 (update of %3):\n  %4")
+    return QStringLiteral("Scanning again, because the definitions changed to %1 (update of %2), files found clean "
+                          "before: %3\n  %4")
+        .arg(_definitions, updateDate())
         .arg(batch.size())
-        .arg(_definitions, updateDate(), batch.join(QStringLiteral("\n  ")));
+        .arg(batch.join(QStringLiteral("\n  ")));
 }
 
 void DefinitionsRescan::save()
