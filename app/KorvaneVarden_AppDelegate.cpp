@@ -59,6 +59,7 @@ KorvaneVarden_AppDelegate::KorvaneVarden_AppDelegate(const QList<QXUtils::Engine
     _foldersBeingWatchedSubmenu = new QMenu;
     _protectionStatus = new ProtectionStatus(this);
     setupProtectionStatus();
+    setupRescan();
 }
 
 KorvaneVarden_AppDelegate::~KorvaneVarden_AppDelegate()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CleanScanJournal.h"
 #include "DispatcherDelegate.h"
 #include "events/QXFSEventStreamWatcherDelegate.h"
 #include "events/SCEventListenerProtocol.h"
@@ -11,6 +12,8 @@
 #include "ui/EngineStatusReactionsDelegate.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
+#include <QHash>
 #include <QIcon>
 #include <QList>
 #include <QObject>
@@ -21,6 +24,7 @@
 #include <memory>
 
 class AppcastUpdater;
+class DefinitionsRescan;
 class Dispatcher;
 class EngineStatusReactions;
 class InfectedFileActions;
@@ -165,6 +169,15 @@ public:
     // Definitions older than this leave the guard partial.
     static constexpr int definitionsMaxAgeDays = 7;
 
+    // The files scanned clean, scanned again once the definitions change.
+    CleanScanJournal *cleanScanJournal() const { return _cleanScanJournal; }
+    DefinitionsRescan *definitionsRescan() const { return _definitionsRescan; }
+    // Hands the next files of a rescan to the engine when nothing else waits.
+    void feedRescan();
+    // A rescan's batch is sized to end within this, below one tick, which
+    // is all a new file may wait for it.
+    static constexpr int rescanBatchTargetMs = 700;
+
     // The path popup beside the selected row.
     void showInfectedPath(QObject *sender);
     void hideFloatingPathWindow(QObject *sender);
@@ -257,6 +270,10 @@ private:
     // leaves the user's scan log alone; answers whether this batch was it.
     bool scanSelfTestApart(QStringList &batch);
     void stopObserving();
+    void setupRescan();
+    bool rescanEnabled() const;
+    // Journals what the batch that just ended found clean.
+    void takeCleanScans(int status);
     void validateMenu(QMenu *menu);
     void validateToolbarItems();
     void scheduleUpdateChecks();
@@ -309,4 +326,13 @@ private:
     bool _toldOfWorseStatus = false;
     QDateTime _definitionsDate;
     QTimer _definitionsAgeTimer;
+    CleanScanJournal *_cleanScanJournal = nullptr;
+    DefinitionsRescan *_definitionsRescan = nullptr;
+    // What each file of the batch under way was when it was handed over.
+    QHash<QString, CleanScanJournal::Entry> _batchBeforeScan;
+    QStringList _infectedOfBatch;
+    bool _rescanBatch = false;
+    int _rescanBatchSize = 64;
+    QElapsedTimer _rescanBatchClock;
+    QTimer _rescanTimer;
 };

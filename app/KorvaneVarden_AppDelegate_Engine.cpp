@@ -1,6 +1,7 @@
 // The engine check, the daemon's start and the definitions update.
 #include "KorvaneVarden_AppDelegate.h"
 
+#include "DefinitionsRescan.h"
 #include "ProtectionStatus.h"
 #include "ui/EngineStatusReactions.h"
 
@@ -22,6 +23,8 @@ void KorvaneVarden_AppDelegate::engineFoundWithVersionString(const QString &vers
 {
     _protectionStatus->clearReason(QStringLiteral("engine"));
     takeDefinitionsDate(version);
+    if (_definitionsRescan->definitionsReported(version, rescanEnabled()))
+        _rescanTimer.start();
     _engineStatusReactions->engineFoundWithVersionString(version);
 }
 

@@ -1,6 +1,7 @@
 // Handing batches to the engine, its reports, and stopping scans.
 #include "KorvaneVarden_AppDelegate.h"
 
+#include "DefinitionsRescan.h"
 #include "Dispatcher.h"
 #include "SelfTest.h"
 #include "platform/AlertPresenter.h"
@@ -60,6 +61,12 @@ void KorvaneVarden_AppDelegate::startScan()
         _readyToScan = true;
         return;
     }
+    _batchBeforeScan.clear();
+    for (const QString &path : toScan) {
+        if (const std::optional<CleanScanJournal::Entry> entry = CleanScanJournal::entryForFile(path))
+            _batchBeforeScan.insert(path, *entry);
+    }
+    _infectedOfBatch.clear();
     _utils->scanFiles(toScan);
 }
 
@@ -86,20 +93,33 @@ void KorvaneVarden_AppDelegate::stopAnimation()
     _throbberStatusItem->setImage(_throbberWatchingImage);
 }
 
-void KorvaneVarden_AppDelegate::scanFinishedWithStatus(int)
+void KorvaneVarden_AppDelegate::scanFinishedWithStatus(int status)
 {
+    const bool rescanBatch = _rescanBatch;
     if (std::exchange(_selfTestBatch, false))
         _selfTest->scanEnded();
+    else
+        takeCleanScans(status);
     // The engine may have refused the user's extra arguments.
     takeSettingsConflicts();
     stopAnimation();
     _utils->setScanning(false);
     _readyToScan = true;
+    // New files that became ready during a rescan's batch go at once rather
+    // than at the next tick, so the rescan delays them by one short batch at
+    // most; otherwise the rescan goes on at once, at the daemon's pace.
+    if (rescanBatch && !_dispatcher->readyList().isEmpty())
+        QMetaObject::invokeMethod(this, &KorvaneVarden_AppDelegate::startScan, Qt::QueuedConnection);
+    else if (_definitionsRescan->hasPending())
+        QMetaObject::invokeMethod(this, &KorvaneVarden_AppDelegate::feedRescan, Qt::QueuedConnection);
 }
 
 void KorvaneVarden_AppDelegate::scanCrashed(const QString &reason)
 {
     SystemLog::log(QStringLiteral("-[KorvaneVarden_AppDelegate scanCrashed:]:%1").arg(reason));
+    // Nothing of a crashed batch counts as scanned.
+    if (!_selfTestBatch)
+        takeCleanScans(-1);
     scanFinishedWithStatus(0);
 }
 
@@ -134,6 +154,8 @@ void KorvaneVarden_AppDelegate::abortScans(QObject *sender)
 void KorvaneVarden_AppDelegate::reallyAbortScans(QObject *)
 {
     _dispatcher->removeAllItems();
+    // The user asked for quiet: the files queued for a scan again are let go.
+    _definitionsRescan->clear();
     // Our own batch is stopped as such, so that what its clients leave
     // unscanned is not taken up again once they are killed below, and a batch
     // waiting for the scanning service, which has no program to kill, ends too.
@@ -195,6 +217,7 @@ void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, con
         _selfTest->found(inFile);
         return;
     }
+    _infectedOfBatch.append(inFile);
     const QString fileName = QFileInfo(inFile).fileName();
     addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
     // Drawing the same image again for every row of a burst would hold up the window.
@@ -203,6 +226,9 @@ void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, con
     _throbberWatchingImage = *alertImage;
     if (_throbberStatusItem->image().cacheKey() != alertImage->cacheKey())
         _throbberStatusItem->setImage(*alertImage);
-    _utils->postToNotificationCenterWithTitle(QStringLiteral("Infection Found!"),
-                                              QStringLiteral("%1 infected with %2").arg(fileName, infectionName));
+    QString message = QStringLiteral("%1 infected with %2").arg(fileName, infectionName);
+    // Scanned clean before: the user must know it is no new file.
+    if (_rescanBatch)
+        message += QStringLiteral(", found after the update of %1").arg(_definitionsRescan->updateDate());
+    _utils->postToNotificationCenterWithTitle(QStringLiteral("Infection Found!"), message);
 }

@@ -127,6 +127,7 @@ void KorvaneVarden_AppDelegate::stopWatching(QObject *sender)
     _foldersBeingWatchedSubmenu->clear();
     _throbberStatusItem->setImage(_throbberDefaultImage);
     _watching = false;
+    _cleanScanJournal->flush();
 }
 
 void KorvaneVarden_AppDelegate::restartWatching(QObject *)

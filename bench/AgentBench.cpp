@@ -1,7 +1,7 @@
 // Speed and memory figures of the agent against the real daemon, printed as
 // one table; bench/run builds and runs it.
 //
-//   agent_bench --scratch DIR [--only detection,overflow,scale,watch,exclude,idle,list,ondemand]
+//   agent_bench --scratch DIR [--only detection,overflow,scale,watch,exclude,idle,list,ondemand,rescan,journal]
 //
 // DIR holds the watched folders and trees (tmpfs is best). The program also
 // runs itself in a process of its own for the watch and idle figures
@@ -12,6 +12,7 @@
 #include "ListBench.h"
 #include "OnDemandBench.h"
 #include "OverflowBench.h"
+#include "RescanBench.h"
 #include "WatchBench.h"
 #include "WatchProbe.h"
 
@@ -43,14 +44,17 @@ int main(int argc, char **argv)
     parser.addHelpOption();
     const QCommandLineOption scratch(QStringLiteral("scratch"), QStringLiteral("Folder for watched files and trees."),
                                      QStringLiteral("dir"));
-    const QCommandLineOption only(QStringLiteral("only"),
-                                  QStringLiteral("Comma-separated: detection, overflow, scale, watch, exclude, idle, list, ondemand."),
-                                  QStringLiteral("parts"),
-                                  QStringLiteral("detection,overflow,scale,watch,exclude,idle,list,ondemand"));
+    const QCommandLineOption only(
+        QStringLiteral("only"),
+        QStringLiteral(
+            "Comma-separated: detection, overflow, scale, watch, exclude, idle, list, ondemand, rescan, journal."),
+        QStringLiteral("parts"),
+        QStringLiteral("detection,overflow,scale,watch,exclude,idle,list,ondemand,rescan,journal"));
     const QCommandLineOption probeWatch(QStringLiteral("probe-watch"), QStringLiteral("Child: watch tree."),
                                         QStringLiteral("tree"));
     const QCommandLineOption probeExclude(QStringLiteral("probe-exclude"),
-                                          QStringLiteral("Child: leave out folders holding text."), QStringLiteral("text"));
+                                          QStringLiteral("Child: leave out folders holding text."),
+                                          QStringLiteral("text"));
     const QCommandLineOption probeIdle(QStringLiteral("probe-idle"), QStringLiteral("Child: the agent idling on tree."),
                                        QStringLiteral("tree"));
     const QCommandLineOption engine(QStringLiteral("engine"), QStringLiteral("Engine prefix for --probe-idle."),
@@ -101,6 +105,10 @@ int main(int argc, char **argv)
         ListBench(daemon.enginePath(), root, table).run();
     if (parts.contains(QLatin1String("ondemand")))
         OnDemandBench(daemon.enginePath(), root, table).run();
+    if (parts.contains(QLatin1String("rescan")))
+        RescanBench(root, table).run();
+    if (parts.contains(QLatin1String("journal")))
+        RescanBench(root, table).measureJournalCost();
 
     QTextStream out(stdout);
     table.print(out);

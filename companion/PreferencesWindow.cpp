@@ -236,6 +236,13 @@ QWidget *PreferencesWindow::scanningPage()
     form->addRow(tr("More scanner arguments:"), _additionalArgs);
     form->addRow(_logUpdates);
     form->addRow(_updateDefsOnLaunch);
+    _rescanAfterUpdate = checkBox(tr("After each definitions update, scan again the files found clean in the last"),
+                                  "RescanAfterUpdate");
+    _rescanDays = new QSpinBox;
+    _rescanDays->setObjectName(QStringLiteral("RescanJournalDays"));
+    _rescanDays->setRange(1, 365);
+    _rescanDays->setSuffix(tr(" days"));
+    form->addRow(_rescanAfterUpdate, _rescanDays);
     form->addRow(_automaticChecks);
     return page;
 }
@@ -366,7 +373,10 @@ void PreferencesWindow::load()
     _additionalArgs->setText(_settings->value(QStringLiteral("AdditionalCmdLineArgs")).toString());
     _logUpdates->setChecked(flag("LogUpdates"));
     _updateDefsOnLaunch->setChecked(flag("UpdateDefsOnLaunch"));
+    _rescanAfterUpdate->setChecked(flag("RescanAfterUpdate"));
     bool isNumber = false;
+    const int rescanDays = _settings->value(QStringLiteral("RescanJournalDays")).toInt(&isNumber);
+    _rescanDays->setValue(isNumber && rescanDays > 0 ? rescanDays : 14);
     const int rotate = _settings->value(QStringLiteral("rotateScanlogWhenSizeReaches")).toInt(&isNumber);
     _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
     _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));
@@ -439,6 +449,8 @@ bool PreferencesWindow::save()
         _settings->setValue(QStringLiteral("AdditionalCmdLineArgs"), arguments);
     _settings->setValue(QStringLiteral("LogUpdates"), _logUpdates->isChecked());
     _settings->setValue(QStringLiteral("UpdateDefsOnLaunch"), _updateDefsOnLaunch->isChecked());
+    _settings->setValue(QStringLiteral("RescanAfterUpdate"), _rescanAfterUpdate->isChecked());
+    _settings->setValue(QStringLiteral("RescanJournalDays"), _rescanDays->value());
     _settings->setValue(QStringLiteral("rotateScanlogWhenSizeReaches"), _rotateSize->value());
     _settings->setValue(QStringLiteral("SUEnableAutomaticChecks"), _automaticChecks->isChecked());
 

@@ -99,6 +99,8 @@ private:
     QCheckBox *_logUpdates;
     QCheckBox *_updateDefsOnLaunch;
     QSpinBox *_rotateSize;
+    QCheckBox *_rescanAfterUpdate;
+    QSpinBox *_rescanDays;
     QCheckBox *_automaticChecks;
     QCheckBox *_startAtLogin;
     QCheckBox *_nautilusScript;

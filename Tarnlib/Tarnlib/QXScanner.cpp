@@ -69,11 +69,11 @@ int QXScanner::clientsForBatch(qsizetype files, int daemonThreads)
     return int(std::clamp<qsizetype>(files / filesPerClientAtLeast, 1, std::max(daemonThreads, 1)));
 }
 
-void QXScanner::runScanOnFiles(const QStringList &paths)
+void QXScanner::runScanOnFiles(const QStringList &paths, const QString &note)
 {
     QXScannerDelegate *delegate = _delegate;
     reportToMainAndWait([delegate] { delegate->scanStarted(); });
-    beginRun(paths);
+    beginRun(paths, note);
 
     // A newline would cut a name in the list and in the engine's output, so
     // such a name is scanned in a call of its own.
@@ -88,7 +88,7 @@ void QXScanner::runScanOnFiles(const QStringList &paths)
     _thePathsToScan.clear();
 }
 
-void QXScanner::beginRun(const QStringList &paths)
+void QXScanner::beginRun(const QStringList &paths, const QString &note)
 {
     _logScans = _delegate->logScans();
     _childOutputs.clear();
@@ -105,6 +105,8 @@ void QXScanner::beginRun(const QStringList &paths)
         writeToLog(dateText());
     else
         writeToLog(QStringLiteral("%1\n%2\nItems to be scanned:\n").arg(QString(79, QLatin1Char('-')), dateText()));
+    if (!note.isEmpty())
+        writeToLog(note);
 }
 
 QXScanner::RunResult QXScanner::runListedAndAlone(const QString &program, const QStringList &listed,

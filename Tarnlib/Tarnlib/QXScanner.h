@@ -30,8 +30,9 @@ public:
     ~QXScanner() override;
 
     // One scan; runs on the worker's thread, so owners send it with
-    // perform([=] { scanner->runScanOnFiles(batch); }).
-    void runScanOnFiles(const QStringList &paths);
+    // perform([=] { scanner->runScanOnFiles(batch); }). A note, when given,
+    // heads the run in the scan log.
+    void runScanOnFiles(const QStringList &paths, const QString &note = {});
 
     // Appends text and a newline to the scan log when this run logs.
     void writeToLog(const QString &text);
@@ -98,7 +99,7 @@ private:
     };
 
     // Forgets the last run and writes the new run's heading to the scan log.
-    void beginRun(const QStringList &paths);
+    void beginRun(const QStringList &paths, const QString &note);
     // The listed paths in one run (or shared among clients), then each path
     // that cannot be listed in a run of its own; one result for them all.
     RunResult runListedAndAlone(const QString &program, const QStringList &listed, const QStringList &alone);

@@ -66,7 +66,7 @@ public:
     void checkEngine();
     void updateDefs();
     // The agent's self-test scans without a line in the user's scan log.
-    void scanFiles(const QStringList &paths, bool logged = true);
+    void scanFiles(const QStringList &paths, bool logged = true, const QString &note = {});
     void countFiles(const QStringList &paths);
     void pauseResume();
     void stop();

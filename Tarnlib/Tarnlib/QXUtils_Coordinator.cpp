@@ -14,7 +14,7 @@
 #include <QFileInfo>
 #include <QThreadPool>
 
-void QXUtils::scanFiles(const QStringList &paths, bool logged)
+void QXUtils::scanFiles(const QStringList &paths, bool logged, const QString &note)
 {
     _suppressSummary = readPreferenceForKey(QStringLiteral("SuppressSummary")).toBool();
     determineAdditionalArguments();
@@ -28,7 +28,7 @@ void QXUtils::scanFiles(const QStringList &paths, bool logged)
     _infectedPathsOfBatch.clear();
     QXScanner *scanner = _theScanner;
     const QStringList batch = paths;
-    scanner->perform([scanner, batch] { scanner->runScanOnFiles(batch); });
+    scanner->perform([scanner, batch, note] { scanner->runScanOnFiles(batch, note); });
 }
 
 void QXUtils::countFiles(const QStringList &paths)

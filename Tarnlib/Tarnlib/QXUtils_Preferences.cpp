@@ -52,6 +52,8 @@ Kind kindOfKey(const QString &key)
         {QStringLiteral("VardenFolderArray"), Kind::Array},
         {QStringLiteral("rotateScanlogWhenSizeReaches"), Kind::Number},
         {QStringLiteral("SUEnableAutomaticChecks"), Kind::Boolean},
+        {QStringLiteral("RescanAfterUpdate"), Kind::Boolean},
+        {QStringLiteral("RescanJournalDays"), Kind::Number},
     };
     return kinds.value(key, Kind::Any);
 }
@@ -131,6 +133,8 @@ QVariantMap QXUtils::builtInDefaults()
         {QStringLiteral("AlertOnCompletion"), true},
         {QStringLiteral("ScheduleUpdateTime"), schedule},
         {QStringLiteral("ScheduleScanTime"), schedule},
+        {QStringLiteral("RescanAfterUpdate"), true},
+        {QStringLiteral("RescanJournalDays"), 14},
     };
 }
 

@@ -239,3 +239,39 @@ void EngineFixture::stopDaemon()
     }
     _daemonPid = 0;
 }
+
+bool EngineFixture::offerUpdate(const QByteArray &extraSignatures, int version)
+{
+    const QString source = QStringLiteral(KORVANE_SOURCE_DIR "/resources/signatures/");
+    QFile ndb(source + QStringLiteral("korvane.ndb"));
+    if (!_updateDir.isValid() || !ndb.open(QIODevice::ReadOnly))
+        return false;
+    const QString build = _updateDir.path();
+    QDir().mkpath(build + QStringLiteral("/empty"));
+    QFile::remove(build + QStringLiteral("/daily.cud"));
+    QFile::remove(build + QStringLiteral("/COPYING"));
+    if (!writeFile(build + QStringLiteral("/daily.ndb"), ndb.readAll() + extraSignatures)
+        || !QFile::copy(source + QStringLiteral("COPYING"), build + QStringLiteral("/COPYING")))
+        return false;
+    QProcess sigtool;
+    sigtool.setWorkingDirectory(build);
+    sigtool.setProcessChannelMode(QProcess::MergedChannels);
+    sigtool.start(QStringLiteral("sigtool"),
+                  {QStringLiteral("--datadir=") + build + QStringLiteral("/empty"), QStringLiteral("--build=daily.cud"),
+                   QStringLiteral("--unsigned"), QStringLiteral("--cvd-version=%1").arg(version)});
+    sigtool.write("KorvaneTest\n");
+    sigtool.closeWriteChannel();
+    if (!sigtool.waitForFinished(60000) || sigtool.exitCode() != 0) {
+        _error = QStringLiteral("sigtool failed: ") + QString::fromLocal8Bit(sigtool.readAll());
+        return false;
+    }
+    const QString db = enginePath() + QStringLiteral("/share/clamav");
+    const QString script = QStringLiteral("#!/bin/sh\ncp %1 %2.new && mv -f %2.new %2 || exit 2\n"
+                                          "%3 --reload >/dev/null\nexit 1\n")
+                               .arg(shellQuoted(build + QStringLiteral("/daily.cud")),
+                                    shellQuoted(db + QStringLiteral("/daily.cud")),
+                                    shellQuoted(enginePath() + QStringLiteral("/bin/clamdscan")));
+    const QString runner = enginePath() + QStringLiteral("/bin/RunFreshclam");
+    QFile::remove(runner);
+    return writeFile(runner, script.toUtf8(), executable);
+}

@@ -39,6 +39,12 @@ public:
 
     static QString installScriptPath();
 
+    // Has bin/RunFreshclam install our signature set plus extraSignatures
+    // (".ndb" lines) as definitions of that version, built as
+    // scripts/install-engine builds the first set, and have the daemon
+    // reload them. False when the set cannot be built.
+    bool offerUpdate(const QByteArray &extraSignatures, int version);
+
     // Contents the engine detects, and the names it reports for them (before
     // the engine appends ".UNOFFICIAL").
     static QByteArray eicarContents();
@@ -53,6 +59,7 @@ private:
     void stopDaemon();
 
     QTemporaryDir _dir;
+    QTemporaryDir _updateDir;
     Layout _layout;
     bool _ready = false;
     QString _error;
