@@ -75,3 +75,17 @@ void BenchAgent::rowsInserted(int first, int last)
     for (int row = first; row <= last && row < items.size(); ++row)
         _listedAt.insert(items.at(row).value(QStringLiteral("filePath")).toString(), now);
 }
+
+double BenchAgent::lastListedAt(const QStringList &paths, qsizetype &listed) const
+{
+    listed = 0;
+    double last = 0;
+    for (const QString &path : paths) {
+        const double at = listedAt(path);
+        if (at >= 0) {
+            ++listed;
+            last = std::max(last, at);
+        }
+    }
+    return last;
+}

@@ -29,6 +29,8 @@ public:
 
     // BenchClock time of the list's rowsInserted for path; negative when not listed.
     double listedAt(const QString &path) const { return _listedAt.value(path, -1); }
+    // When the last of paths was listed, counting into listed those that were; 0 for none.
+    double lastListedAt(const QStringList &paths, qsizetype &listed) const;
     QStringList listedPaths() const { return _listedAt.keys(); }
     bool waitUntilListed(const QStringList &paths, int timeoutMs) const;
     // Nothing waiting, ready or being scanned.

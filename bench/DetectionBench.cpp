@@ -267,14 +267,7 @@ void DetectionBench::measureBurst(BenchAgent &agent, const QString &name, int fi
     agent.waitUntilListed(infected, 300000);
     agent.waitUntilIdle(120000);
     qsizetype listed = 0;
-    double lastListed = 0;
-    for (const QString &path : std::as_const(infected)) {
-        const double at = agent.listedAt(path);
-        if (at >= 0) {
-            ++listed;
-            lastListed = std::max(lastListed, at);
-        }
-    }
+    const double lastListed = agent.lastListedAt(infected, listed);
     qsizetype wronglyListed = 0;
     for (const QString &path : agent.listedPaths())
         wronglyListed += path.contains(QLatin1Char('/') + name + QLatin1Char('/')) && !infected.contains(path);

@@ -167,14 +167,7 @@ void OverflowBench::run()
     agent.waitUntilListed(infected, 600000);
     agent.waitUntilIdle(600000);
     qsizetype listed = 0;
-    double lastListed = 0;
-    for (const QString &path : std::as_const(infected)) {
-        const double at = agent.listedAt(path);
-        if (at >= 0) {
-            ++listed;
-            lastListed = std::max(lastListed, at);
-        }
-    }
+    const double lastListed = agent.lastListedAt(infected, listed);
     qsizetype existingHanded = 0;
     for (const QString &path : std::as_const(handed))
         existingHanded += path.contains(QLatin1String("/old-"));

@@ -3,9 +3,9 @@
 #include "platform/PropertyList.h"
 #include "platform/UserFolders.h"
 #include "tests/support/EngineFixture.h"
+#include "tests/support/ScannerProcesses.h"
 #include "ui/QXTInfectedViewArrayController.h"
 
-#include <QDirIterator>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTextStream>
@@ -19,30 +19,6 @@ QList<QXUtils::EngineCandidate> testEngine()
 {
     const QString prefix = EngineFixture::shared().enginePath();
     return {{prefix, prefix + QStringLiteral("/share/clamav/freshclam.log")}};
-}
-
-// The scanner processes this test process runs now (the engine check is no
-// scan).
-QList<qint64> scannerChildren()
-{
-    QList<qint64> children;
-    for (QDirIterator it(QStringLiteral("/proc")); it.hasNext();) {
-        bool number = false;
-        const qint64 pid = it.next().section(QLatin1Char('/'), -1).toLongLong(&number);
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-        if (!number || !stat.open(QIODevice::ReadOnly))
-            continue;
-        const QByteArray line = stat.readAll();
-        const qsizetype close = line.lastIndexOf(')');
-        const QList<QByteArray> fields = line.mid(close + 2).split(' ');
-        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(pid));
-        const QList<QByteArray> arguments =
-            cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll().split('\0') : QList<QByteArray>();
-        const bool scans = arguments.contains("-rv") || arguments.contains("--no-summary");
-        if (fields.size() > 1 && fields.at(1).toLongLong() == getpid() && fields.at(0) != "Z" && scans)
-            children << pid;
-    }
-    return children;
 }
 
 enum class Road { Daemon, Standalone };
