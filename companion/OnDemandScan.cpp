@@ -230,8 +230,8 @@ void OnDemandScan::scanCrashed(const QString &reason)
 void OnDemandScan::scanFinishedWithStatus(int status)
 {
     _utils->setScanning(false);
-    // The daemon's client tells no count; a scan that ran through scanned
-    // what the counter counted.
+    // The daemon's client names only the clean files as it goes; a scan that
+    // ran through scanned what the counter counted.
     if (_useClamd && (status == 0 || status == 1) && !_stopRequested)
         _scanned = std::max(_scanned, _total);
     if (_stopRequested)

@@ -7,6 +7,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QUuid>
@@ -31,6 +32,25 @@ QString dateText()
            + QStringLiteral("%1%2")
                  .arg(minutes / 60, 2, 10, QLatin1Char('0'))
                  .arg(minutes % 60, 2, 10, QLatin1Char('0'));
+}
+
+// Each folder replaced by the regular files below it, as the daemon would
+// walk it (no links followed, no special files); a folder without any stays.
+QStringList filesOfFolders(const QStringList &paths)
+{
+    QStringList files;
+    for (const QString &path : paths) {
+        const QFileInfo info(path);
+        const qsizetype before = files.size();
+        if (info.isDir() && !info.isSymLink()) {
+            for (QDirIterator it(path, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
+                 it.hasNext();)
+                files << it.next();
+        }
+        if (files.size() == before)
+            files << path;
+    }
+    return files;
 }
 
 } // namespace
@@ -74,6 +94,11 @@ void QXScanner::runScanOnFiles(const QStringList &paths, const QString &note)
     QXScannerDelegate *delegate = _delegate;
     reportToMainAndWait([delegate] { delegate->scanStarted(); });
     beginRun(paths, note);
+    // The daemon's client names each file of a list as the daemon answers it,
+    // but of a folder only what was found: whoever follows the scan gets its
+    // folders as their files, which also shares them among the clients.
+    if (_usingClamd && _delegateWantsUpdates)
+        _thePathsToScan = filesOfFolders(_thePathsToScan);
 
     // A newline would cut a name in the list and in the engine's output, so
     // such a name is scanned in a call of its own.
@@ -333,13 +358,6 @@ QStringList QXScanner::commonArguments(const QStringList &paths)
     }
     if (_usingClamd || delegate->suppressSummary())
         arguments << QStringLiteral("--no-summary");
-    // The client walks a folder itself and without this hands the daemon one
-    // file at a time, leaving all its threads but one idle.
-    if (_usingClamd && std::any_of(paths.begin(), paths.end(), [](const QString &path) {
-            const QFileInfo info(path);
-            return info.isDir() && !info.isSymLink();
-        }))
-        arguments << QStringLiteral("--multiscan");
     if (delegate->hasAdditionalCmdArgs())
         arguments << delegate->additionalCmdArgs().split(QLatin1Char(' '), Qt::KeepEmptyParts);
     return arguments;
@@ -405,6 +423,15 @@ void QXScanner::handleLine(const QString &line)
         return;
     }
     writeToLog(line);
+    // The daemon's client names each file once it has the daemon's answer:
+    // for whoever follows the scan, that is the stand-alone scanner's "Scanning".
+    static const QLatin1String cleanMark(": OK");
+    if (_usingClamd && _delegateWantsUpdates && line.endsWith(cleanMark)) {
+        const QString scanning = QStringLiteral("Scanning ") + line.chopped(cleanMark.size());
+        reportToMain([delegate, scanning] { delegate->updateProgressWithMessage(scanning); });
+        reportToMain([delegate] { delegate->updateProgressBar(); });
+        return;
+    }
     if (std::optional<Found> found = foundInLine(line)) {
         // Our own signatures carry the engine's mark of unofficial ones, which
         // is no part of the infection's name.

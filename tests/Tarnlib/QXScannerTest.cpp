@@ -226,6 +226,9 @@ TEST_F(QXScannerTest, OutputCutAnywhereIsParsedAsWholeLines)
     ASSERT_TRUE(waitForEnd());
     EXPECT_THAT(delegate.events(),
                 ElementsAre("scanStarted", infection("/x/a", eicarName), "updateProgressWithMessage:Scanning /x/b",
+                            "updateProgressBar",
+                            // The daemon's client names a clean file instead.
+                            QString::fromUtf8("updateProgressWithMessage:Scanning /x/gr\xC3\xBC\xC3\x9F" "e"),
                             "updateProgressBar", "appendToConsole:\n",
                             "appendToConsole:" + Localization::text("DB_OUT_OF_DATE"),
                             // The output ended without a newline: its last line still counts.

@@ -68,7 +68,7 @@ protected:
 
 TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
 {
-    for (int i = 0; i < 300; ++i)
+    for (int i = 0; i < 2000; ++i)
         home->writeFile(QStringLiteral("Grow/%1.txt").arg(i).toUtf8(), "clean");
     home->writeFile("Grow/bad.com", EngineFixture::eicarContents());
     auto *bar = control<QProgressBar>("scanProgress");
@@ -77,12 +77,17 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
     int added = 0;
     int shown = 0;
     bool wentBack = false;
+    // Through the daemon too the bar moves and names the file while the scan runs, not only at its end.
+    bool movedMidway = false;
+    bool namedAFile = false;
     QTimer look;
     QObject::connect(&look, &QTimer::timeout, [&] {
         if (bar->maximum() > 0) {
             wentBack = wentBack || bar->value() < shown;
             shown = bar->value();
+            movedMidway = movedMidway || (page->running() && bar->value() > 0 && bar->value() < bar->maximum());
         }
+        namedAFile = namedAFile || text("scanCurrentFile").contains(home->filePath("Grow"));
         // Files appear in the folder while it is being scanned.
         if (added < 200)
             home->writeFile(QStringLiteral("Grow/late%1.txt").arg(added++).toUtf8(), "late");
@@ -93,6 +98,8 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
     ASSERT_TRUE(waitForEnd());
 
     EXPECT_FALSE(wentBack);
+    EXPECT_TRUE(movedMidway);
+    EXPECT_TRUE(namedAFile);
     EXPECT_GE(bar->maximum(), 301);
     EXPECT_EQ(bar->value(), bar->maximum());
     EXPECT_EQ(text("scanInfectedCount"), "1 infected");
