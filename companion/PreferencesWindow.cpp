@@ -236,13 +236,14 @@ QWidget *PreferencesWindow::scanningPage()
     form->addRow(tr("More scanner arguments:"), _additionalArgs);
     form->addRow(_logUpdates);
     form->addRow(_updateDefsOnLaunch);
-    _rescanAfterUpdate = checkBox(tr("After each definitions update, scan again the files found clean in the last"),
-                                  "RescanAfterUpdate");
+    _rescanAfterUpdate = checkBox(tr("Scan files found clean again after each definitions update"), "RescanAfterUpdate");
     _rescanDays = new QSpinBox;
     _rescanDays->setObjectName(QStringLiteral("RescanJournalDays"));
     _rescanDays->setRange(1, 365);
     _rescanDays->setSuffix(tr(" days"));
-    form->addRow(_rescanAfterUpdate, _rescanDays);
+    form->addRow(_rescanAfterUpdate);
+    form->addRow(tr("Remember clean files for:"), _rescanDays);
+    connect(_rescanAfterUpdate, &QCheckBox::toggled, _rescanDays, &QWidget::setEnabled);
     form->addRow(_automaticChecks);
     return page;
 }
@@ -377,6 +378,7 @@ void PreferencesWindow::load()
     bool isNumber = false;
     const int rescanDays = _settings->value(QStringLiteral("RescanJournalDays")).toInt(&isNumber);
     _rescanDays->setValue(isNumber && rescanDays > 0 ? rescanDays : 14);
+    _rescanDays->setEnabled(_rescanAfterUpdate->isChecked());
     const int rotate = _settings->value(QStringLiteral("rotateScanlogWhenSizeReaches")).toInt(&isNumber);
     _rotateSize->setValue(isNumber && rotate > 0 ? rotate : defaultRotateKilobytes);
     _automaticChecks->setChecked(flag("SUEnableAutomaticChecks"));

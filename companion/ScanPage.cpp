@@ -124,6 +124,7 @@ ScanPage::ScanPage(const QList<QXUtils::EngineCandidate> &engines, QWidget *pare
     _infectedCount = new QLabel;
     _infectedCount->setObjectName(QStringLiteral("scanInfectedCount"));
     status->addWidget(_currentFile, 1);
+    status->addSpacing(12);
     status->addWidget(_infectedCount);
     layout->addLayout(status);
     _summary = new QLabel;
@@ -320,7 +321,10 @@ void ScanPage::showProgress()
         _progress->setFormat(_total < 0 ? counted(_scanned, "1 file scanned", "%1 files scanned")
                                         : tr("%1 of %2 files").arg(_scanned).arg(total));
     }
-    _currentFile->setText(_file.isEmpty() ? QString() : tr("Scanning %1").arg(_file));
+    // Elided in the middle, so that both the folder and the file's name show.
+    const QString scanning = _file.isEmpty() ? QString() : tr("Scanning %1").arg(_file);
+    _currentFile->setText(_currentFile->fontMetrics().elidedText(scanning, Qt::ElideMiddle, _currentFile->width()));
+    _currentFile->setToolTip(scanning);
     _infectedCount->setText(tr("%1 infected").arg(_scan->results()->rowCount()));
 }
 

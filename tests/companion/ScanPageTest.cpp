@@ -87,7 +87,7 @@ TEST_F(ScanPageTest, TheBarNeverPassesItsTotalWhileFilesAreAddedAndEndsFull)
             shown = bar->value();
             movedMidway = movedMidway || (page->running() && bar->value() > 0 && bar->value() < bar->maximum());
         }
-        namedAFile = namedAFile || text("scanCurrentFile").contains(home->filePath("Grow"));
+        namedAFile = namedAFile || control<QLabel>("scanCurrentFile")->toolTip().contains(home->filePath("Grow"));
         // Files appear in the folder while it is being scanned.
         if (added < 200)
             home->writeFile(QStringLiteral("Grow/late%1.txt").arg(added++).toUtf8(), "late");
