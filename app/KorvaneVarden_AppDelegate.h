@@ -18,6 +18,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QTimer>
 
 #include <functional>
@@ -273,6 +274,8 @@ private:
     void setupRescan();
     bool rescanEnabled() const;
     // Journals what the batch that just ended found clean.
+    // What the batch's files are before the scan, for the journal of clean scans.
+    void noteBatchBeforeScan(const QStringList &batch);
     void takeCleanScans(int status);
     void validateMenu(QMenu *menu);
     void validateToolbarItems();
@@ -330,7 +333,7 @@ private:
     DefinitionsRescan *_definitionsRescan = nullptr;
     // What each file of the batch under way was when it was handed over.
     QHash<QString, CleanScanJournal::Entry> _batchBeforeScan;
-    QStringList _infectedOfBatch;
+    QSet<QString> _infectedOfBatch;
     bool _rescanBatch = false;
     int _rescanBatchSize = 64;
     QElapsedTimer _rescanBatchClock;

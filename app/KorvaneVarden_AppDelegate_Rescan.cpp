@@ -68,21 +68,29 @@ void KorvaneVarden_AppDelegate::feedRescan()
         _readyToScan = true;
         return;
     }
-    _batchBeforeScan.clear();
-    for (const QString &path : std::as_const(batch)) {
-        if (const std::optional<CleanScanJournal::Entry> entry = CleanScanJournal::entryForFile(path))
-            _batchBeforeScan.insert(path, *entry);
-    }
-    _infectedOfBatch.clear();
+    noteBatchBeforeScan(batch);
     _rescanBatch = true;
     _rescanBatchClock.start();
     _utils->scanFiles(batch, true, _definitionsRescan->logLineForBatch(batch));
 }
 
+void KorvaneVarden_AppDelegate::noteBatchBeforeScan(const QStringList &batch)
+{
+    _batchBeforeScan.clear();
+    _infectedOfBatch.clear();
+    // Without the journal nothing would be recorded: the files are not looked at.
+    if (!rescanEnabled())
+        return;
+    for (const QString &path : batch) {
+        if (const std::optional<CleanScanJournal::Entry> entry = CleanScanJournal::entryForFile(path))
+            _batchBeforeScan.insert(path, *entry);
+    }
+}
+
 void KorvaneVarden_AppDelegate::takeCleanScans(int status)
 {
     const QHash<QString, CleanScanJournal::Entry> before = std::exchange(_batchBeforeScan, {});
-    const QStringList infected = std::exchange(_infectedOfBatch, {});
+    const QSet<QString> infected = std::exchange(_infectedOfBatch, {});
     const bool rescan = std::exchange(_rescanBatch, false);
     if (rescan) {
         // A batch that ended otherwise than with its files scanned is
@@ -106,9 +114,12 @@ void KorvaneVarden_AppDelegate::takeCleanScans(int status)
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
     QList<CleanScanJournal::Entry> clean;
     for (const CleanScanJournal::Entry &entry : before) {
-        const bool found = std::any_of(infected.begin(), infected.end(), [&](const QString &path) {
-            return entry.path == path || entry.path.startsWith(path + QLatin1Char('/'));
-        });
+        // Found itself or inside a found path; looked up, so that a burst's
+        // thousand finds are not compared with each of its files.
+        bool found = false;
+        for (qsizetype end = entry.path.size(); end > 0 && !found;
+             end = entry.path.lastIndexOf(QLatin1Char('/'), end - 1))
+            found = infected.contains(entry.path.left(end));
         // A file changed during the scan is the watcher's to scan again.
         if (found || !CleanScanJournal::unchanged(entry))
             continue;

@@ -61,12 +61,7 @@ void KorvaneVarden_AppDelegate::startScan()
         _readyToScan = true;
         return;
     }
-    _batchBeforeScan.clear();
-    for (const QString &path : toScan) {
-        if (const std::optional<CleanScanJournal::Entry> entry = CleanScanJournal::entryForFile(path))
-            _batchBeforeScan.insert(path, *entry);
-    }
-    _infectedOfBatch.clear();
+    noteBatchBeforeScan(toScan);
     _utils->scanFiles(toScan);
 }
 
@@ -217,7 +212,7 @@ void KorvaneVarden_AppDelegate::infectionFound(const QString &infectionName, con
         _selfTest->found(inFile);
         return;
     }
-    _infectedOfBatch.append(inFile);
+    _infectedOfBatch.insert(inFile);
     const QString fileName = QFileInfo(inFile).fileName();
     addToInfectedListTheFile(fileName, inFile, infectionName, QString(""));
     // Drawing the same image again for every row of a burst would hold up the window.
